@@ -1,0 +1,1 @@
+// The module's class table.
