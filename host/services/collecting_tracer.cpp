@@ -1,0 +1,129 @@
+#include "host/services/collecting_tracer.h"
+
+#include <cstdlib>
+
+#include "zel/result.h"
+
+namespace host {
+
+CollectingTracer::~CollectingTracer() {
+  // Lines a test left open would otherwise leak.
+  for (auto& [buffer, level] : m_open) std::free(buffer);
+}
+
+zel::result_t CollectingTracer::QueryInterface(zel::iid_t iid, void** out) {
+  if (iid == 0 || iid == zel::ITracer::iid) {
+    *out = static_cast<zel::ITracer*>(this);
+  } else if (iid == zel::trace::ITraceLevelLimit::iid && m_exposeLimit.load(std::memory_order_acquire)) {
+    *out = static_cast<zel::trace::ITraceLevelLimit*>(this);
+  } else {
+    *out = nullptr;
+    return zel::result::InterfaceNotSupported;
+  }
+  AddRef();
+  return zel::result::NoError;
+}
+
+zel::result_t CollectingTracer::AllocLine(std::uint32_t level, zel::TraceRecord* record, std::uint64_t size) {
+  m_allocCount.fetch_add(1, std::memory_order_relaxed);
+  const AllocMode mode = record == nullptr           ? AllocMode::Query
+                         : record->buffer == nullptr ? AllocMode::Open
+                                                     : AllocMode::Grow;
+  if (m_recording.load(std::memory_order_relaxed)) {
+    std::lock_guard lock(m_mutex);
+    m_allocCalls.push_back({mode, level, size});
+  }
+
+  if (mode != AllocMode::Grow && level > m_filter.load(std::memory_order_relaxed)) return zel::result::NotSupported;
+  if (mode == AllocMode::Query) return zel::result::NoError;
+  if (size > m_maxLineSize.load(std::memory_order_relaxed)) {
+    return mode == AllocMode::Grow ? zel::result::OutOfMemory : zel::result::InvalidArgument;
+  }
+
+  std::lock_guard lock(m_mutex);
+  if (mode == AllocMode::Open) {
+    auto* buffer = static_cast<char*>(std::malloc(size == 0 ? 1 : size));
+    if (buffer == nullptr) return zel::result::OutOfMemory;
+    m_open.emplace(buffer, level);
+    record->buffer = buffer;
+    return zel::result::NoError;
+  }
+
+  const auto it = m_open.find(record->buffer);
+  if (it == m_open.end()) return zel::result::InvalidArgument;
+  switch (m_growth.load(std::memory_order_relaxed)) {
+    case Growth::Grant:
+      break;
+    case Growth::RefuseKeep:
+      return zel::result::OutOfMemory;
+    case Growth::RefuseDrop:
+      std::free(it->first);
+      m_open.erase(it);
+      record->buffer = nullptr;
+      return zel::result::OutOfMemory;
+  }
+  const std::uint32_t openedAt = it->second;
+  auto* grown = static_cast<char*>(std::realloc(it->first, size == 0 ? 1 : size));
+  if (grown == nullptr) return zel::result::OutOfMemory;
+  m_open.erase(it);
+  m_open.emplace(grown, openedAt);
+  record->buffer = grown;
+  return zel::result::NoError;
+}
+
+zel::result_t CollectingTracer::CommitLine(char* buffer, std::uint64_t length) {
+  m_commitCount.fetch_add(1, std::memory_order_relaxed);
+  std::lock_guard lock(m_mutex);
+  const auto it = m_open.find(buffer);
+  if (it == m_open.end()) {
+    m_unknownCommits.fetch_add(1, std::memory_order_relaxed);
+    return zel::result::InvalidArgument;
+  }
+  if (m_recording.load(std::memory_order_relaxed)) m_lines.push_back({it->second, std::string(buffer, length)});
+  std::free(buffer);
+  m_open.erase(it);
+  return zel::result::NoError;
+}
+
+void CollectingTracer::ExposeLevelLimit(std::uint32_t limit) {
+  SetLevelLimit(limit);
+  m_exposeLimit.store(true, std::memory_order_release);
+}
+
+void CollectingTracer::SetLevelLimit(std::uint32_t limit) {
+  std::atomic_ref<std::uint32_t>(m_limit).store(limit, std::memory_order_relaxed);
+}
+
+std::vector<CollectingTracer::Line> CollectingTracer::Lines() const {
+  std::lock_guard lock(m_mutex);
+  return m_lines;
+}
+
+std::vector<std::string> CollectingTracer::Texts() const {
+  std::lock_guard lock(m_mutex);
+  std::vector<std::string> texts;
+  texts.reserve(m_lines.size());
+  for (const Line& line : m_lines) texts.push_back(line.text);
+  return texts;
+}
+
+std::vector<CollectingTracer::AllocCall> CollectingTracer::AllocCalls() const {
+  std::lock_guard lock(m_mutex);
+  return m_allocCalls;
+}
+
+std::size_t CollectingTracer::OpenLines() const {
+  std::lock_guard lock(m_mutex);
+  return m_open.size();
+}
+
+void CollectingTracer::Clear() {
+  std::lock_guard lock(m_mutex);
+  m_lines.clear();
+  m_allocCalls.clear();
+  m_allocCount.store(0, std::memory_order_relaxed);
+  m_commitCount.store(0, std::memory_order_relaxed);
+  m_unknownCommits.store(0, std::memory_order_relaxed);
+}
+
+}  // namespace host

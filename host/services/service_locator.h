@@ -1,0 +1,53 @@
+// host::ServiceLocator: the reference host's zel::IServiceLocator. Services
+// are registered by interface id and service key; tests can make the
+// locator refuse an interface with a chosen code to drive failure paths.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <utility>
+
+#include "zel/iservice_locator.h"
+
+namespace host {
+
+class ServiceLocator final : public zel::IServiceLocator {
+ public:
+  ServiceLocator() = default;
+  ServiceLocator(const ServiceLocator&) = delete;
+  ServiceLocator& operator=(const ServiceLocator&) = delete;
+  ~ServiceLocator();
+
+  // Owned by its creator; the count is bookkeeping that tests can read.
+  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
+  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
+  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
+  zel::result_t GetInterface(zel::iid_t iid, std::uint32_t serviceKey, void** out) override;
+
+  // `face` is the service's interface pointer for `iid`; the locator keeps a
+  // reference until it is replaced, removed or the locator dies.
+  void Register(zel::iid_t iid, std::uint32_t serviceKey, zel::IObject* face);
+  template <class I>
+  void Register(I* service, std::uint32_t serviceKey = 0) {
+    Register(I::iid, serviceKey, service);
+  }
+  void Remove(zel::iid_t iid, std::uint32_t serviceKey = 0);
+
+  // Fault injection: answer `iid` with `code` (and a null pointer).
+  void Refuse(zel::iid_t iid, zel::result_t code = static_cast<zel::result_t>(0x80000001u));
+  void Allow(zel::iid_t iid);
+
+  std::uint64_t Requests(zel::iid_t iid) const;
+  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
+
+ private:
+  mutable std::mutex m_mutex;
+  std::map<std::pair<zel::iid_t, std::uint32_t>, zel::IObject*> m_services;
+  std::map<zel::iid_t, zel::result_t> m_refused;
+  std::map<zel::iid_t, std::uint64_t> m_requests;
+  std::atomic<std::uint32_t> m_refs{1};
+};
+
+}  // namespace host

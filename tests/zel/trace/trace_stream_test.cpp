@@ -1,0 +1,350 @@
+// TraceStream formatting, growth and loss, and the TraceTest/TraceFlush
+// protocol, observed through a collecting tracer.
+#include "zel/trace/trace_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "host/services/collecting_tracer.h"
+
+namespace {
+
+using host::CollectingTracer;
+using zel::TraceRecord;
+using zel::TraceStream;
+namespace trace = zel::trace;
+
+using Writer = std::function<void(TraceStream&)>;
+
+// One line through the whole protocol; gives the committed text.
+std::string Render(const Writer& write) {
+  CollectingTracer tracer;
+  TraceRecord record;
+  if (!zel::TraceTest(record, &tracer, 800)) return "<not granted>";
+  TraceStream stream(record);
+  write(stream);
+  zel::TraceFlush(stream);
+  const auto texts = tracer.Texts();
+  return texts.size() == 1 ? texts[0] : "<" + std::to_string(texts.size()) + " lines>";
+}
+
+struct Case {
+  const char* name;
+  Writer write;
+  std::string expected;
+};
+
+void RunCases(const std::vector<Case>& cases) {
+  for (const Case& c : cases) EXPECT_EQ(Render(c.write), c.expected) << c.name;
+}
+
+zel::ResultText EmptyText(zel::result_t) noexcept { return {"", 0}; }
+
+TEST(TraceStream, Integers) {
+  using trace::hex;
+  using trace::oct;
+  using trace::showbase;
+  RunCases({
+      {"zero", [](TraceStream& s) { s << 0; }, "0"},
+      {"negative", [](TraceStream& s) { s << -42; }, "-42"},
+      {"int64 min", [](TraceStream& s) { s << std::numeric_limits<std::int64_t>::min(); }, "-9223372036854775808"},
+      {"uint64 max", [](TraceStream& s) { s << std::numeric_limits<std::uint64_t>::max(); }, "18446744073709551615"},
+      {"int8 is a number", [](TraceStream& s) { s << std::int8_t{-1} << ' ' << std::uint8_t{200}; }, "-1 200"},
+      {"short and long", [](TraceStream& s) { s << short{-7} << 8L << 9ULL; }, "-789"},
+      {"hex", [](TraceStream& s) { s << hex << 255u; }, "ff"},
+      {"hex showbase", [](TraceStream& s) { s << hex << showbase << 255; }, "0xff"},
+      {"oct showbase", [](TraceStream& s) { s << oct << showbase << 8; }, "010"},
+      {"oct", [](TraceStream& s) { s << oct << 64; }, "100"},
+      {"hex negative int32 shows its bits", [](TraceStream& s) { s << hex << -1; }, "ffffffff"},
+      {"hex negative int16", [](TraceStream& s) { s << hex << std::int16_t{-1}; }, "ffff"},
+      {"hex negative int8", [](TraceStream& s) { s << hex << std::int8_t{-2}; }, "fe"},
+      {"oct negative has no sign", [](TraceStream& s) { s << oct << -1; }, "37777777777"},
+      {"showbase without hex/oct", [](TraceStream& s) { s << showbase << 10; }, "10"},
+      {"hex|oct together is decimal",
+       [](TraceStream& s) { s.setf(TraceStream::hex | TraceStream::oct, TraceStream::basefield), s << 255; }, "255"},
+      {"base sticks across items", [](TraceStream& s) { s << hex << 10 << 11 << trace::dec << 12; }, "ab12"},
+  });
+}
+
+TEST(TraceStream, WidthFillAdjust) {
+  using trace::setfill;
+  using trace::setw;
+  RunCases({
+      {"right by default", [](TraceStream& s) { s << setw(6) << 42; }, "    42"},
+      {"left", [](TraceStream& s) { s << trace::left << setw(6) << 42; }, "42    "},
+      {"right explicit", [](TraceStream& s) { s << trace::right << setw(4) << -5; }, "  -5"},
+      {"internal sign", [](TraceStream& s) { s << trace::internal << setfill('0') << setw(6) << -42; }, "-00042"},
+      {"internal base",
+       [](TraceStream& s) { s << trace::internal << trace::hex << trace::showbase << setfill('0') << setw(8) << 8; },
+       "0x000008"},
+      {"fill before prefix", [](TraceStream& s) { s << trace::hex << trace::showbase << setfill('.') << setw(6) << 8; },
+       "...0x8"},
+      {"width counts sign and base", [](TraceStream& s) { s << setw(3) << -42; }, "-42"},
+      {"width is for one item", [](TraceStream& s) { s << setw(4) << 1 << 2; }, "   12"},
+      {"narrower than item", [](TraceStream& s) { s << setw(2) << "abcd"; }, "abcd"},
+      {"negative width is none", [](TraceStream& s) { s << setw(-5) << "ab"; }, "ab"},
+      {"text", [](TraceStream& s) { s << setfill('*') << setw(5) << "ab" << '|'; }, "***ab|"},
+      {"char", [](TraceStream& s) { s << setw(3) << 'x'; }, "  x"},
+      {"bool", [](TraceStream& s) { s << trace::boolalpha << setw(6) << true; }, "  true"},
+      {"optional", [](TraceStream& s) { s << setw(6) << std::optional<int>(); }, "  null"},
+      {"write ignores width", [](TraceStream& s) { s << setw(5), s.write("ab", 2), s << 1; }, "ab    1"},
+  });
+}
+
+TEST(TraceStream, TextBoolOptional) {
+  RunCases({
+      {"null text", [](TraceStream& s) { s << static_cast<const char*>(nullptr); }, "(null)"},
+      {"padded null", [](TraceStream& s) { s << trace::setw(8) << static_cast<const char*>(nullptr); }, "  (null)"},
+      {"known length keeps NUL", [](TraceStream& s) { s << std::string_view("a\0b", 3); }, std::string("a\0b", 3)},
+      {"std::string", [](TraceStream& s) { s << std::string("Start") << "() "; }, "Start() "},
+      {"bool digits", [](TraceStream& s) { s << true << false; }, "10"},
+      {"bool words", [](TraceStream& s) { s << trace::boolalpha << true << ',' << false; }, "true,false"},
+      {"absent", [](TraceStream& s) { s << std::optional<int>(); }, "null"},
+      {"present", [](TraceStream& s) { s << std::optional<int>(7) << std::optional<std::string>("x"); }, "7x"},
+  });
+}
+
+TEST(TraceStream, Floats) {
+  const std::string huge = Render([](TraceStream& s) { s << 1e300; });
+  RunCases({
+      {"default fixed", [](TraceStream& s) { s << 1.5; }, "1.500000"},
+      {"precision", [](TraceStream& s) { s << trace::setprecision(2) << 3.14159; }, "3.14"},
+      {"float promotes", [](TraceStream& s) { s << trace::setprecision(1) << 0.25f; }, "0.2"},
+      {"scientific", [](TraceStream& s) { s << trace::scientific << 12345.678; }, "1.234568e+04"},
+      {"fixed|scientific is fixed", [](TraceStream& s) { s.setf(TraceStream::floatfield), s << 1.5; }, "1.500000"},
+      {"width then reset", [](TraceStream& s) { s << trace::setw(8) << trace::setprecision(2) << 3.14159 << 1; },
+       "    3.141"},
+      {"negative", [](TraceStream& s) { s << trace::setprecision(0) << -2.0; }, "-2"},
+  });
+  // %f of 1e300 has 308 characters; one buffer's worth survives.
+  EXPECT_EQ(huge.size(), TraceStream::kFloatBufferSize - 1);
+  EXPECT_EQ(huge.substr(0, 4), "1000");
+}
+
+TEST(TraceStream, ResultFormatIgnoresStreamFormat) {
+  RunCases({
+      {"with text", [](TraceStream& s) { s << zel::FormatResult(static_cast<zel::result_t>(0x80000046u)); },
+       "0x80000046 (Invalid argument)"},
+      {"zero padded", [](TraceStream& s) { s << zel::FormatResult(1); }, "0x00000001 (False)"},
+      {"null lookup", [](TraceStream& s) { s << zel::ResultFormat{0, nullptr}; }, "0x00000000"},
+      {"empty text", [](TraceStream& s) { s << zel::ResultFormat{5, &EmptyText}; }, "0x00000005"},
+      {"width fill base ignored",
+       [](TraceStream& s) {
+         s << trace::setw(20) << trace::setfill('*') << trace::oct << trace::showbase << zel::ResultFormat{255, nullptr};
+       },
+       "0x000000ff"},
+  });
+}
+
+// ---- growth and loss --------------------------------------------------------------
+
+struct Line {
+  CollectingTracer tracer;
+  TraceRecord record;
+  std::optional<TraceStream> stream;
+
+  explicit Line(std::uint32_t level = 800) {
+    EXPECT_TRUE(zel::TraceTest(record, &tracer, level));
+    stream.emplace(record);
+  }
+  TraceStream& s() { return *stream; }
+  std::vector<CollectingTracer::AllocCall> Grows() const {
+    std::vector<CollectingTracer::AllocCall> grows;
+    for (const auto& c : tracer.AllocCalls())
+      if (c.mode == CollectingTracer::AllocMode::Grow) grows.push_back(c);
+    return grows;
+  }
+};
+
+TEST(TraceStreamGrowth, GrowsAtLevel1000AndKeepsText) {
+  struct Row {
+    std::size_t first, second;
+    std::vector<std::uint64_t> grows;
+  } rows[] = {
+      {512, 0, {}},             // exactly full: no growth
+      {500, 100, {1024}},       // doubled
+      {100, 3000, {3100}},      // need beats double
+      {1000, 100, {1024, 2048}},
+  };
+  for (const Row& row : rows) {
+    Line line(700);
+    const std::string a(row.first, 'a'), b(row.second, 'b');
+    line.s() << a << b;
+    zel::TraceFlush(line.s());
+    std::vector<std::uint64_t> sizes;
+    for (const auto& g : line.Grows()) {
+      EXPECT_EQ(g.level, 1000u);
+      sizes.push_back(g.size);
+    }
+    EXPECT_EQ(sizes, row.grows) << row.first << "+" << row.second;
+    ASSERT_EQ(line.tracer.Lines().size(), 1u);
+    EXPECT_EQ(line.tracer.Lines()[0].text, a + b);
+    EXPECT_EQ(line.tracer.Lines()[0].level, 700u);  // the line keeps the level it was opened at
+  }
+}
+
+TEST(TraceStreamGrowth, PaddingCountsTowardsGrowth) {
+  Line line;
+  line.s() << trace::setw(600) << "x";
+  zel::TraceFlush(line.s());
+  ASSERT_EQ(line.Grows().size(), 1u);
+  EXPECT_EQ(line.Grows()[0].size, 1024u);
+  EXPECT_EQ(line.tracer.Texts().at(0), std::string(599, ' ') + "x");
+}
+
+TEST(TraceStreamGrowth, RefusedGrowthLosesTextAndCommitsEmpty) {
+  Line line;
+  line.tracer.SetGrowth(CollectingTracer::Growth::RefuseKeep);
+  line.s() << std::string(500, 'a') << std::string(100, 'b');
+  EXPECT_EQ(line.s().length(), 0u);
+  EXPECT_EQ(line.s().capacity(), 0u);
+  line.s() << "later" << 42;  // no room, and no further requests
+  EXPECT_EQ(line.Grows().size(), 1u);
+  zel::TraceFlush(line.s());
+  ASSERT_EQ(line.tracer.Texts(), std::vector<std::string>{""});
+  EXPECT_EQ(line.tracer.OpenLines(), 0u);
+}
+
+TEST(TraceStreamGrowth, RefusedGrowthThatTookTheBufferCommitsNothing) {
+  Line line;
+  line.tracer.SetGrowth(CollectingTracer::Growth::RefuseDrop);
+  line.s() << std::string(600, 'a');
+  EXPECT_EQ(line.s().buffer(), nullptr);
+  zel::TraceFlush(line.s());
+  EXPECT_EQ(line.tracer.CommitLineCount(), 0u);
+  EXPECT_EQ(line.tracer.OpenLines(), 0u);
+}
+
+TEST(TraceStreamGrowth, WrappingSizeIsNoRoomWithoutAsking) {
+  Line line;
+  line.s() << "abc";
+  line.s().write("x", std::numeric_limits<std::size_t>::max());
+  EXPECT_TRUE(line.Grows().empty());
+  EXPECT_EQ(line.s().length(), 0u);
+  zel::TraceFlush(line.s());
+  EXPECT_EQ(line.tracer.Texts(), std::vector<std::string>{""});
+}
+
+TEST(TraceStreamGrowth, HugeWidthIsRefusedNotWritten) {
+  Line line;
+  line.s() << "abc" << trace::setw(std::int64_t{1} << 40) << 1;
+  ASSERT_EQ(line.Grows().size(), 1u);
+  EXPECT_EQ(line.Grows()[0].size, (std::uint64_t{1} << 40) + 3);
+  zel::TraceFlush(line.s());
+  EXPECT_EQ(line.tracer.Texts(), std::vector<std::string>{""});
+}
+
+// ---- TraceTest / TraceFlush ---------------------------------------------------------
+
+// Grants nothing but says yes: a tracer that must not be trusted blindly.
+class SaysYesGivesNothing final : public zel::ITracer {
+ public:
+  std::uint32_t AddRef() override { return 1; }
+  std::uint32_t Release() override { return 1; }
+  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
+  zel::result_t AllocLine(std::uint32_t, TraceRecord*, std::uint64_t) override { return 0; }
+  zel::result_t CommitLine(char*, std::uint64_t) override {
+    ++commits;
+    return 0;
+  }
+  int commits = 0;
+};
+
+TEST(TraceTest, AnswersNoWithoutALine) {
+  TraceRecord record;
+  EXPECT_FALSE(zel::TraceTest(record, nullptr, 300));
+
+  CollectingTracer filtered(700);
+  record.buffer = reinterpret_cast<char*>(&record);  // stale: TraceTest must clear it
+  EXPECT_FALSE(zel::TraceTest(record, &filtered, 800));
+  EXPECT_EQ(record.buffer, nullptr);
+  EXPECT_EQ(record.tracer, nullptr);
+  EXPECT_EQ(filtered.AllocLineCount(), 1u);
+
+  SaysYesGivesNothing liar;
+  EXPECT_FALSE(zel::TraceTest(record, &liar, 300));
+}
+
+TEST(TraceTest, GrantsA512ByteLine) {
+  CollectingTracer tracer;
+  TraceRecord record;
+  ASSERT_TRUE(zel::TraceTest(record, &tracer, 300));
+  EXPECT_NE(record.buffer, nullptr);
+  EXPECT_EQ(record.tracer, &tracer);
+  const auto calls = tracer.AllocCalls();
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].mode, CollectingTracer::AllocMode::Open);
+  EXPECT_EQ(calls[0].level, 300u);
+  EXPECT_EQ(calls[0].size, 512u);
+
+  TraceStream stream(record);
+  zel::TraceFlush(stream);
+  zel::TraceFlush(stream);  // second flush has nothing to commit
+  stream << "after";        // nor anywhere to write
+  EXPECT_EQ(tracer.Texts(), std::vector<std::string>{""});
+  EXPECT_EQ(record.buffer, nullptr);
+  EXPECT_EQ(stream.buffer(), nullptr);
+}
+
+// ---- the trace-site macro -------------------------------------------------------------
+
+int g_evaluated = 0;
+const char* Evaluated() {
+  ++g_evaluated;
+  return "value";
+}
+
+TEST(TraceMacro, OffLevelCostsOneCallAndEvaluatesNothing) {
+  CollectingTracer tracer(700);
+  g_evaluated = 0;
+  ZEL_TRACE(&tracer, 800) << "Start" << Evaluated();
+  EXPECT_EQ(g_evaluated, 0);
+  EXPECT_EQ(tracer.AllocLineCount(), 1u);
+  EXPECT_EQ(tracer.CommitLineCount(), 0u);
+
+  zel::ITracer* none = nullptr;
+  ZEL_TRACE(none, 300) << Evaluated();
+  EXPECT_EQ(g_evaluated, 0);
+}
+
+TEST(TraceMacro, OnLevelCommitsAtEndOfStatement) {
+  CollectingTracer tracer;
+  ZEL_TRACE(&tracer, 800) << "Start" << "() " << 5;
+  EXPECT_EQ(tracer.CommitLineCount(), 1u);
+  ZEL_TRACE(&tracer, 300) << "second";
+  const auto lines = tracer.Lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].text, "Start() 5");
+  EXPECT_EQ(lines[0].level, 800u);
+  EXPECT_EQ(lines[1].text, "second");
+  EXPECT_EQ(lines[1].level, 300u);
+}
+
+TEST(TraceMacro, ElseBindsToCallersIf) {
+  CollectingTracer tracer;
+  int elseTaken = 0;
+  for (bool flag : {true, false}) {
+    if (flag)
+      ZEL_TRACE(&tracer, 800) << "yes";
+    else
+      ++elseTaken;
+  }
+  EXPECT_EQ(elseTaken, 1);
+  EXPECT_EQ(tracer.Texts(), std::vector<std::string>{"yes"});
+}
+
+TEST(TraceMacro, LineIsCommittedWhenBuildingThrows) {
+  CollectingTracer tracer;
+  auto boom = []() -> const char* { throw std::runtime_error("dump failed"); };
+  EXPECT_THROW(ZEL_TRACE(&tracer, 800) << "partial " << boom(), std::runtime_error);
+  EXPECT_EQ(tracer.OpenLines(), 0u);
+  EXPECT_EQ(tracer.CommitLineCount(), 1u);
+}
+
+}  // namespace
