@@ -4,7 +4,8 @@
 //   acctl [--module PATH] [--trace LEVEL] [demo]
 //
 // demo (the default): creates the start-log dispatcher, subscribes two
-// printing sinks and delivers a few events through it.
+// printing sinks and delivers a few events through it. The module's trace
+// lines go to stderr, up to LEVEL (700 unless given).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include "host/module/module_loader.h"
 #include "host/services/counting_allocator.h"
 #include "host/services/service_locator.h"
+#include "host/services/stderr_tracer.h"
 
 namespace {
 
@@ -55,10 +57,12 @@ int Fail(const char* step, zel::result_t r) {
   return 1;
 }
 
-int RunDemo(host::LoadedModule& module) {
+int RunDemo(host::LoadedModule& module, std::uint32_t traceLevel) {
   host::CountingAllocator allocator;
+  host::StderrTracer tracer(traceLevel);
   host::ServiceLocator locator;
-  locator.Register(&allocator);
+  locator.Register<zel::IAllocator>(&allocator);
+  locator.Register<zel::ITracer>(&tracer);
 
   zel::IObjectFactory* factory = nullptr;
   zel::result_t r = module.GetObjectFactory(&locator, kDispatcherClass, &factory);
@@ -92,7 +96,7 @@ int RunDemo(host::LoadedModule& module) {
   return module.CanUnload() == 0 && allocator.LiveBlocks() == 0 ? 0 : 1;
 }
 
-void Usage() { std::fprintf(stderr, "usage: acctl [--module PATH] [demo]\n"); }
+void Usage() { std::fprintf(stderr, "usage: acctl [--module PATH] [--trace LEVEL] [demo]\n"); }
 
 }  // namespace
 
@@ -100,9 +104,18 @@ int main(int argc, char** argv) {
   std::string modulePath = AC_DEFAULT_MODULE_PATH;
   if (const char* env = std::getenv("ACCTL_MODULE")) modulePath = env;
   std::string command = "demo";
+  std::uint32_t traceLevel = zel::trace_level::Notice;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--module") == 0 && i + 1 < argc) {
       modulePath = argv[++i];
+    } else if (std::strcmp(argv[i], "--trace") == 0 && i + 1 < argc) {
+      char* end = nullptr;
+      const unsigned long level = std::strtoul(argv[++i], &end, 10);
+      if (*end != '\0' || level > zel::trace_level::Max) {
+        Usage();
+        return 2;
+      }
+      traceLevel = static_cast<std::uint32_t>(level);
     } else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
       Usage();
       return 0;
@@ -115,7 +128,7 @@ int main(int argc, char** argv) {
   }
   try {
     host::LoadedModule module(modulePath);
-    if (command == "demo") return RunDemo(module);
+    if (command == "demo") return RunDemo(module, traceLevel);
     std::fprintf(stderr, "acctl: unknown command '%s'\n", command.c_str());
     Usage();
     return 2;

@@ -74,15 +74,18 @@ class EventDispatcher : public Subscription {
   }
 
   result_t Subscribe(Events* sink) override {
+    // A null sink would only fail later, inside somebody else's delivery.
+    if (sink == nullptr) return static_cast<result_t>(0x80000046u);
     RefPtr<Events> hold(sink);
     SubscriberList* old = nullptr;
     const result_t r = detail::GuardListChange([&]() -> result_t {
       detail::PthreadLock lock(m_mutex);
       if (m_list->count.load(std::memory_order_seq_cst) == 1) {
-        // Nobody else sees this list: append in place.
-        m_list->sinks.reserve(m_list->sinks.size() + 1);  // may throw; nothing changed yet
-        sink->AddRef();
+        // Nobody else sees this list: append in place, growing by the
+        // vector's own policy. The reference is taken only once the element
+        // stands, so a failed growth leaves nothing to undo.
         m_list->sinks.push_back(sink);
+        sink->AddRef();
         return 0;
       }
       SubscriberList* fresh = CopyList(m_list, nullptr, m_list->sinks.size() + 1);

@@ -333,6 +333,7 @@ class GenericObjectFactory : public ObjectRootEx<NoServiceStrategy>, public IObj
   using interfaces = InterfaceList<IObjectFactory>;
 
   result_t CreateInstance(IServiceLocator* serviceLocator, iid_t iid, void** out) override {
+    if (serviceLocator == nullptr) return static_cast<result_t>(0x80000046u);
     try {
       RefPtr<IAllocator> allocator;
       const result_t r = GetInterface(serviceLocator, allocator.Ref());

@@ -5,13 +5,17 @@
 #include <cstring>
 #include <limits>
 
+#include "zel/strings/conversions.h"
+
 namespace zel {
 
 namespace {
 constexpr std::uint32_t kGrowLevel = trace_level::Max;
 constexpr char kDigits[] = "0123456789abcdef";
-// snprintf takes int widths; nothing wider than its buffer can show anyway.
-constexpr std::int64_t kMaxFloatField = static_cast<std::int64_t>(TraceStream::kFloatBufferSize) - 1;
+// 1 sign + 309 integer digits + point + precision, or an exponent form, must
+// fit kFloatBufferSize with its NUL.
+constexpr std::int64_t kMaxFloatPrecision = 160;
+static_assert(1 + 309 + 1 + kMaxFloatPrecision < static_cast<std::int64_t>(TraceStream::kFloatBufferSize));
 }  // namespace
 
 bool TraceStream::Reserve(std::uint64_t n) noexcept {
@@ -48,6 +52,7 @@ bool TraceStream::Reserve(std::uint64_t n) noexcept {
 }
 
 char* TraceStream::Fill(char* out, std::uint64_t n) const noexcept {
+  if (n == 0) return out;  // out may be null once the line is gone
   std::memset(out, static_cast<unsigned char>(m_fill), n);
   return out + n;
 }
@@ -70,6 +75,17 @@ TraceStream& TraceStream::operator<<(const char* text) noexcept {
 
 TraceStream& TraceStream::operator<<(std::string_view text) noexcept {
   return WriteItem({}, text.size(), text.size(), [text](char* out) { return Copy(out, text); });
+}
+
+TraceStream& TraceStream::operator<<(std::u16string_view text) noexcept {
+  // Two passes over the text, so that the line is asked for room once.
+  const std::uint64_t bytes = Utf16ToUtf8Length(text);
+  return WriteItem({}, bytes, text.size(), [text](char* out) { return Utf16ToUtf8(text, out); });
+}
+
+TraceStream& TraceStream::operator<<(const char16_t* text) noexcept {
+  if (text == nullptr) return *this << std::string_view("(null)");
+  return *this << std::u16string_view(text);
 }
 
 TraceStream& TraceStream::operator<<(bool value) noexcept {
@@ -104,14 +120,20 @@ TraceStream& TraceStream::WriteInteger(std::uint64_t bits, std::uint64_t magnitu
 
 TraceStream& TraceStream::operator<<(double value) noexcept {
   const bool exponent = (m_flags & floatfield) == scientific;
-  const int width = static_cast<int>(std::clamp<std::int64_t>(m_width, 0, kMaxFloatField));
-  // A negative precision means the default, as for printf.
-  const int precision = static_cast<int>(std::clamp<std::int64_t>(m_precision, -1, kMaxFloatField));
-  m_width = 0;
+  // A negative precision means the default, as for printf. The cap keeps the
+  // widest value (1e308 in fixed notation) within the local buffer.
+  const int precision = static_cast<int>(std::clamp<std::int64_t>(m_precision, -1, kMaxFloatPrecision));
   char text[kFloatBufferSize];
-  const int n = std::snprintf(text, sizeof(text), exponent ? "%*.*e" : "%*.*f", width, precision, value);
-  if (n <= 0) return *this;
-  return write(text, std::min<std::size_t>(static_cast<std::size_t>(n), sizeof(text) - 1));
+  const int n = std::snprintf(text, sizeof(text), exponent ? "%.*e" : "%.*f", precision, value);
+  if (n <= 0 || static_cast<std::size_t>(n) >= sizeof(text)) {
+    m_width = 0;
+    return *this;
+  }
+  // The sign is the prefix, so that internal adjustment fills behind it.
+  const std::size_t signBytes = text[0] == '-' || text[0] == '+' ? 1 : 0;
+  const std::string_view sign(text, signBytes);
+  const std::string_view body(text + signBytes, static_cast<std::size_t>(n) - signBytes);
+  return WriteItem(sign, body.size(), static_cast<std::uint64_t>(n), [body](char* out) { return Copy(out, body); });
 }
 
 TraceStream& TraceStream::operator<<(const ResultFormat& result) noexcept {

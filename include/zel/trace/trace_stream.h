@@ -67,8 +67,9 @@ class TraceStream {
 
   static constexpr std::uint64_t kInitialCapacity = 512;
   static constexpr std::uint32_t kInitialFlags = dec | skipws;  // 0x1002
-  // Room for one formatted floating-point value.
-  static constexpr std::size_t kFloatBufferSize = 128;
+  // Room for one formatted floating-point value, the widest double in fixed
+  // notation included; precision is capped to fit.
+  static constexpr std::size_t kFloatBufferSize = 512;
 
   // Starts writing into the line that `record` holds; TraceTest granted it
   // with kInitialCapacity bytes.
@@ -108,9 +109,15 @@ class TraceStream {
   TraceStream& operator<<(const char* text) noexcept;
   TraceStream& operator<<(std::string_view text) noexcept;
   TraceStream& operator<<(char c) noexcept { return *this << std::string_view(&c, 1); }
+  // Wide text (UTF-16, also zel::basic_string_t<char16_t> and std::u16string)
+  // is written as UTF-8; width counts its UTF-16 units. A null pointer writes
+  // "(null)".
+  TraceStream& operator<<(std::u16string_view text) noexcept;
+  TraceStream& operator<<(const char16_t* text) noexcept;
   // "1"/"0", or "true"/"false" under boolalpha, as the standard streams do.
   TraceStream& operator<<(bool value) noexcept;
-  // %*.*e under scientific alone, else %*.*f, with width and precision.
+  // %.*e under scientific alone, else %.*f; the sign counts as prefix for
+  // internal adjustment, and width and fill apply as for numbers.
   TraceStream& operator<<(double value) noexcept;
   // "0x" and eight hex digits, then " (text)"; width, fill and base are ignored.
   TraceStream& operator<<(const ResultFormat& result) noexcept;

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "host/services/collecting_tracer.h"
+#include "zel/types/string.h"
 
 namespace {
 
@@ -111,20 +112,47 @@ TEST(TraceStream, TextBoolOptional) {
 }
 
 TEST(TraceStream, Floats) {
-  const std::string huge = Render([](TraceStream& s) { s << 1e300; });
+  using trace::setfill;
+  using trace::setw;
   RunCases({
       {"default fixed", [](TraceStream& s) { s << 1.5; }, "1.500000"},
       {"precision", [](TraceStream& s) { s << trace::setprecision(2) << 3.14159; }, "3.14"},
       {"float promotes", [](TraceStream& s) { s << trace::setprecision(1) << 0.25f; }, "0.2"},
       {"scientific", [](TraceStream& s) { s << trace::scientific << 12345.678; }, "1.234568e+04"},
       {"fixed|scientific is fixed", [](TraceStream& s) { s.setf(TraceStream::floatfield), s << 1.5; }, "1.500000"},
-      {"width then reset", [](TraceStream& s) { s << trace::setw(8) << trace::setprecision(2) << 3.14159 << 1; },
+      {"width then reset", [](TraceStream& s) { s << setw(8) << trace::setprecision(2) << 3.14159 << 1; },
        "    3.141"},
       {"negative", [](TraceStream& s) { s << trace::setprecision(0) << -2.0; }, "-2"},
+      {"fill", [](TraceStream& s) { s << setfill('*') << setw(7) << trace::setprecision(1) << 2.5; }, "****2.5"},
+      {"left", [](TraceStream& s) { s << trace::left << setw(6) << trace::setprecision(1) << -2.5; }, "-2.5  "},
+      {"internal after sign",
+       [](TraceStream& s) { s << trace::internal << setfill('0') << setw(7) << trace::setprecision(1) << -2.5; },
+       "-0002.5"},
   });
-  // %f of 1e300 has 308 characters; one buffer's worth survives.
-  EXPECT_EQ(huge.size(), TraceStream::kFloatBufferSize - 1);
-  EXPECT_EQ(huge.substr(0, 4), "1000");
+  // The widest double in fixed notation comes out whole, not cut at a buffer.
+  EXPECT_EQ(Render([](TraceStream& s) { s << 1e300; }).size(), 301u + 7u);
+  EXPECT_EQ(Render([](TraceStream& s) { s << -1.7976931348623157e308; }).size(), 1u + 309u + 7u);
+}
+
+TEST(TraceStream, WideTextAsUtf8WithWidthInUnits) {
+  using trace::setfill;
+  using trace::setw;
+  RunCases({
+      {"ascii", [](TraceStream& s) { s << std::u16string_view(u"skip file "); }, "skip file "},
+      {"two-byte", [](TraceStream& s) { s << u"\u00e9t\u00e9"; }, "\xc3\xa9t\xc3\xa9"},
+      {"three-byte", [](TraceStream& s) { s << u"\u20ac"; }, "\xe2\x82\xac"},
+      {"surrogate pair", [](TraceStream& s) { s << u"\U0001F600"; }, "\xf0\x9f\x98\x80"},
+      {"framework string", [](TraceStream& s) { s << zel::wstring_t(u"/opt/\u00e9") << '|'; }, "/opt/\xc3\xa9|"},
+      {"std::u16string", [](TraceStream& s) { s << std::u16string(u"ab"); }, "ab"},
+      {"null pointer", [](TraceStream& s) { s << static_cast<const char16_t*>(nullptr); }, "(null)"},
+      {"empty", [](TraceStream& s) { s << setw(2) << u"" << '|'; }, "  |"},
+      // Width counts UTF-16 units: 2 units in 4 bytes pad by 2, not by none.
+      {"width by units", [](TraceStream& s) { s << setw(4) << u"\u00e9\u00e9"; }, "  \xc3\xa9\xc3\xa9"},
+      {"pair is two units", [](TraceStream& s) { s << setw(3) << u"\U0001F600"; }, " \xf0\x9f\x98\x80"},
+      {"left fill", [](TraceStream& s) { s << trace::left << setfill('.') << setw(3) << u"\u20ac"; },
+       "\xe2\x82\xac.."},
+      {"width then reset", [](TraceStream& s) { s << setw(3) << u"a" << u"b"; }, "  ab"},
+  });
 }
 
 TEST(TraceStream, ResultFormatIgnoresStreamFormat) {
@@ -238,6 +266,19 @@ TEST(TraceStreamGrowth, HugeWidthIsRefusedNotWritten) {
   EXPECT_EQ(line.Grows()[0].size, (std::uint64_t{1} << 40) + 3);
   zel::TraceFlush(line.s());
   EXPECT_EQ(line.tracer.Texts(), std::vector<std::string>{""});
+}
+
+TEST(TraceStreamGrowth, WideTextAsksForRoomOnce) {
+  Line line;
+  line.s() << std::string(500, 'a');
+  const std::u16string wide(300, u'\u00e9');  // 600 bytes as UTF-8
+  line.s() << wide;
+  zel::TraceFlush(line.s());
+  ASSERT_EQ(line.Grows().size(), 1u);
+  EXPECT_EQ(line.Grows()[0].size, 1100u);
+  std::string expected(500, 'a');
+  for (int i = 0; i < 300; ++i) expected += "\xc3\xa9";
+  EXPECT_EQ(line.tracer.Texts(), std::vector<std::string>{expected});
 }
 
 // ---- TraceTest / TraceFlush ---------------------------------------------------------

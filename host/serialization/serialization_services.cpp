@@ -1,0 +1,53 @@
+#include "host/serialization/serialization_services.h"
+
+#include <cstdlib>
+
+namespace host {
+namespace {
+
+// Stands in for a host allocator when the locator has none. Static and
+// uncounted: it outlives everything that may hold it.
+class MallocAllocator final : public zel::IAllocator {
+ public:
+  std::uint32_t AddRef() override { return 2; }
+  std::uint32_t Release() override { return 1; }
+  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
+    if (out == nullptr) return zel::result::InvalidArgument;
+    if (iid != 0 && iid != zel::IAllocator::iid) {
+      *out = nullptr;
+      return zel::result::InterfaceNotSupported;
+    }
+    *out = static_cast<zel::IAllocator*>(this);
+    return zel::result::NoError;
+  }
+  void* Alloc(std::size_t size) override { return std::malloc(size == 0 ? 1 : size); }
+  void* Realloc(void* pointer, std::size_t size) override { return std::realloc(pointer, size == 0 ? 1 : size); }
+  void Free(void* pointer) override { std::free(pointer); }
+};
+
+MallocAllocator g_mallocAllocator;
+
+}  // namespace
+
+SerializationServices RegisterSerializationServices(ServiceLocator& locator) {
+  zel::RefPtr<zel::ITracer> tracer;
+  zel::RefPtr<zel::IAllocator> allocator;
+  (void)zel::GetInterface(&locator, tracer.Ref());
+  if (ZEL_FAILED(zel::GetInterface(&locator, allocator.Ref()))) allocator = zel::RefPtr<zel::IAllocator>(&g_mallocAllocator);
+
+  SerializationServices services;
+  services.metaInfo = MetaInfoProvider::Create();
+  zel::IMetaInfoProvider* meta = services.metaInfo.Get();
+  services.binary = BinarySerializer::Create(meta, allocator.Get(), tracer.Get());
+  services.xmlFactory = XmlStorageFactory::Create(tracer.Get());
+  services.storage = StorageSerializer::Create(meta, allocator.Get(), tracer.Get());
+
+  locator.Register<zel::IMetaInfoProvider>(meta);
+  locator.Register<zel::IStructMetaInfoRegistry>(services.metaInfo.Get());
+  locator.Register<zel::IBinarySerializer>(services.binary.Get());
+  locator.Register<zel::IXmlStorageFactory>(services.xmlFactory.Get());
+  locator.Register<zel::IStorageSerializer2>(services.storage.Get());
+  return services;
+}
+
+}  // namespace host

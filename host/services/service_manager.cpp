@@ -1,0 +1,247 @@
+#include "host/services/service_manager.h"
+
+#include <utility>
+
+namespace host {
+
+namespace {
+
+using app_core::facade::SettingsHolder;
+
+// 0 means "nothing stored", so a wrapping revision skips it.
+std::uint32_t NextRevision(std::uint32_t revision) noexcept { return revision == UINT32_MAX ? 1 : revision + 1; }
+
+}  // namespace
+
+ServiceManager::~ServiceManager() { Close(); }
+
+zel::result_t ServiceManager::Open(const std::string& path) {
+  std::lock_guard lock(m_mutex);
+  zel::result_t r = m_db.Open(path);
+  // WAL: a commit is atomic and survives a crash of this process at once;
+  // FlushSettings' checkpoint is what forces it to the disk.
+  if (ZEL_SUCCEEDED(r)) r = m_db.Exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");
+  if (ZEL_SUCCEEDED(r)) {
+    r = m_db.Exec(
+        "CREATE TABLE IF NOT EXISTS service_settings ("
+        " service_key INTEGER PRIMARY KEY,"
+        " ser_id INTEGER NOT NULL,"
+        " revision INTEGER NOT NULL,"
+        " data BLOB NOT NULL)");
+  }
+  if (ZEL_SUCCEEDED(r))
+    r = m_select.Prepare(m_db, "SELECT ser_id, revision, data FROM service_settings WHERE service_key = ?1");
+  if (ZEL_SUCCEEDED(r)) {
+    r = m_upsert.Prepare(m_db,
+                         "INSERT INTO service_settings (service_key, ser_id, revision, data) VALUES (?1, ?2, ?3, ?4)"
+                         " ON CONFLICT(service_key) DO UPDATE SET"
+                         " ser_id = excluded.ser_id, revision = excluded.revision, data = excluded.data");
+  }
+  if (ZEL_SUCCEEDED(r)) r = m_delete.Prepare(m_db, "DELETE FROM service_settings WHERE service_key = ?1");
+  if (ZEL_FAILED(r)) {
+    m_select.Finalize();
+    m_upsert.Finalize();
+    m_delete.Finalize();
+    m_db.Close();
+  }
+  return r;
+}
+
+void ServiceManager::Close() {
+  std::lock_guard lock(m_mutex);
+  // Statements go before the connection they belong to.
+  m_select.Finalize();
+  m_upsert.Finalize();
+  m_delete.Finalize();
+  m_db.Close();
+}
+
+void ServiceManager::RegisterCodec(std::uint32_t serId, std::shared_ptr<ISettingsCodec> codec) {
+  std::lock_guard lock(m_mutex);
+  m_codecs[serId] = std::move(codec);
+}
+
+std::shared_ptr<ISettingsCodec> ServiceManager::CodecFor(std::uint32_t serId) const {
+  auto it = m_codecs.find(serId);
+  return it == m_codecs.end() ? nullptr : it->second;
+}
+
+zel::result_t ServiceManager::QueryInterface(zel::iid_t iid, void** out) {
+  if (out == nullptr) return zel::result::InvalidArgument;
+  if (iid == 0 || iid == app_core::facade::IServiceManager::iid) {
+    AddRef();
+    *out = static_cast<app_core::facade::IServiceManager*>(this);
+    return zel::result::NoError;
+  }
+  *out = nullptr;
+  return zel::result::InterfaceNotSupported;
+}
+
+bool ServiceManager::TakeFault(zel::result_t& slot, zel::result_t& out) {
+  if (slot == 0) return false;
+  out = std::exchange(slot, 0);
+  return true;
+}
+
+zel::result_t ServiceManager::Load(std::uint32_t serviceKey, Stored& stored, bool& found) {
+  found = false;
+  m_select.Reset();
+  zel::result_t r = m_select.Bind(1, static_cast<std::int64_t>(serviceKey));
+  if (ZEL_FAILED(r)) return r;
+  if (m_select.Step(&r)) {
+    found = true;
+    stored.serId = static_cast<std::uint32_t>(m_select.ColumnInt(0));
+    stored.revision = static_cast<std::uint32_t>(m_select.ColumnInt(1));
+    const auto blob = m_select.ColumnBlob(2);
+    stored.bytes.assign(blob.begin(), blob.end());
+  }
+  m_select.Reset();  // ends the read before any write of the same connection
+  return r;
+}
+
+zel::result_t ServiceManager::ReadLocked(std::uint32_t serviceKey, SettingsHolder* settings,
+                                         std::uint32_t* revision) {
+  zel::result_t r = zel::result::NoError;
+  if (TakeFault(m_failRead, r)) return r;
+  if (settings == nullptr || settings->object == nullptr) return zel::result::InvalidArgument;
+  if (!m_db.IsOpen()) return zel::result::NotInitialized;
+  Stored stored;
+  bool found = false;
+  r = Load(serviceKey, stored, found);
+  if (ZEL_FAILED(r)) return r;
+  if (!found) {
+    if (revision != nullptr) *revision = 0;
+    return zel::result::False;  // the caller's record keeps its defaults
+  }
+  if (stored.serId != settings->serId) return zel::result::WrongSettingsType;
+  const auto codec = CodecFor(stored.serId);
+  if (codec == nullptr) return zel::result::MetaInformationNotFound;
+  r = codec->Decode(stored.bytes, settings->object);
+  if (ZEL_FAILED(r)) return r;
+  if (revision != nullptr) *revision = stored.revision;
+  return zel::result::NoError;
+}
+
+zel::result_t ServiceManager::WriteLocked(std::uint32_t serviceKey, const SettingsHolder* settings,
+                                          bool checkRevision, std::uint32_t revision) {
+  zel::result_t r = zel::result::NoError;
+  if (TakeFault(m_failWrite, r)) return r;
+  if (checkRevision && m_forcedConflicts > 0) {
+    --m_forcedConflicts;
+    return app_core::facade::kSettingsRevisionChanged;
+  }
+  if (settings == nullptr || settings->object == nullptr) return zel::result::InvalidArgument;
+  if (!m_db.IsOpen()) return zel::result::NotInitialized;
+  const auto codec = CodecFor(settings->serId);
+  if (codec == nullptr) return zel::result::MetaInformationNotFound;
+  std::vector<std::uint8_t> bytes;
+  r = codec->Encode(settings->object, bytes);
+  if (ZEL_FAILED(r)) return r;
+
+  // The revision test and the write are one transaction, so another process
+  // on the same file can't slip a write in between.
+  storage::Transaction tx(m_db);
+  r = tx.Begin();
+  if (ZEL_FAILED(r)) return r;
+  Stored stored;
+  bool found = false;
+  r = Load(serviceKey, stored, found);
+  if (ZEL_FAILED(r)) return r;
+  const std::uint32_t current = found ? stored.revision : 0;
+  if (checkRevision && revision != current) return app_core::facade::kSettingsRevisionChanged;
+
+  m_upsert.Reset();
+  r = m_upsert.Bind(1, static_cast<std::int64_t>(serviceKey));
+  if (ZEL_SUCCEEDED(r)) r = m_upsert.Bind(2, static_cast<std::int64_t>(settings->serId));
+  if (ZEL_SUCCEEDED(r)) r = m_upsert.Bind(3, static_cast<std::int64_t>(NextRevision(current)));
+  if (ZEL_SUCCEEDED(r)) r = m_upsert.Bind(4, bytes);
+  if (ZEL_SUCCEEDED(r)) r = m_upsert.Run();
+  m_upsert.Reset();
+  if (ZEL_FAILED(r)) return r;
+  return tx.Commit();
+}
+
+zel::result_t ServiceManager::GetServiceSettings(std::uint32_t serviceKey, SettingsHolder* settings) {
+  std::lock_guard lock(m_mutex);
+  return ReadLocked(serviceKey, settings, nullptr);
+}
+
+zel::result_t ServiceManager::SetServiceSettings(std::uint32_t serviceKey, std::uint32_t /*sync*/,
+                                                 const SettingsHolder* settings) {
+  std::lock_guard lock(m_mutex);
+  return WriteLocked(serviceKey, settings, false, 0);
+}
+
+zel::result_t ServiceManager::GetServiceSettingsRevision(std::uint32_t serviceKey, std::uint32_t* revision) {
+  if (revision == nullptr) return zel::result::InvalidArgument;
+  std::lock_guard lock(m_mutex);
+  if (!m_db.IsOpen()) return zel::result::NotInitialized;
+  Stored stored;
+  bool found = false;
+  const zel::result_t r = Load(serviceKey, stored, found);
+  if (ZEL_FAILED(r)) return r;
+  *revision = found ? stored.revision : 0;
+  return found ? zel::result::NoError : zel::result::False;
+}
+
+zel::result_t ServiceManager::GetServiceSettings2(std::uint32_t serviceKey, SettingsHolder* settings,
+                                                  std::uint32_t* revision) {
+  if (revision == nullptr) return zel::result::InvalidArgument;
+  std::lock_guard lock(m_mutex);
+  ++m_reads;
+  return ReadLocked(serviceKey, settings, revision);
+}
+
+zel::result_t ServiceManager::HasServiceSettings(std::uint32_t serviceKey) {
+  std::uint32_t revision = 0;
+  return GetServiceSettingsRevision(serviceKey, &revision);
+}
+
+zel::result_t ServiceManager::UpdateServiceSettings2(std::uint32_t serviceKey, std::uint32_t /*sync*/,
+                                                     const SettingsHolder* settings, std::uint32_t revision) {
+  std::lock_guard lock(m_mutex);
+  ++m_writes;
+  return WriteLocked(serviceKey, settings, true, revision);
+}
+
+zel::result_t ServiceManager::RemoveServiceSettings(std::uint32_t serviceKey) {
+  std::lock_guard lock(m_mutex);
+  if (!m_db.IsOpen()) return zel::result::NotInitialized;
+  m_delete.Reset();
+  zel::result_t r = m_delete.Bind(1, static_cast<std::int64_t>(serviceKey));
+  if (ZEL_SUCCEEDED(r)) r = m_delete.Run();
+  m_delete.Reset();
+  if (ZEL_FAILED(r)) return r;
+  return sqlite3_changes(m_db.Handle()) > 0 ? zel::result::NoError : zel::result::False;
+}
+
+zel::result_t ServiceManager::FlushSettings() {
+  std::lock_guard lock(m_mutex);
+  ++m_flushes;
+  zel::result_t r = zel::result::NoError;
+  if (TakeFault(m_failFlush, r)) return r;
+  if (!m_db.IsOpen()) return zel::result::NotInitialized;
+  return m_db.Exec("PRAGMA wal_checkpoint(FULL)");
+}
+
+void ServiceManager::FailNextRead(zel::result_t code) {
+  std::lock_guard lock(m_mutex);
+  m_failRead = code;
+}
+
+void ServiceManager::FailNextWrite(zel::result_t code) {
+  std::lock_guard lock(m_mutex);
+  m_failWrite = code;
+}
+
+void ServiceManager::FailNextFlush(zel::result_t code) {
+  std::lock_guard lock(m_mutex);
+  m_failFlush = code;
+}
+
+void ServiceManager::ForceRevisionConflicts(std::uint32_t count) {
+  std::lock_guard lock(m_mutex);
+  m_forcedConflicts = count;
+}
+
+}  // namespace host

@@ -1,0 +1,232 @@
+#include "app_control/app_start_log_events_dispatcher.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app_control/fail_new.h"
+#include "app_control/module_fixture.h"
+#include "support/recording_sink.h"
+
+namespace {
+
+using app_ctrl::IApplicationStartLogEvents;
+using app_ctrl::IApplicationStartLogEventsSubscription;
+using testsupport::Journal;
+using testsupport::RecordingSink;
+using Strings = std::vector<std::string>;
+
+constexpr zel::result_t kNotFound = static_cast<zel::result_t>(0x8000004Cu);
+constexpr zel::result_t kOutOfMemory = static_cast<zel::result_t>(0x80000041u);
+
+const void* Arg(std::uintptr_t n) { return reinterpret_cast<const void*>(n); }
+
+class DispatcherTest : public testsupport::ModuleFixture {
+ protected:
+  void SetUp() override {
+    ModuleFixture::SetUp();
+    subscription = Create<IApplicationStartLogEventsSubscription>(tov::app_control::kAppStartLogEventsDispatcherClassId);
+    ASSERT_TRUE(subscription);
+    void* out = nullptr;
+    ASSERT_EQ(subscription->QueryInterface(IApplicationStartLogEvents::iid, &out), 0);
+    events = zel::RefPtr<IApplicationStartLogEvents>::Adopt(static_cast<IApplicationStartLogEvents*>(out));
+  }
+
+  // Releases the dispatcher; every sink must be back to the test's own reference.
+  void TearDown() override {
+    events.Reset();
+    subscription.Reset();
+    for (RecordingSink* s : {&a, &b, &c}) EXPECT_EQ(s->ExtraRefs(), 0);
+    ExpectAllReturned();
+  }
+
+  Strings Take() {
+    std::lock_guard lock(journal.mutex);
+    return std::exchange(journal.entries, {});
+  }
+
+  Journal journal;
+  RecordingSink a{"a", journal}, b{"b", journal}, c{"c", journal};
+  zel::RefPtr<IApplicationStartLogEventsSubscription> subscription;
+  zel::RefPtr<IApplicationStartLogEvents> events;
+};
+
+TEST_F(DispatcherTest, NoSubscribersCallsNothingAndSucceeds) {
+  EXPECT_EQ(events->OnApplicationStartLogged(Arg(1)), 0);
+  EXPECT_TRUE(Take().empty());
+}
+
+TEST_F(DispatcherTest, EachOperationReachesTheSameOperationOfEverySinkInOrder) {
+  ASSERT_EQ(subscription->Subscribe(&a), 0);
+  ASSERT_EQ(subscription->Subscribe(&b), 0);
+  b.answer = static_cast<zel::result_t>(0x80000046u);  // a failing sink changes nothing
+  a.answer = static_cast<zel::result_t>(0x80000046u);
+
+  EXPECT_EQ(events->OnApplicationStartLogged(Arg(7)), 0);
+  EXPECT_EQ(events->OnApplicationStartBacklog(Arg(8)), 0);
+  EXPECT_EQ(events->OnApplicationStartLogLost(Arg(9)), 0);
+  EXPECT_EQ(Take(), (Strings{"a:logged:7", "b:logged:7", "a:backlog:8", "b:backlog:8", "a:lost:9", "b:lost:9"}));
+  EXPECT_EQ(a.ExtraRefs(), 1);
+}
+
+TEST_F(DispatcherTest, UnsubscribeKeepsTheOrderOfTheRest) {
+  for (auto* s : {&a, &b, &c}) ASSERT_EQ(subscription->Subscribe(s), 0);
+  ASSERT_EQ(subscription->Unsubscribe(&b), 0);
+  EXPECT_EQ(b.ExtraRefs(), 0);
+  events->OnApplicationStartLogged(Arg(1));
+  EXPECT_EQ(Take(), (Strings{"a:logged:1", "c:logged:1"}));
+}
+
+TEST_F(DispatcherTest, DuplicatesAreCalledPerSubscriptionAndRemovedOneAtATime) {
+  ASSERT_EQ(subscription->Subscribe(&a), 0);
+  ASSERT_EQ(subscription->Subscribe(&b), 0);
+  ASSERT_EQ(subscription->Subscribe(&a), 0);
+  events->OnApplicationStartLogged(Arg(1));
+  EXPECT_EQ(Take(), (Strings{"a:logged:1", "b:logged:1", "a:logged:1"}));
+
+  ASSERT_EQ(subscription->Unsubscribe(&a), 0);  // the first occurrence goes
+  events->OnApplicationStartLogged(Arg(2));
+  EXPECT_EQ(Take(), (Strings{"b:logged:2", "a:logged:2"}));
+  EXPECT_EQ(a.ExtraRefs(), 1);
+}
+
+TEST_F(DispatcherTest, UnknownSinkIsRefusedAndTheListStays) {
+  ASSERT_EQ(subscription->Subscribe(&a), 0);
+  EXPECT_EQ(subscription->Unsubscribe(&b), kNotFound);
+  EXPECT_EQ(subscription->Unsubscribe(nullptr), kNotFound);
+  EXPECT_EQ(b.ExtraRefs(), 0);
+  ASSERT_EQ(subscription->Unsubscribe(&a), 0);
+  EXPECT_EQ(subscription->Unsubscribe(&a), kNotFound);
+  events->OnApplicationStartLogged(Arg(1));
+  EXPECT_TRUE(Take().empty());
+}
+
+TEST_F(DispatcherTest, SinkUnsubscribingItselfGetsThisEventOnlyAndStaysAliveMeanwhile) {
+  for (auto* s : {&a, &b}) ASSERT_EQ(subscription->Subscribe(s), 0);
+  std::int64_t refsDuringDelivery = -1;
+  a.onEvent = [&, once = true]() mutable {
+    if (!std::exchange(once, false)) return;
+    EXPECT_EQ(subscription->Unsubscribe(&a), 0);
+    refsDuringDelivery = a.ExtraRefs();  // the delivery's list still holds it
+  };
+  events->OnApplicationStartLogged(Arg(1));
+  EXPECT_EQ(refsDuringDelivery, 1);
+  EXPECT_EQ(a.ExtraRefs(), 0);
+  events->OnApplicationStartLogged(Arg(2));
+  EXPECT_EQ(Take(), (Strings{"a:logged:1", "b:logged:1", "b:logged:2"}));
+}
+
+TEST_F(DispatcherTest, SinkSubscribedInsideADeliveryMissesThatEvent) {
+  for (auto* s : {&a, &b}) ASSERT_EQ(subscription->Subscribe(s), 0);
+  a.onEvent = [&, once = true]() mutable {
+    if (!std::exchange(once, false)) return;
+    EXPECT_EQ(subscription->Subscribe(&c), 0);
+  };
+  events->OnApplicationStartLogged(Arg(1));
+  events->OnApplicationStartLogged(Arg(2));
+  EXPECT_EQ(Take(), (Strings{"a:logged:1", "b:logged:1", "a:logged:2", "b:logged:2", "c:logged:2"}));
+}
+
+TEST_F(DispatcherTest, OutOfMemoryWhileCopyingLeavesTheListAsItWas) {
+  for (auto* s : {&a, &b}) ASSERT_EQ(subscription->Subscribe(s), 0);
+  a.onEvent = [&, once = true]() mutable {
+    if (!std::exchange(once, false)) return;
+    // During a delivery every change copies the list, and the copy fails.
+    testsupport::FailingNewScope failing;
+    EXPECT_EQ(subscription->Subscribe(&c), kOutOfMemory);
+    EXPECT_EQ(subscription->Unsubscribe(&b), kOutOfMemory);
+  };
+  events->OnApplicationStartLogged(Arg(1));
+  events->OnApplicationStartLogged(Arg(2));
+  EXPECT_EQ(Take(), (Strings{"a:logged:1", "b:logged:1", "a:logged:2", "b:logged:2"}));
+  EXPECT_EQ(c.ExtraRefs(), 0);
+}
+
+TEST_F(DispatcherTest, ThrowingSinkStopsThisDeliveryAndReleasesTheList) {
+  for (auto* s : {&a, &b}) ASSERT_EQ(subscription->Subscribe(s), 0);
+  a.throwOnEvent = true;
+  EXPECT_THROW(events->OnApplicationStartLogged(Arg(1)), std::runtime_error);
+  EXPECT_EQ(Take(), (Strings{"a:logged:1"}));
+
+  // Had the delivery kept its hold on the list, this would copy and the old
+  // list would keep a reference on each sink for ever.
+  a.throwOnEvent = false;
+  ASSERT_EQ(subscription->Unsubscribe(&a), 0);
+  EXPECT_EQ(a.ExtraRefs(), 0);
+  events->OnApplicationStartLogged(Arg(2));
+  EXPECT_EQ(Take(), (Strings{"b:logged:2"}));
+}
+
+TEST_F(DispatcherTest, NullSinkIsRefused) {
+  EXPECT_LT(subscription->Subscribe(nullptr), 0);
+  EXPECT_EQ(events->OnApplicationStartLogged(Arg(1)), 0);
+}
+
+TEST_F(DispatcherTest, SubscribersLeftAtTheEndAreReleasedWithTheDispatcher) {
+  for (auto* s : {&a, &b, &c}) ASSERT_EQ(subscription->Subscribe(s), 0);
+  EXPECT_EQ(c.ExtraRefs(), 1);
+  EXPECT_EQ(allocator.LiveBlocks(), 1);  // the dispatcher; its list lives on malloc
+  // TearDown checks that every sink and every block is back.
+}
+
+// A sink that only counts, for the threaded test.
+class CountingSink final : public IApplicationStartLogEvents {
+ public:
+  std::uint32_t AddRef() override { return ++refs; }
+  std::uint32_t Release() override { return --refs; }
+  zel::result_t QueryInterface(zel::iid_t, void** out) override {
+    *out = nullptr;
+    return static_cast<zel::result_t>(0x80000001u);
+  }
+  zel::result_t OnApplicationStartLogged(const void*) override { return ++calls, 0; }
+  zel::result_t OnApplicationStartBacklog(const void*) override { return ++calls, 0; }
+  zel::result_t OnApplicationStartLogLost(const void*) override { return ++calls, 0; }
+
+  std::atomic<std::uint32_t> refs{1};
+  std::atomic<std::uint64_t> calls{0};
+};
+
+TEST_F(DispatcherTest, DeliveriesRunWhileOthersSubscribeAndUnsubscribe) {
+  constexpr int kDeliverers = 4;
+  constexpr int kDeliveries = 2000;
+  constexpr int kChurns = 1000;
+  CountingSink steady;
+  std::vector<CountingSink> churn(3);
+  ASSERT_EQ(subscription->Subscribe(&steady), 0);
+
+  std::atomic<bool> go{false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kDeliverers; ++t) {
+    threads.emplace_back([&] {
+      while (!go.load()) std::this_thread::yield();
+      for (int i = 0; i < kDeliveries; ++i) events->OnApplicationStartLogged(Arg(i));
+    });
+  }
+  threads.emplace_back([&] {
+    while (!go.load()) std::this_thread::yield();
+    for (int i = 0; i < kChurns; ++i) {
+      CountingSink& s = churn[i % churn.size()];
+      EXPECT_EQ(subscription->Subscribe(&s), 0);
+      if (i % 2 == 1) {
+        EXPECT_EQ(subscription->Unsubscribe(&churn[(i - 1) % churn.size()]), 0);
+      }
+    }
+  });
+  go = true;
+  for (auto& t : threads) t.join();
+
+  EXPECT_EQ(steady.calls.load(), std::uint64_t{kDeliverers} * kDeliveries);
+  for (auto& s : churn) {
+    while (subscription->Unsubscribe(&s) == 0) {
+    }
+    EXPECT_EQ(s.refs.load(), 1u);
+  }
+  ASSERT_EQ(subscription->Unsubscribe(&steady), 0);
+  EXPECT_EQ(steady.refs.load(), 1u);
+}
+
+}  // namespace

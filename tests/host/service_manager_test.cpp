@@ -1,0 +1,275 @@
+// The host's settings store: revisions, persistence across reopen, lost-update
+// safety under two concurrent writers, and its fault injection.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "host/services/service_locator.h"
+#include "host/services/service_manager.h"
+#include "tov_utils/update_service_settings_sync.h"
+
+namespace {
+
+using app_core::facade::IServiceManager;
+using app_core::facade::kSettingsRevisionChanged;
+using app_core::facade::SettingsHolder;
+
+struct Counter {
+  static constexpr std::uint32_t SerId = 0x5E771A6Eu;
+  std::uint64_t value = 0;
+};
+struct Other {
+  static constexpr std::uint32_t SerId = 0x07AE2001u;
+  std::uint32_t a = 0;
+};
+
+class TempDb {
+ public:
+  TempDb() {
+    m_path = (std::filesystem::temp_directory_path() /
+              ("service_manager_test_" + std::to_string(::getpid()) + "_" + std::to_string(++s_counter) + ".db"))
+                 .string();
+  }
+  ~TempDb() {
+    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((m_path + suffix).c_str());
+  }
+  const std::string& path() const { return m_path; }
+
+ private:
+  static inline int s_counter = 0;
+  std::string m_path;
+};
+
+zel::result_t Read(IServiceManager& sm, std::uint32_t key, Counter& c, std::uint32_t& revision) {
+  SettingsHolder h{&c, Counter::SerId, nullptr};
+  return sm.GetServiceSettings2(key, &h, &revision);
+}
+
+zel::result_t Write(IServiceManager& sm, std::uint32_t key, std::uint64_t value, std::uint32_t revision) {
+  Counter c{value};
+  SettingsHolder h{&c, Counter::SerId, nullptr};
+  return sm.UpdateServiceSettings2(key, 1, &h, revision);
+}
+
+host::ServiceManager& Opened(host::ServiceManager& sm, const std::string& path) {
+  EXPECT_EQ(sm.Open(path), 0);
+  sm.RegisterTrivialCodec<Counter>(Counter::SerId);
+  sm.RegisterTrivialCodec<Other>(Other::SerId);
+  return sm;
+}
+
+TEST(ServiceManager, RevisionsGuardEveryWrite) {
+  host::ServiceManager sm;
+  Opened(sm, ":memory:");
+  Counter c{42};
+  std::uint32_t rev = 99;
+  EXPECT_EQ(Read(sm, 1, c, rev), zel::result::False);  // nothing stored: defaults kept
+  EXPECT_EQ(c.value, 42u);
+  EXPECT_EQ(rev, 0u);
+  EXPECT_EQ(sm.HasServiceSettings(1), zel::result::False);
+
+  EXPECT_EQ(Write(sm, 1, 5, 7), kSettingsRevisionChanged);  // first write must give 0
+  EXPECT_EQ(Write(sm, 1, 5, 0), 0);
+  EXPECT_EQ(Write(sm, 1, 6, 0), kSettingsRevisionChanged);  // somebody else created it
+  ASSERT_EQ(Read(sm, 1, c, rev), 0);
+  EXPECT_EQ(c.value, 5u);
+  EXPECT_EQ(Write(sm, 1, 6, rev), 0);
+  EXPECT_EQ(Write(sm, 1, 7, rev), kSettingsRevisionChanged);  // stale now
+  std::uint32_t rev2 = 0;
+  ASSERT_EQ(Read(sm, 1, c, rev2), 0);
+  EXPECT_EQ(c.value, 6u);
+  EXPECT_NE(rev2, rev);
+
+  // Keys are independent; the unconditional write moves the revision too.
+  EXPECT_EQ(Write(sm, 2, 1, 0), 0);
+  Counter d{100};
+  SettingsHolder h{&d, Counter::SerId, nullptr};
+  EXPECT_EQ(sm.SetServiceSettings(1, 1, &h), 0);
+  EXPECT_EQ(Write(sm, 1, 8, rev2), kSettingsRevisionChanged);
+
+  EXPECT_EQ(sm.RemoveServiceSettings(1), 0);
+  EXPECT_EQ(sm.RemoveServiceSettings(1), zel::result::False);
+  EXPECT_EQ(Write(sm, 1, 9, rev2), kSettingsRevisionChanged);  // removed meanwhile
+}
+
+TEST(ServiceManager, RecordsOfTheWrongOrUnknownTypeAreRefused) {
+  host::ServiceManager sm;
+  Opened(sm, ":memory:");
+  ASSERT_EQ(Write(sm, 1, 5, 0), 0);
+  Other o{};
+  SettingsHolder wrong{&o, Other::SerId, nullptr};
+  std::uint32_t rev = 0;
+  EXPECT_EQ(sm.GetServiceSettings2(1, &wrong, &rev), zel::result::WrongSettingsType);
+  int unknown = 0;
+  SettingsHolder noCodec{&unknown, 0x1234, nullptr};
+  EXPECT_EQ(sm.UpdateServiceSettings2(3, 1, &noCodec, 0), zel::result::MetaInformationNotFound);
+  EXPECT_EQ(sm.GetServiceSettings2(1, nullptr, &rev), zel::result::InvalidArgument);
+}
+
+TEST(ServiceManager, PersistsAcrossReopen) {
+  TempDb db;
+  std::uint32_t rev = 0;
+  {
+    host::ServiceManager sm;
+    Opened(sm, db.path());
+    ASSERT_EQ(Write(sm, 0x0A65F4BA, 77, 0), 0);
+    ASSERT_EQ(sm.FlushSettings(), 0);
+    Counter c;
+    ASSERT_EQ(Read(sm, 0x0A65F4BA, c, rev), 0);
+  }
+  host::ServiceManager sm;
+  Opened(sm, db.path());
+  Counter c;
+  std::uint32_t rev2 = 0;
+  ASSERT_EQ(Read(sm, 0x0A65F4BA, c, rev2), 0);
+  EXPECT_EQ(c.value, 77u);
+  EXPECT_EQ(rev2, rev);  // a writer that read before the restart still writes
+  EXPECT_EQ(Write(sm, 0x0A65F4BA, 78, rev), 0);
+}
+
+// Each thread reads, increments and writes back, retrying when the revision
+// moved on; every increment must survive. Nothing is flushed per update, so
+// the test measures the store's guard, not the disk's fsync rate.
+TEST(ServiceManager, TwoWritersLoseNoUpdate) {
+  TempDb db;
+  host::ServiceManager sm;
+  Opened(sm, db.path());
+  constexpr int kPerThread = 10000;
+  std::atomic<int> conflicts{0};
+  auto work = [&] {
+    for (int i = 0; i < kPerThread; ++i) {
+      for (;;) {
+        Counter c;
+        std::uint32_t rev = 0;
+        if (Read(sm, 7, c, rev) < 0) return ADD_FAILURE() << "read failed";
+        const zel::result_t r = Write(sm, 7, c.value + 1, rev);
+        if (r == 0) break;
+        if (r != kSettingsRevisionChanged) return ADD_FAILURE() << "write failed: " << r;
+        ++conflicts;
+      }
+    }
+  };
+  std::thread a(work), b(work);
+  a.join();
+  b.join();
+  Counter c;
+  std::uint32_t rev = 0;
+  ASSERT_EQ(Read(sm, 7, c, rev), 0);
+  EXPECT_EQ(c.value, 2u * kPerThread);
+  EXPECT_EQ(sm.Writes(), 2u * kPerThread + static_cast<std::uint64_t>(conflicts.load()));
+}
+
+// Two connections on one file, as two host processes would have: the
+// revision test and the write must be one transaction in the database.
+TEST(ServiceManager, TwoConnectionsLoseNoUpdate) {
+  TempDb db;
+  host::ServiceManager first, second;
+  Opened(first, db.path());
+  Opened(second, db.path());
+  constexpr int kPerThread = 1000;
+  auto work = [&](host::ServiceManager& sm) {
+    for (int i = 0; i < kPerThread; ++i) {
+      for (;;) {
+        Counter c;
+        std::uint32_t rev = 0;
+        if (Read(sm, 7, c, rev) < 0) return ADD_FAILURE() << "read failed";
+        const zel::result_t r = Write(sm, 7, c.value + 1, rev);
+        if (r == 0) break;
+        if (r != kSettingsRevisionChanged) return ADD_FAILURE() << "write failed: " << r;
+      }
+    }
+  };
+  std::thread a(work, std::ref(first)), b(work, std::ref(second));
+  a.join();
+  b.join();
+  Counter c;
+  std::uint32_t rev = 0;
+  ASSERT_EQ(Read(first, 7, c, rev), 0);
+  EXPECT_EQ(c.value, 2u * kPerThread);
+}
+
+// The same through the module's update loop, which also flushes each time.
+TEST(ServiceManager, TwoWritersThroughTheUpdateLoop) {
+  TempDb db;
+  host::ServiceManager sm;
+  Opened(sm, db.path());
+  host::ServiceLocator locator;
+  locator.Register<IServiceManager>(&sm);
+  constexpr int kPerThread = 50;
+  auto work = [&] {
+    for (int i = 0; i < kPerThread; ++i) {
+      const zel::result_t r = tools::UpdateServiceSettingsSync<Counter>(nullptr, &locator, 7, [](Counter& c) {
+        ++c.value;
+        return true;
+      });
+      if (r != 0) return ADD_FAILURE() << "update failed: " << r;
+    }
+  };
+  std::thread a(work), b(work);
+  a.join();
+  b.join();
+  Counter c;
+  std::uint32_t rev = 0;
+  ASSERT_EQ(Read(sm, 7, c, rev), 0);
+  EXPECT_EQ(c.value, 2u * kPerThread);
+  EXPECT_EQ(sm.Flushes(), 2u * kPerThread);
+}
+
+TEST(ServiceManager, TwoConnectionsOnOneFileShareTheRevision) {
+  TempDb db;
+  host::ServiceManager first, second;
+  Opened(first, db.path());
+  Opened(second, db.path());
+  Counter c;
+  std::uint32_t rev = 0;
+  ASSERT_EQ(Write(first, 1, 1, 0), 0);
+  ASSERT_EQ(Read(second, 1, c, rev), 0);
+  EXPECT_EQ(c.value, 1u);
+  ASSERT_EQ(Write(first, 1, 2, rev), 0);
+  EXPECT_EQ(Write(second, 1, 3, rev), kSettingsRevisionChanged);
+}
+
+TEST(ServiceManager, InjectedFaultsHitOnceEach) {
+  host::ServiceManager sm;
+  Opened(sm, ":memory:");
+  Counter c;
+  std::uint32_t rev = 0;
+  sm.FailNextRead(zel::result::MediaError);
+  EXPECT_EQ(Read(sm, 1, c, rev), zel::result::MediaError);
+  EXPECT_EQ(Read(sm, 1, c, rev), zel::result::False);
+
+  sm.FailNextWrite(zel::result::AccessDenied);
+  EXPECT_EQ(Write(sm, 1, 1, 0), zel::result::AccessDenied);
+  sm.ForceRevisionConflicts(2);
+  EXPECT_EQ(Write(sm, 1, 1, 0), kSettingsRevisionChanged);
+  EXPECT_EQ(Write(sm, 1, 1, 0), kSettingsRevisionChanged);
+  EXPECT_EQ(sm.HasServiceSettings(1), zel::result::False);  // nothing stored by them
+  EXPECT_EQ(Write(sm, 1, 1, 0), 0);
+
+  sm.FailNextFlush(zel::result::OutOfSpace);
+  EXPECT_EQ(sm.FlushSettings(), zel::result::OutOfSpace);
+  EXPECT_EQ(sm.FlushSettings(), 0);
+  EXPECT_EQ(sm.Reads(), 2u);
+  EXPECT_EQ(sm.Writes(), 4u);
+  EXPECT_EQ(sm.Flushes(), 2u);
+}
+
+TEST(ServiceManager, UnopenedStoreAndBadPathFail) {
+  host::ServiceManager sm;
+  EXPECT_EQ(sm.FlushSettings(), zel::result::NotInitialized);
+  sm.RegisterTrivialCodec<Counter>(Counter::SerId);
+  EXPECT_EQ(Write(sm, 1, 1, 0), zel::result::NotInitialized);
+  Counter c;
+  std::uint32_t rev = 0;
+  EXPECT_EQ(Read(sm, 1, c, rev), zel::result::NotInitialized);
+  EXPECT_LT(sm.Open("/nonexistent-dir-for-service-manager/x.db"), 0);
+}
+
+}  // namespace

@@ -1,0 +1,66 @@
+// Descriptors of the five expression classes, served the way the host
+// serves them, for the tests, fuzz targets and benchmarks of the category
+// code.
+#pragma once
+
+#include <cstdint>
+#include <map>
+
+#include "tov_common/categories/category_types.h"
+#include "zel/serialization/imeta_info.h"
+#include "zel/serialization/ser_obj_descriptor.h"
+#include "zel/serialization/type_descriptor.h"
+
+namespace category_test {
+
+template <class T>
+struct Described {
+  static zel::SerObjDescriptorImpl<T>& Helper() {
+    static zel::SerObjDescriptorImpl<T> helper;
+    return helper;
+  }
+  static const zel::TypeDescriptor* Get() {
+    static zel::TypeDescriptorField fields[] = {zel::kFieldTableTerminator};
+    static const zel::TypeDescriptor descriptor{T::SerId, "category expression", sizeof(T), fields, &Helper()};
+    return &descriptor;
+  }
+};
+
+// Serves the descriptors of the expression classes; counted for bookkeeping only.
+class MetaInfo final : public zel::IMetaInfoProvider {
+ public:
+  MetaInfo() {
+    Add<app_ctrl::CategoryFileInfoOperationExpression>();
+    Add<app_ctrl::CategoryLinkedCategoryExpression>();
+    Add<app_ctrl::CategoryStorageTypeExpression>();
+    Add<app_ctrl::CategoryVersionOperationExpression>();
+    Add<app_ctrl::CategoryAndExpression>();
+  }
+  std::uint32_t AddRef() override { return 2; }
+  std::uint32_t Release() override { return 1; }
+  zel::result_t QueryInterface(zel::iid_t, void** out) override {
+    *out = nullptr;
+    return static_cast<zel::result_t>(0x80000001u);
+  }
+  zel::result_t FindDescriptor(std::uint32_t serId, const zel::TypeDescriptor** descriptor) override {
+    const auto it = m_known.find(serId);
+    if (it == m_known.end()) return static_cast<zel::result_t>(0x8000004Cu);
+    *descriptor = it->second;
+    return 0;
+  }
+  zel::result_t FindDescriptorByName(const char*, const zel::TypeDescriptor**) override {
+    return static_cast<zel::result_t>(0x80000043u);
+  }
+  zel::result_t GetDescriptorCount(std::uint32_t*) override { return static_cast<zel::result_t>(0x80000043u); }
+
+  void Forget(std::uint32_t serId) { m_known.erase(serId); }
+
+ private:
+  template <class T>
+  void Add() {
+    m_known[T::SerId] = Described<T>::Get();
+  }
+  std::map<std::uint32_t, const zel::TypeDescriptor*> m_known;
+};
+
+}  // namespace category_test

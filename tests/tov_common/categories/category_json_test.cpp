@@ -1,0 +1,302 @@
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <clocale>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+#include "category_test_support.h"
+#include "tov_common/categories/category_json.h"
+
+namespace {
+
+using namespace app_ctrl;
+using category_test::CategoryEnv;
+using tov::tools::CategoriesToJson;
+using tov::tools::CategoryList;
+using tov::tools::FilterCategoriesByName;
+using tov::tools::JsonToCategories;
+
+constexpr const char* kGuid = "00112233445566778899aabbccddeeff";
+
+// What JsonToCategories did with a document, as one comparable line.
+std::string Outcome(CategoryEnv& env, const std::string& json) {
+  try {
+    const CategoryList list = JsonToCategories(env.sl(), json, "src.json");
+    return "ok " + std::to_string(list.size());
+  } catch (const tov::tools::JsonToCategoriesExceptionMsgKey& e) {
+    return "MsgKey " + std::to_string(e.message) + " " + e.key;
+  } catch (const tov::tools::JsonToCategoriesExceptionMsgMsgKey& e) {
+    return "MsgMsgKey " + std::to_string(e.message) + " " + std::to_string(e.secondMessage) + " " + e.key;
+  } catch (const tov::tools::JsonToCategoriesExceptionMsgKeyMsg& e) {
+    return "MsgKeyMsg " + std::to_string(e.message) + " " + e.key + " " + std::to_string(e.secondMessage);
+  } catch (const Json::LogicError&) {
+    return "LogicError";
+  }
+}
+
+std::string Element(const std::string& members) {
+  return std::string("[{\"Name\":\"n\",\"GUID\":\"") + kGuid + "\"" + (members.empty() ? "" : ",") + members + "}]";
+}
+
+TEST(JsonToCategories, DocumentLevelFaults) {
+  CategoryEnv env;
+  const struct {
+    std::string json;
+    std::string outcome;
+  } cases[] = {
+      {"[]", "ok 0"},
+      {"// list\n[] /* none */\n", "ok 0"},
+      {"[ // one\n" + Element("").substr(1), "ok 1"},
+      {"{}", "MsgKey 121 src.json"},
+      {"\"text\"", "MsgKey 121 src.json"},
+      {"", "MsgKey 121 src.json"},
+      {"[1", "MsgKey 121 src.json"},
+      {"[{\"Name\":\"a\",}]", "MsgKey 121 src.json"},
+      {"[1]", "LogicError"},
+      {"[[]]", "LogicError"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Outcome(env, c.json), c.outcome) << c.json;
+}
+
+TEST(JsonToCategories, ElementFaultsInTheirOrder) {
+  CategoryEnv env;
+  const std::string good = std::string("\"GUID\":\"") + kGuid + "\"";
+  const struct {
+    std::string json;
+    std::string outcome;
+  } cases[] = {
+      // Name is fetched first, then GUID.
+      {"[{}]", "MsgMsgKey 323 387 Name"},
+      {"[null]", "MsgMsgKey 323 387 Name"},
+      {"[{" + good + "}]", "MsgMsgKey 323 387 Name"},
+      {"[{\"name\":\"a\"," + good + "}]", "MsgMsgKey 323 387 Name"},
+      {"[{\"Name\":\"a\"}]", "MsgMsgKey 323 387 GUID"},
+      {"[{\"Name\":1}]", "MsgKeyMsg 321 Name 387"},
+      {"[{\"Name\":null," + good + "}]", "MsgKeyMsg 321 Name 387"},
+      {"[{\"Name\":\"a\",\"GUID\":7}]", "MsgKeyMsg 321 GUID 387"},
+      {"[{\"Name\":\"a\",\"GUID\":\"00112233-4455-6677-8899-aabbccddeeff\"}]",
+       "MsgKey 113 00112233-4455-6677-8899-aabbccddeeff"},
+      {"[{\"Name\":\"a\",\"GUID\":\"00112233445566778899aabbccddeef\"}]", "MsgKey 113 00112233445566778899aabbccddeef"},
+      // A bad GUID is reported before an unknown key.
+      {"[{\"Aaa\":1,\"Name\":\"a\",\"GUID\":\"x\"}]", "MsgKey 113 x"},
+      {Element("\"Zzz\":1"), "MsgKey 319 Zzz"},
+      {Element("\"guid\":1"), "MsgKey 319 guid"},
+      // Members are visited in ascending key order, whatever the document says.
+      {Element("\"Include\":\"i\",\"Exclude\":\"e\",\"Description\":1"), "MsgKeyMsg 321 Description 387"},
+      {Element("\"Zzz\":1,\"Include\":\"i\",\"Exclude\":\"e\""), "MsgKeyMsg 321 Exclude 386"},
+      {Element("\"Zzz\":1,\"Include\":\"i\""), "MsgKeyMsg 321 Include 386"},
+      {Element("\"Include\":\"i\",\"Aaa\":1"), "MsgKey 319 Aaa"},
+      {Element("\"Include\":{}"), "MsgKeyMsg 321 Include 386"},
+      {Element("\"Include\":[\"(RemovableDrive)\",1]"), "MsgKeyMsg 321 Include 386"},
+      {Element("\"Exclude\":[null]"), "MsgKeyMsg 321 Exclude 386"},
+      {Element("\"Include\":[\"(ProductVersion == 1)\"]"), "MsgKey 113 (ProductVersion == 1)"},
+      {Element("\"Include\":[\"(FileName  == a)\"]"), "MsgKey 113 (FileName  == a)"},
+      {Element("\"Exclude\":[\"x (CommandLine == a)\"]"), "MsgKey 113 x (CommandLine == a)"},
+      {Element("\"Exclude\":[\"(FileMd5Hash == abc)\"]"), "MsgKey 113 (FileMd5Hash == abc)"},
+      {Element("\"Include\":[],\"Exclude\":[],\"Description\":\"\""), "ok 1"},
+      // A fault in a later element loses the earlier ones too.
+      {"[" + Element("").substr(1, Element("").size() - 2) + ",{\"Name\":2}]", "MsgKeyMsg 321 Name 387"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Outcome(env, c.json), c.outcome) << c.json;
+}
+
+TEST(JsonToCategories, ReadsEveryFieldAndKeepsDuplicates) {
+  CategoryEnv env;
+  const std::string json = R"json([
+    {"Name": "Tools", "GUID": "00112233445566778899AABBCCDDEEFF", "Description": "d",
+     "Include": ["My Label (VendorName == Acme)", "(RemovableDrive)"],
+     "Exclude": ["(Category eac00500000000000000000000000000)"]},
+    {"GUID": "00112233445566778899aabbccddeeff", "Name": "Tools"}
+  ])json";
+  const CategoryList list = JsonToCategories(env.sl(), json, "s");
+  ASSERT_EQ(list.size(), 2u);
+  const Category& c = list[0];
+  EXPECT_EQ(c.GUID, category_test::IdFromHex(kGuid));
+  EXPECT_EQ(c.Name, u"Tools");
+  EXPECT_EQ(c.Description, u"d");
+  ASSERT_EQ(c.Include.size(), 2u);
+  EXPECT_EQ(c.Include[0].criterionName, u"MyLabel");
+  EXPECT_EQ(c.Include[0].expression.descriptor()->serId, 0x7C77F1D9u);
+  EXPECT_TRUE(c.Include[1].criterionName.empty());
+  EXPECT_EQ(c.Include[1].expression.descriptor()->serId, 0x26F50648u);
+  ASSERT_EQ(c.Exclude.size(), 1u);
+  EXPECT_EQ(c.Exclude[0].expression.get_as<CategoryLinkedCategoryExpression>()->category, GoldenImageCategoryId);
+  EXPECT_TRUE(category_test::SameCategory(list[1], [&] {
+    Category same;
+    same.GUID = c.GUID;
+    same.Name = u"Tools";
+    return same;
+  }()));
+}
+
+TEST(CategoriesToJson, WritesKeysAscendingAndDropsOnlyAnEmptyDescription) {
+  CategoryEnv env;
+  CategoryList list;
+  Category c;
+  c.GUID = category_test::IdFromHex("00112233445566778899AABBCCDDEEFF");
+  c.Name = u"n";
+  CategoryCriterion blank;
+  blank.criterionName = u"lbl";
+  blank.expression = env.Own(
+      CategoryFileInfoOperationExpression(CategoryFileInfoField::FilePath, CategoryStringOperation::Equal, u"/a b"));
+  c.Include.push_back(blank);
+  list.push_back(c);
+
+  const std::string json = CategoriesToJson(list);
+  EXPECT_EQ(json,
+            "[\n\t{\n\t\t\"Exclude\" : [],\n\t\t\"GUID\" : \"00112233445566778899aabbccddeeff\",\n"
+            "\t\t\"Include\" : \n\t\t[\n\t\t\t\"lbl (FilePath == /a b)\"\n\t\t],\n\t\t\"Name\" : \"n\"\n\t}\n]");
+  // The value with a blank prints, and can't be read back.
+  EXPECT_EQ(Outcome(env, json), "MsgKey 113 lbl (FilePath == /a b)");
+
+  list[0].Include.clear();
+  list[0].Description = u"d";
+  const std::string described = CategoriesToJson(list);
+  EXPECT_LT(described.find("\"Description\""), described.find("\"Exclude\""));
+  const CategoryList back = JsonToCategories(env.sl(), CategoriesToJson(list), "s");
+  ASSERT_EQ(back.size(), 1u);
+  EXPECT_TRUE(category_test::SameCategory(back[0], list[0]));
+
+  EXPECT_EQ(CategoriesToJson(CategoryList()), "[]");
+}
+
+TEST(CategoriesToJson, TextTheLocaleCannotNarrowRaises) {
+  CategoryList list;
+  list.resize(1);
+  list[0].Name = u"caf\u00e9";
+  EXPECT_THROW(CategoriesToJson(list), std::bad_cast);
+  list[0].Name = u"cafe";
+  list[0].Description = u"\xD800";  // a lone surrogate narrows in no locale
+  EXPECT_THROW(CategoriesToJson(list), std::bad_cast);
+}
+
+TEST(CategoryJson, NonAsciiTextRoundTripsInAUtf8Locale) {
+  ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
+  struct RestoreLocale {
+    ~RestoreLocale() { std::setlocale(LC_ALL, "C"); }
+  } restore;
+  CategoryEnv env;
+  const std::string json =
+      std::string("[{\"Name\":\"Caf\xc3\xa9 \xf0\x9f\x98\x80\",\"GUID\":\"") + kGuid +
+      "\",\"Include\":[\"\xc3\xa9t\xc3\xa9 (FileName == \\u00e9.sh)\"]}]";
+  const CategoryList list = JsonToCategories(env.sl(), json, "s");
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0].Name, u"Caf\u00e9 \U0001F600");
+  EXPECT_EQ(list[0].Include[0].criterionName, u"\u00e9t\u00e9");
+  EXPECT_EQ(list[0].Include[0].expression.get_as<CategoryFileInfoOperationExpression>()->value, u"\u00e9.sh");
+  const CategoryList again = JsonToCategories(env.sl(), CategoriesToJson(list), "s");
+  ASSERT_EQ(again.size(), 1u);
+  EXPECT_TRUE(category_test::SameCategory(again[0], list[0]));
+  // Bytes that aren't UTF-8 can't be widened even here.
+  EXPECT_THROW(JsonToCategories(env.sl(), std::string("[{\"Name\":\"\xff\",\"GUID\":\"") + kGuid + "\"}]", "s"),
+               std::bad_cast);
+}
+
+TEST(FilterCategoriesByName, KeepsExactMatchesInOrder) {
+  const auto make = [](std::initializer_list<const char16_t*> names) {
+    CategoryList list;
+    std::uint8_t n = 0;
+    for (const char16_t* name : names) {
+      Category c;
+      c.GUID.bytes[0] = n++;
+      c.Name = name;
+      list.push_back(std::move(c));
+    }
+    return list;
+  };
+  const auto names = [](const CategoryList& list) {
+    std::string out;
+    for (const Category& c : list) out += std::to_string(c.GUID.bytes[0]) + ",";
+    return out;
+  };
+  CategoryList list = make({u"a", u"ab", u"b", u"a", u"A"});
+  FilterCategoriesByName(list, {});
+  EXPECT_EQ(names(list), "0,1,2,3,4,");
+  FilterCategoriesByName(list, {"a", "b", "zz"});
+  EXPECT_EQ(names(list), "0,2,3,");
+  FilterCategoriesByName(list, {"ab"});
+  EXPECT_EQ(names(list), "");
+
+  CategoryList odd = make({u"x", u"caf\u00e9"});
+  EXPECT_THROW(FilterCategoriesByName(odd, {"x"}), std::bad_cast);
+  EXPECT_EQ(names(odd), "0,1,") << "a failed filter must leave the list alone";
+}
+
+// ---- a large document --------------------------------------------------------
+
+// 1000 categories that use every criterion form that reads back.
+std::string GenerateDocument() {
+  static const char* const kFields[] = {"FileName",          "FilePath",          "VendorName",
+                                        "ProductName",       "CertificateThumbprint", "CertificatePublicKey",
+                                        "CertificateIssuer", "CertificateSerial", "PackageName",
+                                        "MarketCategory",    "CertificateSubject"};
+  static const char* const kOperations[] = {"==", "!=", "like", "contains", "startswith", "endswith", "regexp"};
+  const auto hex = [](unsigned seed, std::size_t length) {
+    std::string s;
+    for (std::size_t i = 0; i < length; ++i) s.push_back("0123456789abcdefABCDEF"[(seed * 7 + i * 13) % 22]);
+    return s;
+  };
+  Json::Value root(Json::arrayValue);
+  for (unsigned i = 0; i < 1000; ++i) {
+    Json::Value c(Json::objectValue);
+    c["GUID"] = hex(i, 32);
+    c["Name"] = "category-" + std::to_string(i);
+    if (i % 3 != 0) c["Description"] = "description of " + std::to_string(i);
+    Json::Value include(Json::arrayValue);
+    Json::Value exclude(Json::arrayValue);
+    for (unsigned k = 0; k < 6; ++k) {
+      const unsigned n = i * 6 + k;
+      const std::string label = n % 4 == 0 ? "label" + std::to_string(n) + " " : "";
+      std::string criterion;
+      switch (n % 6) {
+        case 0:
+        case 1:
+          criterion = std::string("(") + kFields[n % 11] + " " + kOperations[n % 7] + " value-" + std::to_string(n) + ")";
+          break;
+        case 2:
+          criterion = std::string("(FileHash ") + kOperations[n % 7] + " " + hex(n, n % 2 ? 32 : 64) + ")";
+          break;
+        case 3:
+          criterion = "(" + std::string(n % 2 ? "FileMd5Hash == " + hex(n, 32) : "FileSha256Hash == " + hex(n, 64)) + ")";
+          break;
+        case 4:
+          criterion = "(Category " + hex(n + 1, 32) + ")";
+          break;
+        default:
+          criterion = "(RemovableDrive)";
+          break;
+      }
+      (k % 2 ? exclude : include).append(label + criterion);
+    }
+    c["Include"] = include;
+    c["Exclude"] = exclude;
+    root.append(c);
+  }
+  return Json::writeString(Json::StreamWriterBuilder(), root);
+}
+
+TEST(CategoryJson, LargeDocumentRoundTrips) {
+  CategoryEnv env;
+  const std::string document = GenerateDocument();
+  const CategoryList first = JsonToCategories(env.sl(), document, "generated");
+  ASSERT_EQ(first.size(), 1000u);
+  std::size_t criteria = 0;
+  for (const Category& c : first) criteria += c.Include.size() + c.Exclude.size();
+  EXPECT_EQ(criteria, 6000u);
+
+  const std::string written = CategoriesToJson(first);
+  const CategoryList second = JsonToCategories(env.sl(), written, "written");
+  ASSERT_EQ(second.size(), first.size());
+  for (std::size_t i = 0; i < first.size(); ++i) {
+    ASSERT_TRUE(category_test::SameCategory(first[i], second[i])) << "category " << i;
+  }
+  EXPECT_EQ(CategoriesToJson(second), written);
+
+  // Copies are deep: the copy outlives the original's expressions.
+  CategoryList copy = second;
+  EXPECT_TRUE(category_test::SameCategory(copy[999], second[999]));
+}
+
+}  // namespace

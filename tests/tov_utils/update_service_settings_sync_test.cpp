@@ -1,0 +1,201 @@
+// The read-modify-write loop against the host's real settings store, with
+// the store's fault injection driving conflicts and failures, and the exact
+// trace lines it leaves.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "host/services/collecting_tracer.h"
+#include "host/services/service_locator.h"
+#include "host/services/service_manager.h"
+#include "tov_utils/update_service_settings_sync.h"
+
+namespace {
+
+using app_core::facade::IServiceManager;
+using app_core::facade::SettingsHolder;
+
+struct Counter {
+  static constexpr std::uint32_t SerId = 0x5E771A6Eu;
+  std::uint32_t value = 0;
+  std::uint32_t marks = 0;
+};
+
+constexpr std::uint32_t kKey = 0x0A65F4BA;
+const std::string kFile = "tov_utils/update_service_settings_sync.h:";
+const std::string kEnter = "UpdateServiceSettingsSync() serviceKey=0xa65f4ba, sync=1";
+
+class UpdateServiceSettingsSyncTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(m_store.Open(":memory:"), 0);
+    m_store.RegisterTrivialCodec<Counter>(Counter::SerId);
+    m_locator.Register<IServiceManager>(&m_store);
+  }
+
+  zel::result_t Run(auto modifier) {
+    return tools::UpdateServiceSettingsSync<Counter>(&m_tracer, &m_locator, kKey, modifier);
+  }
+
+  Counter Stored() {
+    Counter c;
+    SettingsHolder holder{&c, Counter::SerId, nullptr};
+    std::uint32_t revision = 0;
+    EXPECT_GE(m_store.GetServiceSettings2(kKey, &holder, &revision), 0);
+    return c;
+  }
+
+  void Seed(std::uint32_t value) {
+    Counter c{value, 0};
+    SettingsHolder holder{&c, Counter::SerId, nullptr};
+    ASSERT_EQ(m_store.SetServiceSettings(kKey, 1, &holder), 0);
+  }
+
+  host::CollectingTracer m_tracer;
+  host::ServiceManager m_store;
+  host::ServiceLocator m_locator;
+};
+
+TEST_F(UpdateServiceSettingsSyncTest, UnchangedRecordIsNeitherWrittenNorFlushed) {
+  Seed(7);
+  int calls = 0;
+  EXPECT_EQ(Run([&](Counter& c) {
+              ++calls;
+              EXPECT_EQ(c.value, 7u);  // the modifier sees what is stored
+              return false;
+            }),
+            1);
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(m_store.Reads(), 1u);
+  EXPECT_EQ(m_store.Writes(), 0u);
+  EXPECT_EQ(m_store.Flushes(), 0u);
+  EXPECT_EQ(m_tracer.Texts(), (std::vector<std::string>{kEnter, "UpdateServiceSettingsSync() <- 0x00000001 (False) "}));
+  EXPECT_EQ(m_tracer.OutstandingRefs(), 0);
+  EXPECT_EQ(m_store.OutstandingRefs(), 1);  // the locator's own
+}
+
+TEST_F(UpdateServiceSettingsSyncTest, StaleRevisionsRestartFromAFreshRecord) {
+  Seed(10);
+  m_store.ForceRevisionConflicts(2);
+  int calls = 0;
+  EXPECT_EQ(Run([&](Counter& c) {
+              ++calls;
+              ++c.value;  // from a fresh read each time, so the result is 11, not 13
+              return true;
+            }),
+            0);
+  EXPECT_EQ(calls, 3);
+  EXPECT_EQ(m_store.Reads(), 3u);
+  EXPECT_EQ(m_store.Writes(), 3u);
+  EXPECT_EQ(m_store.Flushes(), 1u);
+  EXPECT_EQ(Stored().value, 11u);
+  EXPECT_EQ(m_tracer.Texts(),
+            (std::vector<std::string>{kEnter, "UpdateServiceSettingsSync() <- 0x00000000 (No error) "}));
+}
+
+TEST_F(UpdateServiceSettingsSyncTest, AWriterThatGetsInBetweenIsNotOverwritten) {
+  Seed(1);
+  int calls = 0;
+  EXPECT_EQ(Run([&](Counter& c) {
+              if (++calls == 1) Seed(100);  // another writer, after our read
+              c.marks = c.value;
+              return true;
+            }),
+            0);
+  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(Stored().marks, 100u);
+}
+
+TEST_F(UpdateServiceSettingsSyncTest, NothingStoredYetStartsFromDefaults) {
+  EXPECT_EQ(Run([](Counter& c) {
+              EXPECT_EQ(c.value, 0u);
+              c.value = 5;
+              return true;
+            }),
+            0);
+  EXPECT_EQ(Stored().value, 5u);
+}
+
+struct FailureCase {
+  const char* name;
+  void (*inject)(host::ServiceManager&);
+  zel::result_t expected;
+  int modifierCalls;
+  std::uint64_t flushes;
+  std::string line;
+};
+
+TEST_F(UpdateServiceSettingsSyncTest, FailuresAreLoggedAtTheirSiteAndReturned) {
+  const std::vector<FailureCase> cases = {
+      {"read", [](host::ServiceManager& s) { s.FailNextRead(zel::result::MediaError); }, zel::result::MediaError, 0,
+       0,
+       kFile + "28(res),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000059 (Media error)UpdateServiceSettings2 failed"},
+      {"write", [](host::ServiceManager& s) { s.FailNextWrite(zel::result::AccessDenied); }, zel::result::AccessDenied,
+       1, 0,
+       kFile +
+           "28(res),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000045 (Access denied)UpdateServiceSettings2 failed"},
+      {"flush", [](host::ServiceManager& s) { s.FailNextFlush(zel::result::OutOfSpace); }, zel::result::OutOfSpace, 1,
+       1,
+       kFile + "32(esm->FlushSettings()),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000062 (Out of space)"
+               "FlushSettings failed"},
+  };
+  for (const FailureCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    host::ServiceManager store;
+    ASSERT_EQ(store.Open(":memory:"), 0);
+    store.RegisterTrivialCodec<Counter>(Counter::SerId);
+    host::ServiceLocator locator;
+    locator.Register<IServiceManager>(&store);
+    host::CollectingTracer tracer;
+    c.inject(store);
+    int calls = 0;
+    EXPECT_EQ(tools::UpdateServiceSettingsSync<Counter>(&tracer, &locator, kKey,
+                                                        [&](Counter& r) {
+                                                          ++calls;
+                                                          r.value = 9;
+                                                          return true;
+                                                        }),
+              c.expected);
+    EXPECT_EQ(calls, c.modifierCalls);
+    EXPECT_EQ(store.Flushes(), c.flushes);
+    const auto lines = tracer.Lines();
+    ASSERT_EQ(lines.size(), 2u);  // no closing line after a failure
+    EXPECT_EQ(lines[0].text, kEnter);
+    EXPECT_EQ(lines[1].level, 300u);
+    EXPECT_EQ(lines[1].text, c.line);
+  }
+}
+
+TEST_F(UpdateServiceSettingsSyncTest, FailedFlushLeavesTheChangeWritten) {
+  m_store.FailNextFlush(zel::result::OutOfSpace);
+  EXPECT_EQ(Run([](Counter& c) { return c.value = 3, true; }), zel::result::OutOfSpace);
+  EXPECT_EQ(Stored().value, 3u);
+}
+
+TEST_F(UpdateServiceSettingsSyncTest, MissingServiceManagerIsLogged) {
+  host::ServiceLocator empty;
+  EXPECT_EQ(tools::UpdateServiceSettingsSync<Counter>(&m_tracer, &empty, kKey, [](Counter&) { return true; }),
+            zel::result::InterfaceNotSupported);
+  EXPECT_EQ(m_tracer.Texts(),
+            (std::vector<std::string>{kEnter, kFile + "24(GetInterface(sl, esm.Ref())),(ZEL_SUCCEEDED(_result)) failed: "
+                                                      "result = 0x80000001 (Interface not supported)"
+                                                      "Cannot get IServiceManager interface"}));
+}
+
+TEST_F(UpdateServiceSettingsSyncTest, ModifierExceptionPassesWithReferencesReleased) {
+  EXPECT_THROW(Run([](Counter&) -> bool { throw std::runtime_error("boom"); }), std::runtime_error);
+  EXPECT_EQ(m_tracer.OutstandingRefs(), 0);
+  EXPECT_EQ(m_store.OutstandingRefs(), 1);
+  EXPECT_EQ(m_store.Writes(), 0u);
+}
+
+TEST_F(UpdateServiceSettingsSyncTest, NoTextIsBuiltForUnwantedLevels) {
+  m_tracer.SetLevelFilter(700);
+  EXPECT_EQ(Run([](Counter&) { return false; }), 1);
+  EXPECT_TRUE(m_tracer.Texts().empty());
+  EXPECT_EQ(m_tracer.OpenLines(), 0u);
+}
+
+}  // namespace
