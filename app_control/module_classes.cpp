@@ -5,6 +5,7 @@
 #include <exception>
 #include <new>
 
+#include "app_control/app_control_task.h"
 #include "app_control/app_start_log_events_dispatcher.h"
 #include "app_control/module_entry.h"
 #include "app_control/type_descriptor_static_registry.h"
@@ -65,15 +66,13 @@ zel::result_t CreateObject(std::uint32_t classId, void** arguments, zel::IObject
       return zel::result::ClassNotFound;
     }
     // AppControlTask: malloc, lock count, constructor with
-    // (IServiceLocator*, AppControlSettings*), and its ITask face out:
-    //   *object = zel::detail::CreateObjectImplWith<AppControlTask, zel::abi_v2_allocator>(
-    //       static_cast<zel::IServiceLocator*>(arguments[0]),
-    //       static_cast<const tov::settings::AppControlSettings*>(arguments[1]));
-    //   return zel::result::NoError;
-    // Until the task exists the id is refused like any other.
-    static_cast<void>(arguments);
-    static_cast<void>(object);
-    return zel::result::ClassNotFound;
+    // (IServiceLocator*, AppControlSettings*); a throwing constructor gives
+    // both back. The ITask face goes out, with reference count 1.
+    AppControlTask* task = zel::detail::CreateObjectImplWith<AppControlTask, zel::abi_v2_allocator>(
+        static_cast<zel::IServiceLocator*>(arguments[0]),
+        static_cast<const tov::settings::AppControlSettings*>(arguments[1]));
+    *object = static_cast<app_core::task_manager::task::ITask*>(task);
+    return zel::result::NoError;
   } catch (...) {
     auto* serviceLocator = arguments != nullptr ? static_cast<zel::IServiceLocator*>(arguments[0]) : nullptr;
     return zel::ResultFromCurrentExceptionWithLocator(serviceLocator, nullptr);

@@ -1,6 +1,11 @@
 #include "host/services/service_manager.h"
 
+#include <cstdlib>
 #include <utility>
+
+#include "zel/serialization/imeta_info.h"
+#include "zel/serialization/iserializers.h"
+#include "zel/util/anydescrptr.h"
 
 namespace host {
 
@@ -61,9 +66,66 @@ void ServiceManager::RegisterCodec(std::uint32_t serId, std::shared_ptr<ISetting
   m_codecs[serId] = std::move(codec);
 }
 
-std::shared_ptr<ISettingsCodec> ServiceManager::CodecFor(std::uint32_t serId) const {
+void ServiceManager::UseBinarySerializer(zel::IServiceLocator* locator) {
+  std::lock_guard lock(m_mutex);
+  m_serializerLocator = zel::RefPtr<zel::IServiceLocator>(locator);
+}
+
+std::shared_ptr<ISettingsCodec> ServiceManager::CodecFor(std::uint32_t serId) {
   auto it = m_codecs.find(serId);
-  return it == m_codecs.end() ? nullptr : it->second;
+  if (it != m_codecs.end()) return it->second;
+  if (!m_serializerLocator) return nullptr;
+  auto codec = std::make_shared<BinarySerializerCodec>(m_serializerLocator.Get(), serId);
+  m_codecs.emplace(serId, codec);
+  return codec;
+}
+
+namespace {
+
+zel::result_t FindDescriptor(zel::IServiceLocator* locator, std::uint32_t serId,
+                             const zel::TypeDescriptor** descriptor) {
+  zel::RefPtr<zel::IMetaInfoProvider> meta;
+  const zel::result_t r = zel::GetInterface(locator, meta.Ref());
+  if (ZEL_FAILED(r)) return r;
+  return meta->FindDescriptor(serId, descriptor);
+}
+
+}  // namespace
+
+zel::result_t BinarySerializerCodec::Encode(const void* object, std::vector<std::uint8_t>& bytes) {
+  const zel::TypeDescriptor* descriptor = nullptr;
+  zel::result_t r = FindDescriptor(m_locator.Get(), m_serId, &descriptor);
+  if (ZEL_FAILED(r)) return r;
+  zel::RefPtr<zel::IBinarySerializer> serializer;
+  r = zel::GetInterface(m_locator.Get(), serializer.Ref());
+  if (ZEL_FAILED(r)) return r;
+  zel::RefPtr<zel::IAllocator> allocator;
+  zel::GetInterface(m_locator.Get(), allocator.Ref());  // none: malloc and free
+  unsigned char* data = nullptr;
+  std::uint32_t length = 0;
+  // The serialiser only reads the record; the descriptor pointer is not owning.
+  const zel::anydescrptr record(const_cast<void*>(object), descriptor);
+  r = serializer->Serialize(record, allocator.Get(), &data, length, 0);
+  if (ZEL_SUCCEEDED(r)) bytes.assign(data, data + length);
+  if (data != nullptr) {
+    if (allocator) allocator->Free(data);
+    else std::free(data);
+  }
+  return ZEL_FAILED(r) ? r : zel::result::NoError;
+}
+
+zel::result_t BinarySerializerCodec::Decode(std::span<const std::uint8_t> bytes, void* object) {
+  const zel::TypeDescriptor* descriptor = nullptr;
+  zel::result_t r = FindDescriptor(m_locator.Get(), m_serId, &descriptor);
+  if (ZEL_FAILED(r)) return r;
+  zel::RefPtr<zel::IBinarySerializer> serializer;
+  r = zel::GetInterface(m_locator.Get(), serializer.Ref());
+  if (ZEL_FAILED(r)) return r;
+  const zel::anydescrptr record(object, descriptor);
+  const zel::byte_range_t blob{bytes.data(), bytes.data() + bytes.size()};
+  std::uint32_t consumed = 0;
+  r = serializer->Deserialize(blob, record, consumed, 0);
+  return ZEL_FAILED(r) ? r : zel::result::NoError;
 }
 
 zel::result_t ServiceManager::QueryInterface(zel::iid_t iid, void** out) {

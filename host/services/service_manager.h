@@ -4,9 +4,11 @@
 // kSettingsRevisionChanged, which is what lets several writers (threads here,
 // or other processes on the same file) share a record without lost updates.
 //
-// Records cross the interface as objects with a serialisation id; a codec
-// registered for that id turns them into the stored bytes and back. Tests
-// can inject failures and revision conflicts and read call counters.
+// Records cross the interface as objects with a serialisation id. Their bytes
+// come from a codec registered for that id or, failing that, from the
+// locator's IBinarySerializer with the descriptor that IMetaInfoProvider
+// knows for the id (see UseBinarySerializer). Tests can inject failures and
+// revision conflicts and read call counters.
 #pragma once
 
 #include <atomic>
@@ -22,11 +24,12 @@
 
 #include "host/storage/sqlite_db.h"
 #include "tov_utils/interfaces/iservice_manager.h"
+#include "zel/iservice_locator.h"
+#include "zel/rtl/objclient.h"
 
 namespace host {
 
-// Bytes of one record type. The binary serialiser plugs in here once records
-// have descriptors; until then each stored type registers a codec.
+// Bytes of one record type.
 class ISettingsCodec {
  public:
   virtual ~ISettingsCodec() = default;
@@ -53,6 +56,21 @@ class TrivialSettingsCodec final : public ISettingsCodec {
   }
 };
 
+// The host's binary serialiser as a codec: the record's descriptor is looked
+// up by its id through IMetaInfoProvider, the bytes are made by
+// IBinarySerializer (its buffer comes from the locator's allocator, or
+// malloc when there is none).
+class BinarySerializerCodec final : public ISettingsCodec {
+ public:
+  BinarySerializerCodec(zel::IServiceLocator* locator, std::uint32_t serId) : m_locator(locator), m_serId(serId) {}
+  zel::result_t Encode(const void* object, std::vector<std::uint8_t>& bytes) override;
+  zel::result_t Decode(std::span<const std::uint8_t> bytes, void* object) override;
+
+ private:
+  zel::RefPtr<zel::IServiceLocator> m_locator;
+  std::uint32_t m_serId;
+};
+
 class ServiceManager final : public app_core::facade::IServiceManager {
  public:
   ServiceManager() = default;
@@ -65,6 +83,9 @@ class ServiceManager final : public app_core::facade::IServiceManager {
   void Close();
 
   void RegisterCodec(std::uint32_t serId, std::shared_ptr<ISettingsCodec> codec);
+  // Records without a codec of their own go through the binary serialiser
+  // of `locator` (a reference is kept).
+  void UseBinarySerializer(zel::IServiceLocator* locator);
   template <class T>
   void RegisterTrivialCodec(std::uint32_t serId) {
     RegisterCodec(serId, std::make_shared<TrivialSettingsCodec<T>>());
@@ -118,7 +139,7 @@ class ServiceManager final : public app_core::facade::IServiceManager {
   zel::result_t Load(std::uint32_t serviceKey, Stored& stored, bool& found);
   zel::result_t WriteLocked(std::uint32_t serviceKey, const app_core::facade::SettingsHolder* settings,
                             bool checkRevision, std::uint32_t revision);
-  std::shared_ptr<ISettingsCodec> CodecFor(std::uint32_t serId) const;
+  std::shared_ptr<ISettingsCodec> CodecFor(std::uint32_t serId);
   static bool TakeFault(zel::result_t& slot, zel::result_t& out);
 
   mutable std::mutex m_mutex;
@@ -127,6 +148,7 @@ class ServiceManager final : public app_core::facade::IServiceManager {
   storage::Statement m_upsert;
   storage::Statement m_delete;
   std::map<std::uint32_t, std::shared_ptr<ISettingsCodec>> m_codecs;
+  zel::RefPtr<zel::IServiceLocator> m_serializerLocator;
 
   zel::result_t m_failRead = 0;
   zel::result_t m_failWrite = 0;

@@ -50,6 +50,17 @@ std::uint64_t LoadUnsigned(const void* p, std::uint32_t size) noexcept {
 
 std::uint64_t MaxOf(std::uint32_t size) noexcept { return size >= 8 ? ~0ull : (1ull << (8 * size)) - 1; }
 
+// Variant tags of signed integers are written as signed decimals.
+bool IsSignedTag(std::uint32_t tag) noexcept {
+  return tag == zel::vt::Int8 || tag == zel::vt::Int16 || tag == zel::vt::Int32 || tag == zel::vt::Int64;
+}
+
+std::int64_t LoadSigned(const void* p, std::uint32_t size) noexcept {
+  const std::uint64_t raw = LoadUnsigned(p, size);
+  const unsigned shift = 64 - 8 * size;
+  return static_cast<std::int64_t>(raw << shift) >> shift;
+}
+
 // ---- writing ------------------------------------------------------------------------
 
 class Encoder {
@@ -122,11 +133,7 @@ class Encoder {
       case VariantKind::Empty:
         return res::NoError;
       case VariantKind::Scalar:
-        if (view.tag == zel::vt::Int32) {
-          std::int32_t v = 0;
-          std::memcpy(&v, view.scalar, 4);
-          return Number(node, static_cast<std::int64_t>(v));
-        }
+        if (IsSignedTag(view.tag)) return Number(node, LoadSigned(view.scalar, view.scalarSize));
         if (view.scalarSize == 16) {
           std::string text = std::to_string(LoadUnsigned(view.scalar, 8));
           text.push_back(' ');
@@ -292,11 +299,11 @@ class Decoder {
         return res::NoError;
       case VariantKind::Scalar: {
         unsigned char value[16] = {};
-        if (tag == zel::vt::Int32) {
+        if (IsSignedTag(static_cast<std::uint32_t>(tag))) {
+          const std::int64_t max = static_cast<std::int64_t>(MaxOf(scalarSize) >> 1);
           std::int64_t v = 0;
-          if (!ParseSigned(text, INT32_MIN, INT32_MAX, &v)) return res::InvalidType;
-          const auto v32 = static_cast<std::int32_t>(v);
-          std::memcpy(value, &v32, 4);
+          if (!ParseSigned(text, -max - 1, max, &v)) return res::InvalidType;
+          std::memcpy(value, &v, scalarSize);  // little-endian: the low bytes carry the value
         } else if (scalarSize == 16) {
           const std::size_t blank = text.find(' ');
           std::uint64_t lo = 0;

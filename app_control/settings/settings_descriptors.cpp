@@ -1,0 +1,23 @@
+#include "app_control/settings/settings_descriptors.h"
+
+#include "app_control/settings/app_control_settings.h"
+#include "app_control/settings/enterprise_application_control_settings.h"
+#include "app_control/settings/internal/category_id_descriptor.h"
+
+namespace tov::settings {
+
+std::span<const zel::TypeDescriptor* const> SettingsRecordDescriptors() noexcept {
+  static const zel::TypeDescriptor* const descriptors[] = {
+      detail::CategoryIdDescriptor(),
+      zel::StaticTypeDescriptor<AppControlRuleUser>::Get(),
+      zel::StaticTypeDescriptor<AppControlRule>::Get(),
+      zel::StaticTypeDescriptor<AppControlSettings>::Get(),
+      zel::StaticTypeDescriptor<app_ctrl::EnginePrincipal>::Get(),
+      zel::StaticTypeDescriptor<app_ctrl::EngineRuleUser>::Get(),
+      zel::StaticTypeDescriptor<app_ctrl::EngineRule>::Get(),
+      zel::StaticTypeDescriptor<app_ctrl::EnterpriseApplicationControlSettings>::Get(),
+  };
+  return descriptors;
+}
+
+}  // namespace tov::settings

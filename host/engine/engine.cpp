@@ -1,0 +1,331 @@
+#include "host/engine/engine.h"
+
+#include <charconv>
+#include <new>
+#include <utility>
+
+#include "host/engine/internal/engine_task.h"
+#include "zel/strings/conversions.h"
+
+namespace host::engine {
+
+namespace {
+
+// The first 64 bits of the content hash: stable for one file content, which
+// is what the module id stands for.
+std::uint64_t ModuleIdFromHash(const std::string& sha256) {
+  std::uint64_t id = 0;
+  if (sha256.size() < 16) return 0;
+  std::from_chars(sha256.data(), sha256.data() + 16, id, 16);
+  return id;
+}
+
+zel::wstring_t Wide(const std::string& text) { return zel::Utf8ToWide(text); }
+
+}  // namespace
+
+Engine::Engine(std::string sysRoot) : m_sysRoot(std::move(sysRoot)), m_thread([this] { Run(); }) {}
+
+Engine::~Engine() {
+  {
+    std::lock_guard lock(m_mutex);
+    m_quit = true;
+  }
+  m_wake.notify_all();
+  m_thread.join();
+  detail::EngineTask* active = nullptr;
+  std::vector<SinkPtr> sinks;
+  {
+    std::lock_guard lock(m_mutex);
+    active = std::exchange(m_activeTask, nullptr);
+    sinks.swap(m_sinks);
+  }
+  if (active != nullptr) static_cast<app_core::task_manager::task::ITask*>(active)->Release();
+}
+
+zel::result_t Engine::QueryInterface(zel::iid_t iid, void** out) {
+  if (out == nullptr) return zel::result::InvalidArgument;
+  if (iid == 0 || iid == app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid) {
+    AddRef();
+    *out = static_cast<app_ctrl::IEnterpriseApplicationControlEvents2Subscription*>(this);
+    return zel::result::NoError;
+  }
+  *out = nullptr;
+  return zel::result::InterfaceNotSupported;
+}
+
+zel::result_t Engine::Subscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) {
+  if (sink == nullptr) return zel::result::InvalidArgument;
+  try {
+    SinkPtr held(sink);
+    std::lock_guard lock(m_mutex);
+    m_sinks.push_back(std::move(held));
+    return zel::result::NoError;
+  } catch (const std::bad_alloc&) {
+    return zel::result::OutOfMemory;
+  }
+}
+
+zel::result_t Engine::Unsubscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) {
+  SinkPtr removed;  // released after the lock is gone: the sink may die here
+  {
+    std::lock_guard lock(m_mutex);
+    for (auto it = m_sinks.begin(); it != m_sinks.end(); ++it) {
+      if (it->Get() == sink) {
+        removed = std::move(*it);
+        m_sinks.erase(it);
+        return zel::result::NoError;
+      }
+    }
+  }
+  return zel::result::NotFound;
+}
+
+void Engine::SetCategories(CategoryList categories) {
+  std::lock_guard lock(m_mutex);
+  m_categories = std::move(categories);
+}
+
+void Engine::UseCategoriesManager(ICategoriesManager* manager) {
+  zel::RefPtr<ICategoriesManager> held(manager);
+  std::lock_guard lock(m_mutex);
+  std::swap(m_categoriesManager, held);
+}
+
+void Engine::SetProcessRegistry(IProcessRegistry* registry) {
+  zel::RefPtr<IProcessRegistry> held(registry);
+  std::lock_guard lock(m_mutex);
+  std::swap(m_processRegistry, held);
+}
+
+void Engine::Enqueue(WorkItem item) {
+  {
+    std::lock_guard lock(m_mutex);
+    m_queue.push_back(std::move(item));
+  }
+  m_wake.notify_one();
+}
+
+zel::result_t Engine::SubmitProgramStart(ProgramStart start) {
+  {
+    std::lock_guard lock(m_mutex);
+    if (m_activeTask == nullptr || m_paused) return zel::result::NotReady;
+  }
+  try {
+    Enqueue({WorkKind::ProgramStart, std::move(start)});
+    return zel::result::NoError;
+  } catch (const std::bad_alloc&) {
+    return zel::result::OutOfMemory;
+  }
+}
+
+void Engine::SubmitFailSafeModeBoot() { Enqueue({WorkKind::FailSafeModeBoot, {}}); }
+void Engine::SubmitOfflineHistoryLost() { Enqueue({WorkKind::OfflineHistoryLost, {}}); }
+
+void Engine::WaitIdle() {
+  std::unique_lock lock(m_mutex);
+  m_idle.wait(lock, [this] { return (m_queue.empty() && !m_busy) || m_quit; });
+}
+
+CategoryList Engine::CurrentCategories() const {
+  zel::RefPtr<ICategoriesManager> manager;
+  {
+    std::lock_guard lock(m_mutex);
+    manager = m_categoriesManager;
+  }
+  if (manager) {
+    std::uint32_t counter = 0;
+    CategoryList fetched;
+    if (ZEL_SUCCEEDED(manager->GetCategories(counter, fetched))) return fetched;
+  }
+  std::lock_guard lock(m_mutex);
+  return m_categories;
+}
+
+ProgramDecision Engine::DecideNow(const ProgramStart& start, const EacSettings& settings) const {
+  ProgramDecision pd;
+  pd.facts = ComputeFileFacts(start.path, m_sysRoot);
+  const UserPrincipals user = ResolveUserPrincipals(start.uid);
+  pd.decision = Decide(settings, CurrentCategories(), pd.facts, user);
+
+  const std::string uidText = std::to_string(start.uid);
+  app_ctrl::ApplicationStartInfo& info = pd.info;
+  info.moduleId = ModuleIdFromHash(pd.facts.sha256);
+  info.userName = Wide(user.userName.empty() ? uidText : user.userName);
+  info.fileHash = Wide(pd.facts.sha256);
+  info.fileName = Wide(pd.facts.name);
+  info.filePath = Wide(pd.facts.path);
+  info.userId = Wide(uidText);
+  zel::RefPtr<IProcessRegistry> registry;
+  {
+    std::lock_guard lock(m_mutex);
+    registry = m_processRegistry;
+  }
+  if (registry && start.pid != 0) {
+    std::uint64_t uniqueId = 0;
+    if (ZEL_SUCCEEDED(registry->GetUniqueId(start.pid, &uniqueId))) info.processUniqueId = uniqueId;
+  }
+  if (pd.decision.ruleIndex >= 0) {
+    pd.category.productCategoryName = settings.rules[static_cast<std::size_t>(pd.decision.ruleIndex)].ruleName;
+  }
+  pd.category.categoryName = pd.decision.categoryName;
+  return pd;
+}
+
+std::vector<Engine::SinkPtr> Engine::SnapshotSinks() const {
+  std::lock_guard lock(m_mutex);
+  return m_sinks;
+}
+
+void Engine::Run() {
+  std::unique_lock lock(m_mutex);
+  for (;;) {
+    m_wake.wait(lock, [this] { return m_quit || !m_queue.empty(); });
+    if (m_quit) break;
+    WorkItem item = std::move(m_queue.front());
+    m_queue.pop_front();
+    m_busy = true;
+    lock.unlock();
+    try {
+      Process(item);
+    } catch (...) {
+      // A start that could not be decided (out of memory) is dropped; the
+      // engine keeps serving the next ones.
+    }
+    lock.lock();
+    m_busy = false;
+    m_idle.notify_all();
+  }
+  m_idle.notify_all();
+}
+
+void Engine::Process(const WorkItem& item) {
+  if (item.kind != WorkKind::ProgramStart) {
+    for (const SinkPtr& sink : SnapshotSinks()) {
+      try {
+        if (item.kind == WorkKind::FailSafeModeBoot) {
+          sink->OnFailSafeModeBoot();
+        } else {
+          sink->OnUnknownModulesOfflineHistoryLost();
+        }
+      } catch (...) {
+        m_sinkExceptions.fetch_add(1);
+      }
+    }
+    return;
+  }
+
+  zel::RefPtr<app_core::task_manager::task::ITask> hold;
+  detail::EngineTask* task = nullptr;
+  {
+    std::lock_guard lock(m_mutex);
+    if (m_activeTask == nullptr || m_paused) return;
+    task = m_activeTask;
+    hold = zel::RefPtr<app_core::task_manager::task::ITask>(task);
+  }
+  const std::shared_ptr<const EacSettings> settings = task->Settings();
+  ProgramDecision pd = DecideNow(item.start, *settings);
+  {
+    std::lock_guard lock(m_mutex);
+    m_decisions.push_back(pd);
+  }
+  for (const SinkPtr& sink : SnapshotSinks()) {
+    try {
+      sink->OnApplicationControl(&pd.info, &pd.category, &pd.decision.verdict);
+    } catch (...) {
+      // The verdict stands whatever a sink does; a sink that throws is
+      // counted and the others are still told.
+      m_sinkExceptions.fetch_add(1);
+    }
+  }
+}
+
+zel::result_t Engine::CreateTask(const EacSettings& settings, zel::iid_t iid, void** out) {
+  if (out == nullptr) return zel::result::InvalidArgument;
+  *out = nullptr;
+  if (const zel::result_t fault = m_failCreate.load(); fault != 0) return fault;
+  try {
+    auto* object = new detail::EngineTaskObject(this, settings);
+    m_tasksCreated.fetch_add(1);
+    const zel::result_t r = object->QueryInterface(iid, out);
+    object->Release();  // the creation reference; an unknown iid ends the task here
+    if (ZEL_FAILED(r)) *out = nullptr;
+    return r;
+  } catch (const std::bad_alloc&) {
+    return zel::result::OutOfMemory;
+  }
+}
+
+std::shared_ptr<const EacSettings> Engine::SettingsOf(zel::IObject* task) const {
+  std::lock_guard lock(m_mutex);
+  for (detail::EngineTask* t : m_tasks)
+    if (t->Is(task)) return t->Settings();
+  return nullptr;
+}
+
+bool Engine::IsStarted() const {
+  std::lock_guard lock(m_mutex);
+  return m_activeTask != nullptr;
+}
+
+std::size_t Engine::LiveTasks() const {
+  std::lock_guard lock(m_mutex);
+  return m_tasks.size();
+}
+
+std::vector<ProgramDecision> Engine::Decisions() const {
+  std::lock_guard lock(m_mutex);
+  return m_decisions;
+}
+
+std::size_t Engine::Subscribers() const {
+  std::lock_guard lock(m_mutex);
+  return m_sinks.size();
+}
+
+void Engine::TaskBorn(detail::EngineTask* task) {
+  std::lock_guard lock(m_mutex);
+  m_tasks.insert(task);
+}
+
+void Engine::TaskDied(detail::EngineTask* task) {
+  std::lock_guard lock(m_mutex);
+  m_tasks.erase(task);
+}
+
+zel::result_t Engine::StartTask(detail::EngineTask* task) {
+  if (const zel::result_t fault = m_failStart.load(); fault != 0) return fault;
+  std::lock_guard lock(m_mutex);
+  if (m_activeTask == task) return zel::result::False;  // already running
+  if (m_activeTask != nullptr) return zel::result::InvalidState;
+  static_cast<app_core::task_manager::task::ITask*>(task)->AddRef();
+  m_activeTask = task;
+  m_paused = false;
+  return zel::result::NoError;
+}
+
+zel::result_t Engine::StopTask(detail::EngineTask* task) {
+  if (const zel::result_t fault = m_failStop.load(); fault != 0) return fault;
+  {
+    std::unique_lock lock(m_mutex);
+    if (m_activeTask != task) return zel::result::False;  // not running
+    m_activeTask = nullptr;
+    m_paused = false;
+    // No event of this task may follow a successful Stop: wait for a
+    // delivery under way, unless it is that delivery which stops the task.
+    if (std::this_thread::get_id() != m_thread.get_id()) {
+      m_idle.wait(lock, [this] { return !m_busy || m_quit; });
+    }
+  }
+  static_cast<app_core::task_manager::task::ITask*>(task)->Release();
+  return zel::result::NoError;
+}
+
+zel::result_t Engine::PauseTask(detail::EngineTask* task, bool pause) {
+  std::lock_guard lock(m_mutex);
+  if (m_activeTask != task) return zel::result::InvalidState;
+  m_paused = pause;
+  return zel::result::NoError;
+}
+
+}  // namespace host::engine

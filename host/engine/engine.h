@@ -1,0 +1,163 @@
+// host::engine::Engine: the reference host's application-control engine. It
+// makes the engine task (through EngineObjectCreator), keeps the subscribers
+// of its application-control events, and decides program starts on its own
+// thread: a start submitted by the host is decided with the settings of the
+// started engine task and the current categories, and every subscriber is
+// told on that thread through OnApplicationControl.
+//
+// One engine task runs at a time. The engine must outlive every task it
+// made. Fault injection: creation, Start, Stop and SetSettings can be made
+// to fail with a chosen code.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app_control/interfaces/icategories_manager.h"
+#include "app_control/interfaces/ienterprise_application_control_events2_subscription.h"
+#include "app_control/interfaces/iprocess_registry.h"
+#include "app_control/interfaces/itask.h"
+#include "host/engine/decision.h"
+#include "zel/rtl/objclient.h"
+
+namespace host::engine {
+
+namespace detail {
+class EngineTask;
+}
+
+using EacSettings = app_ctrl::EnterpriseApplicationControlSettings;
+
+// A program that is about to start.
+struct ProgramStart {
+  std::string path;
+  std::uint32_t uid = 0;
+  std::uint32_t pid = 0;  // 0 when there is no process yet
+};
+
+// Everything the engine concluded about one start, as it was reported.
+struct ProgramDecision {
+  Decision decision;
+  FileFacts facts;
+  app_ctrl::ApplicationStartInfo info;
+  app_ctrl::ApplicationCategoryInfo category;
+};
+
+class Engine final : public app_ctrl::IEnterpriseApplicationControlEvents2Subscription {
+ public:
+  // `sysRoot`: where sysfs is mounted, for the removable-drive fact.
+  explicit Engine(std::string sysRoot = "/sys");
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+  // Joins the engine thread and lets go of the subscribers.
+  ~Engine();
+
+  // Owned by its creator; the count is bookkeeping that tests can read.
+  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
+  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
+  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
+
+  zel::result_t Subscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override;
+  zel::result_t Unsubscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override;
+
+  // ---- what the host tells the engine ----
+  void SetCategories(CategoryList categories);
+  // Categories are then read from `manager` at each decision; the list of
+  // SetCategories serves when it fails. Null goes back to that list alone.
+  void UseCategoriesManager(ICategoriesManager* manager);
+  // Gives the reported starts their process unique id; null for none.
+  void SetProcessRegistry(IProcessRegistry* registry);
+
+  // Queues a start for the engine thread. 0x80000063 (not ready) while no
+  // engine task is started or it is paused.
+  zel::result_t SubmitProgramStart(ProgramStart start);
+  // Queue the two notices for the engine thread.
+  void SubmitFailSafeModeBoot();
+  void SubmitOfflineHistoryLost();
+  // Returns when the queue is empty and no delivery is under way.
+  void WaitIdle();
+
+  // Decides on the caller's thread with `settings`; reports nothing.
+  ProgramDecision DecideNow(const ProgramStart& start, const EacSettings& settings) const;
+
+  // ---- engine tasks ----
+  // Makes a task holding a copy of `settings` and gives its `iid` face.
+  zel::result_t CreateTask(const EacSettings& settings, zel::iid_t iid, void** out);
+  // The settings a task of this engine holds now; null for any other object.
+  std::shared_ptr<const EacSettings> SettingsOf(zel::IObject* task) const;
+  bool IsStarted() const;
+  std::size_t LiveTasks() const;
+  std::uint64_t TasksCreated() const { return m_tasksCreated.load(); }
+
+  // ---- fault injection; 0 clears ----
+  void FailCreate(zel::result_t code) { m_failCreate.store(code); }
+  void FailStart(zel::result_t code) { m_failStart.store(code); }
+  void FailStop(zel::result_t code) { m_failStop.store(code); }
+  void FailSetSettings(zel::result_t code) { m_failSetSettings.store(code); }
+
+  // ---- inspection ----
+  std::vector<ProgramDecision> Decisions() const;
+  std::thread::id ThreadId() const { return m_thread.get_id(); }
+  std::size_t Subscribers() const;
+  // Exceptions that sinks let out of a delivery; the engine goes on.
+  std::uint64_t SinkExceptions() const { return m_sinkExceptions.load(); }
+  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
+
+ private:
+  friend class detail::EngineTask;
+
+  enum class WorkKind { ProgramStart, FailSafeModeBoot, OfflineHistoryLost };
+  struct WorkItem {
+    WorkKind kind;
+    ProgramStart start;
+  };
+  using SinkPtr = zel::RefPtr<app_ctrl::IEnterpriseApplicationControlEvents2>;
+
+  // Called by the tasks.
+  void TaskBorn(detail::EngineTask* task);
+  void TaskDied(detail::EngineTask* task);
+  zel::result_t StartTask(detail::EngineTask* task);
+  zel::result_t StopTask(detail::EngineTask* task);
+  zel::result_t PauseTask(detail::EngineTask* task, bool pause);
+
+  void Run();
+  void Process(const WorkItem& item);
+  void Enqueue(WorkItem item);
+  std::vector<SinkPtr> SnapshotSinks() const;
+  CategoryList CurrentCategories() const;
+
+  const std::string m_sysRoot;
+  mutable std::mutex m_mutex;
+  std::condition_variable m_wake;
+  std::condition_variable m_idle;
+  std::deque<WorkItem> m_queue;
+  bool m_busy = false;
+  bool m_quit = false;
+  std::vector<SinkPtr> m_sinks;
+  std::set<detail::EngineTask*> m_tasks;
+  detail::EngineTask* m_activeTask = nullptr;  // holds a reference while set
+  bool m_paused = false;
+  CategoryList m_categories;
+  zel::RefPtr<ICategoriesManager> m_categoriesManager;
+  zel::RefPtr<IProcessRegistry> m_processRegistry;
+  std::vector<ProgramDecision> m_decisions;
+
+  std::atomic<zel::result_t> m_failCreate{0};
+  std::atomic<zel::result_t> m_failStart{0};
+  std::atomic<zel::result_t> m_failStop{0};
+  std::atomic<zel::result_t> m_failSetSettings{0};
+  std::atomic<std::uint64_t> m_tasksCreated{0};
+  std::atomic<std::uint64_t> m_sinkExceptions{0};
+  std::atomic<std::uint32_t> m_refs{1};
+  std::thread m_thread;  // last: starts once everything above exists
+};
+
+}  // namespace host::engine

@@ -1,0 +1,38 @@
+#include "host/engine/engine_services.h"
+
+#include "tov_common/enums/enum_names.h"
+
+namespace host {
+
+EngineServices::EngineServices(const EngineServicesOptions& options)
+    : processes(options.procRoot), publisher(options.eventsOut), engine(options.sysRoot), creator(engine) {
+  TaskDescription appControl;
+  appControl.taskId = static_cast<std::uint64_t>(tov::kAppControlTaskId);
+  appControl.runtimeTaskId = 1;
+  appControl.taskName = zel::wstring_t(tov::kAppControlTaskName);
+  appControl.taskType = zel::wstring_t(tov::kAppControlTaskType);
+  appControl.displayName = zel::wstring_t(tov::kAppControlTaskName);
+  tasks.Add(appControl);
+  engine.SetProcessRegistry(&processes);
+}
+
+void RegisterEngineServices(ServiceLocator& locator, EngineServices& services) {
+  locator.Register<app_ctrl::IEnterpriseApplicationControlEvents2Subscription>(&services.engine);
+  locator.Register<IEngineObjectCreator>(&services.creator);
+  locator.Register<ITaskRegistry>(&services.tasks);
+  locator.Register<IProcessRegistry>(&services.processes);
+  locator.Register<tov::INonRemoteEventPublisher>(&services.publisher);
+
+  zel::RefPtr<ICategoriesManager> categories;
+  if (ZEL_SUCCEEDED(zel::GetInterface(&locator, categories.Ref()))) services.engine.UseCategoriesManager(categories.Get());
+}
+
+void UnregisterEngineServices(ServiceLocator& locator) {
+  locator.Remove(app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid);
+  locator.Remove(IEngineObjectCreator::iid);
+  locator.Remove(ITaskRegistry::iid);
+  locator.Remove(IProcessRegistry::iid);
+  locator.Remove(tov::INonRemoteEventPublisher::iid);
+}
+
+}  // namespace host

@@ -1,0 +1,83 @@
+// host::CategoriesManager: the reference host's ICategoriesManager. The
+// categories live in memory, in the order they were first added, and every
+// change is written through to an embedded SQLite database in one
+// transaction, so a restart reads back exactly the last accepted state and
+// the modification counter with it.
+//
+// Expressions are stored by their class id (file information, linked
+// category, storage type, version, and-combination); a criterion of any
+// other class can't be stored and makes PutCategories fail with 0x80000046,
+// changing nothing. Reading them back makes the objects through the
+// locator given at construction (its IAllocator and its descriptors of the
+// expression classes). Safe for concurrent calls; tests can inject failures.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "app_control/interfaces/icategories_manager.h"
+#include "host/storage/sqlite_db.h"
+#include "zel/iservice_locator.h"
+#include "zel/rtl/objclient.h"
+
+namespace host {
+
+class CategoriesManager final : public ICategoriesManager {
+ public:
+  // `objects` makes the expressions read back from the store (a reference is kept).
+  explicit CategoriesManager(zel::IServiceLocator* objects);
+  CategoriesManager(const CategoriesManager&) = delete;
+  CategoriesManager& operator=(const CategoriesManager&) = delete;
+  ~CategoriesManager();
+
+  // Opens or creates the store at `path` (":memory:" for a private one) and
+  // loads what it holds. A store that can't be read is closed again.
+  zel::result_t Open(const std::string& path);
+  void Close();
+
+  // Owned by its creator; the count is bookkeeping that tests can read.
+  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
+  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
+  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
+
+  // 0x80000046 for an action outside the enumeration or an expression that
+  // can't be stored; 0x8000006B (not initialised) before Open.
+  zel::result_t PutCategories(const CategoryIdList& removeIds, const CategoryList& categories,
+                              const NameList& removeNames, tov::types::CategoriesAction action) override;
+  zel::result_t GetCategories(std::uint32_t& modificationCounter, CategoryList& categories) override;
+
+  // ---- fault injection (one-shot) ----------------------------------------------------
+  void FailNextGet(zel::result_t code);
+  void FailNextPut(zel::result_t code);
+
+  // ---- observations ------------------------------------------------------------------
+  std::uint64_t Gets() const { return m_gets.load(); }
+  std::uint64_t Puts() const { return m_puts.load(); }
+  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
+
+ private:
+  struct Entry {
+    std::uint32_t origin = 0;
+    app_ctrl::Category category;
+  };
+
+  zel::result_t Load();
+  zel::result_t Store(const std::vector<Entry>& entries, std::uint32_t counter);
+
+  zel::RefPtr<zel::IServiceLocator> m_objects;
+  mutable std::mutex m_mutex;
+  storage::Database m_db;
+  std::vector<Entry> m_entries;
+  std::uint32_t m_counter = 0;
+  zel::result_t m_failGet = 0;
+  zel::result_t m_failPut = 0;
+
+  std::atomic<std::uint32_t> m_refs{1};
+  std::atomic<std::uint64_t> m_gets{0};
+  std::atomic<std::uint64_t> m_puts{0};
+};
+
+}  // namespace host

@@ -1,0 +1,175 @@
+#include "host/services/process_registry.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <sstream>
+
+#include "zel/strings/conversions.h"
+
+namespace host {
+
+namespace {
+
+struct StatLine {
+  std::uint32_t parentPid = 0;
+  std::uint64_t startTime = 0;
+};
+
+// Reads pid's parent and start time. The command name sits between the first
+// "(" and the last ")" and may hold blanks and parentheses of its own.
+bool ReadStat(const std::string& procRoot, std::uint32_t pid, StatLine* out) {
+  std::ifstream in(procRoot + "/" + std::to_string(pid) + "/stat");
+  if (!in) return false;
+  const std::string line((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::size_t close = line.rfind(')');
+  if (close == std::string::npos) return false;
+  std::istringstream rest(line.substr(close + 1));
+  std::string state;
+  std::uint64_t ppid = 0;
+  if (!(rest >> state >> ppid)) return false;
+  // Fields 5 to 21 lie between the parent pid and the start time.
+  std::string skip;
+  for (int i = 5; i <= 21; ++i) {
+    if (!(rest >> skip)) return false;
+  }
+  std::uint64_t start = 0;
+  if (!(rest >> start)) return false;
+  out->parentPid = static_cast<std::uint32_t>(ppid);
+  out->startTime = start;
+  return true;
+}
+
+std::uint64_t MakeUniqueId(std::uint32_t pid, std::uint64_t startTime) noexcept {
+  return (startTime << ProcessRegistry::kPidBits) | pid;
+}
+
+std::string ReadLink(const std::string& path) {
+  std::string buffer(4096, '\0');
+  for (;;) {
+    const ssize_t n = ::readlink(path.c_str(), buffer.data(), buffer.size());
+    if (n < 0) return std::string();
+    if (static_cast<std::size_t>(n) < buffer.size()) {
+      buffer.resize(static_cast<std::size_t>(n));
+      return buffer;
+    }
+    buffer.resize(buffer.size() * 2);
+  }
+}
+
+std::string ReadCommandLine(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) return std::string();
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  while (!text.empty() && text.back() == '\0') text.pop_back();
+  for (char& c : text)
+    if (c == '\0') c = ' ';
+  return text;
+}
+
+// A snapshot of one process, counted; it dies with its last reference.
+class ProcessObject final : public IProcessObject {
+ public:
+  explicit ProcessObject(ProcessDescription description) : m_description(std::move(description)) {}
+
+  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
+  std::uint32_t Release() override {
+    const std::uint32_t n = m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (n == 0) delete this;
+    return n;
+  }
+  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
+    if (out == nullptr) return zel::result::InvalidArgument;
+    if (iid != 0) {
+      *out = nullptr;
+      return zel::result::InterfaceNotSupported;
+    }
+    AddRef();
+    *out = static_cast<IProcessObject*>(this);
+    return zel::result::NoError;
+  }
+
+  zel::result_t GetDescription(ProcessDescription* description) override {
+    if (description == nullptr) return zel::result::InvalidArgument;
+    try {
+      *description = m_description;
+      return zel::result::NoError;
+    } catch (const std::bad_alloc&) {
+      return zel::result::OutOfMemory;
+    }
+  }
+
+ private:
+  ~ProcessObject() = default;
+
+  const ProcessDescription m_description;
+  std::atomic<std::uint32_t> m_refs{1};
+};
+
+zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, const StatLine& stat,
+                                IProcessObject** process) {
+  try {
+    ProcessDescription d;
+    d.processId = pid;
+    StatLine parent;
+    if (stat.parentPid != 0 && ReadStat(procRoot, stat.parentPid, &parent)) {
+      d.parentUniqueId = MakeUniqueId(stat.parentPid, parent.startTime);
+    }
+    const std::string base = procRoot + "/" + std::to_string(pid);
+    d.imagePath = zel::Utf8ToWide(ReadLink(base + "/exe"));
+    d.commandLine = zel::Utf8ToWide(ReadCommandLine(base + "/cmdline"));
+    d.currentDirectory = zel::Utf8ToWide(ReadLink(base + "/cwd"));
+    *process = new ProcessObject(std::move(d));
+    return zel::result::NoError;
+  } catch (const std::bad_alloc&) {
+    return zel::result::OutOfMemory;
+  }
+}
+
+}  // namespace
+
+zel::result_t ProcessRegistry::QueryInterface(zel::iid_t iid, void** out) {
+  if (out == nullptr) return zel::result::InvalidArgument;
+  if (iid == 0 || iid == IProcessRegistry::iid) {
+    AddRef();
+    *out = static_cast<IProcessRegistry*>(this);
+    return zel::result::NoError;
+  }
+  *out = nullptr;
+  return zel::result::InterfaceNotSupported;
+}
+
+zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uniqueId) {
+  if (uniqueId == nullptr || pid == 0 || pid >= (1u << kPidBits)) return zel::result::InvalidArgument;
+  StatLine stat;
+  if (!ReadStat(m_procRoot, pid, &stat)) return zel::result::NotFound;
+  *uniqueId = MakeUniqueId(pid, stat.startTime);
+  return zel::result::NoError;
+}
+
+zel::result_t ProcessRegistry::GetProcessByPid(std::uint32_t pid, IProcessObject** process) {
+  if (process == nullptr || pid == 0 || pid >= (1u << kPidBits)) return zel::result::InvalidArgument;
+  *process = nullptr;
+  StatLine stat;
+  if (!ReadStat(m_procRoot, pid, &stat)) return zel::result::NotFound;
+  return MakeProcessObject(m_procRoot, pid, stat, process);
+}
+
+zel::result_t ProcessRegistry::GetProcess(const std::uint64_t* uniqueId, IProcessObject** process) {
+  if (uniqueId == nullptr || process == nullptr) return zel::result::InvalidArgument;
+  *process = nullptr;
+  const std::uint32_t pid = PidOf(*uniqueId);
+  if (pid == 0) return zel::result::NotFound;
+  StatLine stat;
+  // A pid that now belongs to a younger process is not the one asked for.
+  if (!ReadStat(m_procRoot, pid, &stat) || MakeUniqueId(pid, stat.startTime) != *uniqueId) {
+    return zel::result::NotFound;
+  }
+  return MakeProcessObject(m_procRoot, pid, stat, process);
+}
+
+}  // namespace host

@@ -1,0 +1,480 @@
+// The application control task end to end within the module: creation
+// through the module's entry point against fake engine and host services,
+// the order of Start and Stop and their unwinding, settings reaching the
+// engine task, and the events made of engine verdicts.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "app_control/app_control_task.h"
+#include "app_control/module_entry.h"
+#include "host/services/event_publisher.h"
+#include "host/services/task_registry.h"
+#include "support/fake_engine_services.h"
+#include "support/fake_settings_services.h"
+#include "app_control/module_fixture.h"
+
+namespace {
+
+namespace ac = tov::app_control;
+using app_core::task_manager::task::ITask;
+using testing::ElementsAre;
+
+constexpr zel::result_t kFailure = static_cast<zel::result_t>(0x80000005u);
+constexpr app_ctrl::CategoryId kBrowsers{{1, 2, 3, 4}};
+
+class AppControlTaskTest : public testsupport::ModuleFixture {
+ protected:
+  void SetUp() override {
+    ModuleFixture::SetUp();
+    locator.Register<IEngineObjectCreator>(&creator);
+    locator.Register<app_ctrl::IEnterpriseApplicationControlEvents2Subscription>(&subscription);
+    locator.Register<app_core::facade::IServiceManager>(&serviceManager);
+    locator.Register<tov::INonRemoteEventPublisher>(&publisher);
+    locator.Register<ITaskRegistry>(&taskRegistry);
+    locator.Register<IProcessRegistry>(&processes);
+    locator.Register<ICategoriesManager>(&categories);
+    locator.Register<IPwdb>(&pwdb);
+    categories.Add(kBrowsers, u"Browsers");
+    pwdb.users["root"] = 0;
+    settings.mode = tov::AppControlMode::AllowList;
+    settings.enforcement = tov::AppControlEnforcement::ApplyRules;
+    auto& rule = settings.allowListRules.emplace_back();
+    rule.ruleName = zel::wstring_t(u"browsers for root");
+    rule.categoryName = zel::wstring_t(u"Browsers");
+    rule.users.emplace_back().userName = zel::wstring_t(u"root");
+  }
+
+  void TearDown() override {
+    task.Reset();
+    EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
+    EXPECT_EQ(engineTask.ExtraRefs(), 0);
+    EXPECT_EQ(subscription.ExtraRefs(), 1) << "the locator's own";
+    EXPECT_EQ(publisher.OutstandingRefs(), 1) << "the locator's own";
+    EXPECT_EQ(processes.ObjectRefs(), 0);
+    // The locator outlives these fakes: let go of them first.
+    for (zel::iid_t iid : {IEngineObjectCreator::iid, app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid,
+                           app_core::facade::IServiceManager::iid, tov::INonRemoteEventPublisher::iid,
+                           ITaskRegistry::iid, IProcessRegistry::iid, ICategoriesManager::iid, IPwdb::iid}) {
+      locator.Remove(iid);
+    }
+    ModuleFixture::TearDown();
+  }
+
+  zel::result_t Create() {
+    void* arguments[2] = {&locator, &settings};
+    zel::IObject* object = nullptr;
+    const zel::result_t r = ac::CreateObject(ac::kAppControlTaskClassId, arguments, &object);
+    if (r >= 0) task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
+    return r;
+  }
+  ac::AppControlTask& Task() { return *static_cast<ac::AppControlTask*>(task.Get()); }
+  ac::IAppControlTaskSettings* SettingsFace() { return static_cast<ac::IAppControlTaskSettings*>(&Task()); }
+
+  bool Traced(const std::string& text) {
+    const auto texts = tracer.Texts();
+    return std::any_of(texts.begin(), texts.end(), [&](const std::string& t) { return t.find(text) != t.npos; });
+  }
+
+
+ public:  // the case tables arrange through these
+  testsupport::CallJournal journal;
+  testsupport::FakeEngineTask engineTask{journal};
+  testsupport::FakeEngineObjectCreator creator{journal, engineTask};
+  testsupport::FakeSubscription subscription{journal};
+  testsupport::FakeServiceManager serviceManager{journal};
+  testsupport::FakeProcessRegistry processes;
+  testsupport::FakeCategoriesManager categories;
+  testsupport::FakePwdb pwdb;
+  host::EventPublisher publisher;
+  host::TaskRegistry taskRegistry;
+  tov::settings::AppControlSettings settings;
+  zel::RefPtr<ITask> task;
+};
+
+// ---- construction ------------------------------------------------------------------
+
+TEST_F(AppControlTaskTest, ConstructionCreatesTheEngineTaskFromConvertedSettings) {
+  ASSERT_EQ(Create(), 0);
+  EXPECT_EQ(creator.lastClassId, 0xCDACDD96u);
+  EXPECT_EQ(creator.lastIid, ITask::iid);
+  EXPECT_EQ(creator.lastSerId, 0x0A34F473u);
+  ASSERT_TRUE(creator.created);
+  EXPECT_TRUE(creator.created->allowListMode);
+  EXPECT_EQ(creator.created->testMode, 0u);
+  ASSERT_EQ(creator.created->rules.size(), 1u);
+  EXPECT_EQ(creator.created->rules[0].categoryId, kBrowsers);
+  // Engine task first, then the trusted programs (none installed here: read, nothing written).
+  EXPECT_THAT(journal.Take(), ElementsAre("creator.CreateObject", "ssm.Read:exclusions"));
+  EXPECT_EQ(engineTask.ExtraRefs(), 1);
+  EXPECT_TRUE(Traced("AppControlTask::AppControlTask() "));
+  // Interface table: 0 and ITask at the object's start, then the settings face.
+  void* out = nullptr;
+  ASSERT_EQ(task->QueryInterface(0, &out), 0);
+  EXPECT_EQ(out, task.Get());
+  static_cast<ITask*>(out)->Release();
+  ASSERT_EQ(task->QueryInterface(ac::IAppControlTaskSettings::iid, &out), 0);
+  EXPECT_EQ(out, SettingsFace());
+  SettingsFace()->Release();
+}
+
+TEST_F(AppControlTaskTest, FailedEngineCreationFailsConstruction) {
+  creator.failWith = kFailure;
+  EXPECT_EQ(Create(), kFailure);
+  EXPECT_THAT(journal.Take(), ElementsAre("creator.CreateObject"));
+  EXPECT_TRUE(Traced("Cannot create EAC task"));
+  EXPECT_TRUE(Traced("Cannot apply settings"));
+  EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
+}
+
+TEST_F(AppControlTaskTest, FailedTrustedProgramsFailConstructionAndReleaseTheEngineTask) {
+  serviceManager.failRead = kFailure;
+  EXPECT_EQ(Create(), kFailure);
+  EXPECT_TRUE(Traced("UpdateServiceSettings2 failed"));
+  EXPECT_TRUE(Traced("Cannot add trusted programs"));
+  EXPECT_EQ(engineTask.ExtraRefs(), 0);
+  EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
+}
+
+TEST_F(AppControlTaskTest, MissingSubscriptionServiceFailsConstruction) {
+  locator.Refuse(app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid, kFailure);
+  EXPECT_EQ(Create(), kFailure);
+  EXPECT_TRUE(journal.Take().empty());
+  EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
+}
+
+// ---- Start and Stop ------------------------------------------------------------------
+
+TEST_F(AppControlTaskTest, StartTurnsReputationOffSubscribesThenStartsTheEngine) {
+  ASSERT_EQ(Create(), 0);
+  journal.Take();
+  ASSERT_EQ(task->Start(7, nullptr), 0);
+  EXPECT_THAT(journal.Take(), ElementsAre("ssm.Read:controller", "ssm.Write:controller", "ssm.Flush", "Subscribe",
+                                          "engine.Start"));
+  ASSERT_TRUE(serviceManager.controller);
+  EXPECT_FALSE(serviceManager.controller->useCloudReputation);
+  EXPECT_TRUE(serviceManager.controller->reportUnknownModules) << "the rest is written back as read";
+  EXPECT_EQ(engineTask.lastSessionId, 7u);
+
+  ASSERT_EQ(task->Stop(), 0);
+  EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop", "Unsubscribe"));
+  // A second start finds the flag off and writes nothing.
+  ASSERT_EQ(task->Start(8, nullptr), 0);
+  EXPECT_THAT(journal.Take(), ElementsAre("ssm.Read:controller", "Subscribe", "engine.Start"));
+  ASSERT_EQ(task->Stop(), 0);
+}
+
+TEST_F(AppControlTaskTest, StartUnwindsInReverseOrder) {
+  struct Case {
+    const char* name;
+    void (*arrange)(AppControlTaskTest&);
+    zel::result_t expected;
+    std::vector<std::string> calls;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"reputation update fails", [](AppControlTaskTest& t) { t.serviceManager.failRead = kFailure; }, kFailure,
+       {"ssm.Read:controller"}, "AppControlTask::app_control/app_control_task.cpp:"},
+      {"subscribe fails", [](AppControlTaskTest& t) { t.subscription.subscribeResult = kFailure; }, kFailure,
+       {"ssm.Read:controller", "ssm.Write:controller", "ssm.Flush", "Subscribe"}, "Cannot subscribe"},
+      {"engine refuses", [](AppControlTaskTest& t) { t.engineTask.startResult = kFailure; }, kFailure,
+       {"ssm.Read:controller", "Subscribe", "engine.Start", "Unsubscribe"},
+       "AppControlTaskCallbacks::app_control/app_control_task.cpp:"},
+      {"engine throws", [](AppControlTaskTest& t) { t.engineTask.throwOnStart = true; },
+       static_cast<zel::result_t>(0x80000151u), {"ssm.Read:controller", "Subscribe", "engine.Start", "Unsubscribe"},
+       "engine start threw"},
+  };
+  ASSERT_EQ(Create(), 0);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    journal.Take();
+    tracer.Clear();
+    serviceManager.controller.reset();  // the reputation flag is on again
+    if (std::string(c.name) != "reputation update fails" && std::string(c.name) != "subscribe fails") {
+      serviceManager.controller.emplace().useCloudReputation = false;
+    }
+    c.arrange(*this);
+    EXPECT_EQ(task->Start(1, nullptr), c.expected);
+    EXPECT_EQ(journal.Take(), c.calls);
+    EXPECT_TRUE(Traced(c.line));
+    EXPECT_TRUE(subscription.sinks.empty());
+    engineTask.startResult = 0;
+    engineTask.throwOnStart = false;
+    subscription.subscribeResult = 0;
+  }
+}
+
+TEST_F(AppControlTaskTest, DisableZyphFailureIsLoggedTwiceWithItsExpressions) {
+  ASSERT_EQ(Create(), 0);
+  serviceManager.failRead = kFailure;
+  EXPECT_EQ(task->Start(1, nullptr), kFailure);
+  EXPECT_TRUE(Traced("(tools::UpdateServiceSettingsSync(GetTracer(), GetServiceLocator(), "
+                     "app_ctrl::CLSID_ENT_APP_CONTROLLER, modifier)),(ZEL_SUCCEEDED(_result)) failed: result = "
+                     "0x80000005"));
+  EXPECT_TRUE(Traced("(DisableZyph()),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000005"));
+}
+
+TEST_F(AppControlTaskTest, PositiveEngineStartCountsAsSuccessAndKeepsTheSubscription) {
+  ASSERT_EQ(Create(), 0);
+  engineTask.startResult = 1;
+  EXPECT_EQ(task->Start(1, nullptr), 0);
+  EXPECT_EQ(subscription.sinks.size(), 1u);
+  EXPECT_EQ(task->Stop(), 0);
+}
+
+TEST_F(AppControlTaskTest, StopKeepsTheSubscriptionWhileTheEngineRefusesToStop) {
+  ASSERT_EQ(Create(), 0);
+  ASSERT_EQ(task->Start(1, nullptr), 0);
+  journal.Take();
+  engineTask.stopResult = kFailure;
+  EXPECT_EQ(task->Stop(), kFailure);
+  EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop"));
+  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000005"));
+  EXPECT_TRUE(Traced("Cannot stop EAC task"));
+  EXPECT_EQ(subscription.sinks.size(), 1u);
+  engineTask.stopResult = 1;
+  EXPECT_EQ(task->Stop(), 0);
+  EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop", "Unsubscribe"));
+}
+
+TEST_F(AppControlTaskTest, PauseAndResumeGoToTheEngineOnly) {
+  ASSERT_EQ(Create(), 0);
+  journal.Take();
+  EXPECT_EQ(task->Pause(), 0);
+  EXPECT_EQ(task->Resume(), 0);
+  engineTask.pauseResult = kFailure;
+  engineTask.resumeResult = 2;
+  EXPECT_EQ(task->Pause(), kFailure);
+  EXPECT_EQ(task->Resume(), 0);
+  EXPECT_THAT(journal.Take(), ElementsAre("engine.Pause", "engine.Resume", "engine.Pause", "engine.Resume"));
+  EXPECT_TRUE(Traced("Cannot pause EAC task"));
+}
+
+// ---- settings ------------------------------------------------------------------------
+
+TEST_F(AppControlTaskTest, NewSettingsReachTheRunningEngineTask) {
+  ASSERT_EQ(Create(), 0);
+  settings.mode = tov::AppControlMode::DenyList;
+  settings.enforcement = tov::AppControlEnforcement::TestRules;
+  settings.denyListRules = settings.allowListRules;
+  settings.denyListRules.emplace_back().categoryName = zel::wstring_t(u"Unknown");
+  EXPECT_EQ(SettingsFace()->SetSettings(&settings), 0);
+  ASSERT_TRUE(engineTask.received);
+  EXPECT_FALSE(engineTask.received->allowListMode);
+  EXPECT_EQ(engineTask.received->testMode, 1u);
+  EXPECT_EQ(engineTask.received->rules.size(), 1u) << "the rule of an unknown category is dropped";
+
+  engineTask.received.reset();
+  categories.failWith = kFailure;
+  EXPECT_EQ(SettingsFace()->SetSettings(&settings), kFailure);
+  EXPECT_FALSE(engineTask.received) << "a failed conversion doesn't reach the engine";
+  EXPECT_TRUE(Traced("Cannot convert settings"));
+
+  categories.failWith = 0;
+  engineTask.setSettingsResult = kFailure;
+  EXPECT_EQ(SettingsFace()->SetSettings(&settings), kFailure);
+  EXPECT_TRUE(Traced("(modifier(&eacSettings)),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000005"));
+
+  engineTask.offersSettings = false;
+  EXPECT_EQ(SettingsFace()->SetSettings(&settings), static_cast<zel::result_t>(0x80000001u));
+  EXPECT_TRUE(Traced("(zel::QueryInterface(m_pdkTask, pdkSettings.Ref())),(ZEL_SUCCEEDED(_result)) failed: "
+                     "result = 0x80000001 (Interface not supported)Cannot query ISettings from EAC task"));
+  EXPECT_EQ(SettingsFace()->GetSettings(&settings), static_cast<zel::result_t>(0x80000043u));
+}
+
+// ---- events --------------------------------------------------------------------------
+
+class AppControlEventTest : public AppControlTaskTest {
+ protected:
+  void SetUp() override {
+    AppControlTaskTest::SetUp();
+    TaskDescription d;
+    d.taskId = 5;
+    d.runtimeTaskId = 77;
+    d.taskName = zel::wstring_t(u"Application_Control");
+    d.taskType = zel::wstring_t(u"AppControlTaskType");
+    taskRegistry.Add(d);
+    info.moduleId = 0x1122334455667788ull;
+    info.userName = zel::wstring_t(u"DOMAIN\\alice");
+    info.userId = zel::wstring_t(u"1000");
+    info.fileVersion = zel::wstring_t(u"1.2");
+    info.fileHash = zel::wstring_t(u"abcd");
+    info.fileName = zel::wstring_t(u"tool");
+    info.certificateThumbprint = zel::wstring_t(u"thumb");
+    info.certificateIssuer = zel::wstring_t(u"issuer");
+    info.certificateSerialNumber = zel::wstring_t(u"serial");
+    info.certificateSubject = zel::wstring_t(u"subject");
+    info.processUniqueId = 500;
+    category.productCategoryName = zel::wstring_t(u"Vendor");
+    category.categoryName = zel::wstring_t(u"Browsers");
+    ASSERT_EQ(Create(), 0);
+    ASSERT_EQ(task->Start(1, nullptr), 0);
+    ASSERT_EQ(subscription.sinks.size(), 1u);
+    sink = subscription.sinks[0];
+  }
+  void TearDown() override {
+    EXPECT_EQ(task->Stop(), 0);
+    AppControlTaskTest::TearDown();
+  }
+  zel::result_t Report(std::int32_t verdict) { return sink->OnApplicationControl(&info, &category, &verdict); }
+  static std::vector<std::int32_t> Names(const tov::RuntimeEvent& e) {
+    std::vector<std::int32_t> names;
+    for (const auto& f : e.runtimeFields) names.push_back(f.name);
+    return names;
+  }
+
+  app_ctrl::ApplicationStartInfo info;
+  app_ctrl::ApplicationCategoryInfo category;
+  app_ctrl::IEnterpriseApplicationControlEvents2* sink = nullptr;
+};
+
+TEST_F(AppControlEventTest, VerdictsMapToEventTypesAndSeverities) {
+  struct Row {
+    std::uint32_t verdict;
+    std::int32_t eventType;  // -1: nothing published
+    std::int32_t severity;
+  };
+  const Row rows[] = {
+      {1, 120, 4},           {2, 122, 0},           {0x80000001u, 121, 4}, {0x80000002u, 123, 4},
+      {0x80000003u, 121, 4}, {0xFFFFFFFFu, 121, 4}, {0x80000000u, -1, 0},  {0, -1, 0},
+      {3, -1, 0},            {0x80000004u, -1, 0},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.verdict);
+    publisher.Clear();
+    EXPECT_EQ(Report(static_cast<std::int32_t>(row.verdict)), 0);
+    const auto events = publisher.Events();
+    if (row.eventType < 0) {
+      EXPECT_TRUE(events.empty());
+      continue;
+    }
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].eventType, row.eventType);
+    EXPECT_EQ(events[0].severity, row.severity);
+  }
+}
+
+TEST_F(AppControlEventTest, FieldsFollowTheFixedOrderAndTheProcessesKnown) {
+  const std::vector<std::int32_t> base{37, 38, 5, 12, 8, 7, 0, 122, 146, 142, 143, 134, 145, 104, 103, 144};
+  auto withProcess = base;
+  withProcess.push_back(118);
+  auto withParent = withProcess;
+  withParent.push_back(147);
+
+  locator.Remove(IProcessRegistry::iid);
+  Report(1);
+  locator.Register<IProcessRegistry>(&processes);
+  processes.Add(500, 4321, 400, u"/usr/bin/tool");
+  Report(1);  // no parent
+  processes.Add(400, 1, 0, u"/usr/lib/systemd/systemd");
+  Report(1);
+
+  const auto events = publisher.Events();
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_EQ(Names(events[0]), base);
+  EXPECT_EQ(Names(events[1]), withProcess);
+  EXPECT_EQ(Names(events[2]), withParent);
+
+  const auto& f = events[2].runtimeFields;
+  EXPECT_EQ(f[0].data.GetWString().view(), u"alice");
+  EXPECT_EQ(f[1].data.tag(), zel::vt::Int32);
+  EXPECT_EQ(f[1].data.GetInt32(), 1000);
+  EXPECT_EQ(f[2].data.GetWString().view(), u"Application_Control");
+  EXPECT_EQ(f[3].data.GetWString().view(), u"AppControlTaskType");
+  EXPECT_EQ(f[4].data.GetUInt64(), 5u);
+  EXPECT_EQ(f[5].data.GetUInt64(), 77u);
+  EXPECT_EQ(f[8].data.tag(), zel::vt::UInt64);
+  EXPECT_EQ(f[8].data.GetUInt64(), 0x1122334455667788ull);
+  EXPECT_EQ(f[9].data.GetWString().view(), u"Browsers");
+  EXPECT_EQ(f[10].data.GetWString().view(), u"Vendor");
+  EXPECT_EQ(f[11].data.GetWString().view(), u"serial");
+  EXPECT_EQ(f[16].data.GetUInt64(), 4321u);
+  EXPECT_EQ(f[17].data.GetWString().view(), u"systemd");
+  EXPECT_EQ(events[2].subject.kind, 2);
+  ASSERT_TRUE(events[2].subject.user);
+  EXPECT_EQ(events[2].subject.user->userId, 1000);
+  EXPECT_GT(events[2].time, 0);
+  EXPECT_TRUE(Traced("AppControlTaskCallbacks::OnApplicationControl: Process uniqueId = 400, pid = 4321"));
+  EXPECT_TRUE(Traced("AppControlTaskCallbacks::OnApplicationControl: Parent process uniqueId = 400"));
+}
+
+TEST_F(AppControlEventTest, UserNamesAreCutAtTheFirstBackslashAndParentNamesAtTheLastSlash) {
+  const std::pair<std::u16string_view, std::u16string_view> users[] = {
+      {u"bare", u"bare"}, {u"a\\b\\c", u"b\\c"}, {u"\\x", u"x"}, {u"", u""}};
+  const std::pair<std::u16string_view, std::u16string_view> images[] = {
+      {u"noslash", u"noslash"}, {u"/dir/", u""}, {u"", u""}, {u"/a/b/c", u"c"}};
+  processes.Add(500, 10, 400, u"/x");
+  for (std::size_t i = 0; i < 4; ++i) {
+    info.userName = zel::wstring_t(users[i].first);
+    processes.Add(400, 1, 0, images[i].first);
+    publisher.Clear();
+    Report(1);
+    const auto events = publisher.Events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].runtimeFields[0].data.GetWString().view(), users[i].second);
+    EXPECT_EQ(events[0].subject.user->userName.view(), users[i].second);
+    ASSERT_EQ(events[0].runtimeFields.size(), 18u);
+    EXPECT_EQ(events[0].runtimeFields[17].data.GetWString().view(), images[i].second);
+  }
+}
+
+TEST_F(AppControlEventTest, UserIdIsParsedLikeStollAndNarrowedToThirtyTwoBits) {
+  info.userId = zel::wstring_t(u"4294967297");
+  Report(2);
+  ASSERT_EQ(publisher.Count(), 1u);
+  EXPECT_EQ(publisher.Events()[0].subject.user->userId, 4294967297ll);
+  EXPECT_EQ(publisher.Events()[0].runtimeFields[1].data.GetInt32(), 1);
+
+  publisher.Clear();
+  info.userId = zel::wstring_t(u"not a number");
+  EXPECT_THROW(Report(1), std::invalid_argument);
+  info.userId = zel::wstring_t(u"99999999999999999999");
+  EXPECT_THROW(Report(1), std::out_of_range);
+  info.userId = zel::wstring_t(u"\u00e9");  // not expressible in the C locale
+  EXPECT_THROW(Report(1), std::bad_cast);
+  EXPECT_EQ(publisher.Count(), 0u);
+}
+
+TEST_F(AppControlEventTest, FailedTaskLookupLeavesFallbackValuesForTheObjectsLife) {
+  // A fresh task: the cache of the fixture's task is already filled.
+  ASSERT_EQ(task->Stop(), 0);
+  task.Reset();
+  taskRegistry.FailWith(kFailure);
+  ASSERT_EQ(Create(), 0);
+  ASSERT_EQ(task->Start(1, nullptr), 0);
+  sink = subscription.sinks[0];
+  Report(1);
+  taskRegistry.FailWith(0);
+  Report(1);
+  const auto events = publisher.Events();
+  ASSERT_EQ(events.size(), 2u);
+  for (const auto& e : events) {
+    EXPECT_EQ(e.runtimeFields[2].data.GetWString().view(), u"Application_Control");
+    EXPECT_EQ(e.runtimeFields[3].data.GetWString().view(), u"AppControl");
+    EXPECT_EQ(e.runtimeFields[4].data.GetUInt64(), 21u);
+    EXPECT_EQ(e.runtimeFields[5].data.GetUInt64(), 0u);
+  }
+  EXPECT_EQ(taskRegistry.Lookups(), 1u);
+  const auto credentials = taskRegistry.LastCredentials();
+  ASSERT_TRUE(credentials);
+  EXPECT_EQ(credentials->userName.view(), u"root");
+  EXPECT_EQ(credentials->kind, 2);
+}
+
+TEST_F(AppControlEventTest, PublisherFailureIsOneWarningAndTheCallbackStillSucceeds) {
+  publisher.FailWith(kFailure, 1);
+  EXPECT_EQ(Report(2), 0);
+  const auto lines = tracer.Lines();
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const host::CollectingTracer::Line& l) {
+    return l.level == 500 && l.text == "AppControlTaskCallbacks::PublishEvent: Cannot publish event";
+  }));
+  EXPECT_EQ(sink->OnFailSafeModeBoot(), 0);
+  EXPECT_EQ(sink->OnUnknownModulesOfflineHistoryLost(), 0);
+  EXPECT_TRUE(Traced("AppControlTaskCallbacks::OnFailSafeModeBoot() "));
+}
+
+}  // namespace

@@ -1,0 +1,158 @@
+// The module's type registry, made through its factory as the host makes it.
+#include <gtest/gtest.h>
+
+#include "app_control/application_ids.h"
+#include "app_control/module_entry.h"
+#include "app_control/type_descriptor_static_registry.h"
+#include "host/services/counting_allocator.h"
+#include "host/services/service_locator.h"
+#include "zel/module_lock.h"
+#include "zel/rtl/error_handling/exceptions.h"
+#include "zel/rtl/objclient.h"
+
+namespace {
+
+using tov::app_control::ApplicationIds;
+constexpr zel::result_t kNotImplemented = static_cast<zel::result_t>(0x80000043u);
+constexpr zel::result_t kNotFound = static_cast<zel::result_t>(0x8000004Cu);
+
+class RegistryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    locator.Register(&alloc);
+    ASSERT_EQ(tov::app_control::GetObjectFactory(&locator, 0x3C705D66, factory.Ref()), 0);
+  }
+  void TearDown() override {
+    factory.Reset();
+    locator.Remove(zel::IAllocator::iid);
+    EXPECT_EQ(alloc.LiveBlocks(), 0);
+  }
+  zel::RefPtr<zel::IStructMetaInfoRegistry> Create() {
+    zel::RefPtr<zel::IStructMetaInfoRegistry> r;
+    EXPECT_EQ(factory->CreateInstance(&locator, 0, reinterpret_cast<void**>(r.Ref())), 0);
+    return r;
+  }
+
+  host::ServiceLocator locator;
+  host::CountingAllocator alloc;
+  zel::RefPtr<zel::IObjectFactory> factory;
+};
+
+TEST_F(RegistryTest, AnswersBothInterfacesAsTabled) {
+  const std::uint32_t lockBefore = zel::ModuleLockCount.load();
+  auto registry = Create();
+  ASSERT_TRUE(registry);
+  EXPECT_EQ(alloc.LiveBlocks(), 1) << "made from the locator's allocator";
+
+  void* p = nullptr;
+  ASSERT_EQ(registry->QueryInterface(0xA53230CB, &p), 0);
+  EXPECT_EQ(p, registry.Get());
+  static_cast<zel::IObject*>(p)->Release();
+  zel::RefPtr<zel::IMetaInfoProvider> provider;
+  ASSERT_EQ(registry->QueryInterface(0xFE7DA4E6, reinterpret_cast<void**>(provider.Ref())), 0);
+  p = &p;
+  EXPECT_EQ(registry->QueryInterface(0x12345678, &p), static_cast<zel::result_t>(0x80000001u));
+  EXPECT_EQ(p, nullptr);
+
+  const zel::TypeDescriptor* d = nullptr;
+  const zel::TypeDescriptor* sentinel = reinterpret_cast<const zel::TypeDescriptor*>(&p);
+  const zel::TypeDescriptor* untouched = sentinel;
+  for (auto find : {+[](zel::IStructMetaInfoRegistry* r, std::uint32_t id, const zel::TypeDescriptor** o) {
+                      return r->FindDescriptor(id, o);
+                    },
+                    +[](zel::IStructMetaInfoRegistry* r, std::uint32_t id, const zel::TypeDescriptor** o) {
+                      return r->FindStructDescriptor(id, o);
+                    }}) {
+    EXPECT_EQ(find(registry.Get(), ApplicationIds::SerId, &d), 0);
+    EXPECT_EQ(d, zel::StaticTypeDescriptor<ApplicationIds>::Get());
+    EXPECT_EQ(find(registry.Get(), 0xD1345CF5, &untouched), kNotFound);
+    EXPECT_EQ(untouched, sentinel);
+  }
+  d = nullptr;
+  EXPECT_EQ(provider->FindDescriptor(ApplicationIds::SerId, &d), 0);
+  EXPECT_EQ(d, zel::StaticTypeDescriptor<ApplicationIds>::Get());
+
+  EXPECT_EQ(registry->RegisterDescriptor(d), kNotImplemented);
+  EXPECT_EQ(registry->UnregisterDescriptor(1), kNotImplemented);
+  EXPECT_EQ(registry->RegisterProvider(provider.Get()), kNotImplemented);
+  EXPECT_EQ(registry->UnregisterProvider(provider.Get()), kNotImplemented);
+  EXPECT_EQ(provider->FindDescriptorByName("ApplicationIds", &d), kNotImplemented);
+  std::uint32_t count = 0;
+  EXPECT_EQ(provider->GetDescriptorCount(&count), kNotImplemented);
+
+  provider.Reset();
+  registry.Reset();
+  EXPECT_EQ(zel::ModuleLockCount.load(), lockBefore);
+}
+
+TEST_F(RegistryTest, RegisteredIds) {
+  auto registry = Create();
+  zel::types::vector_t<std::uint32_t> ids;
+  ASSERT_EQ(registry->GetRegisteredIds(&ids), 0);
+  ASSERT_EQ(ids.size(), 1u);
+  EXPECT_EQ(ids.capacity(), 1u) << "an empty vector gets room for exactly one";
+  EXPECT_EQ(ids[0], 0xD6BFA3A7u);
+  ASSERT_EQ(registry->GetRegisteredIds(&ids), 0);
+  EXPECT_EQ(ids.size(), 2u) << "appends";
+
+  host::CountingAllocator refusing;
+  zel::types::vector_t<std::uint32_t> none(&refusing);
+  refusing.FailAfter(0);
+  EXPECT_EQ(registry->GetRegisteredIds(&none), static_cast<zel::result_t>(0x80000041u));
+}
+
+TEST_F(RegistryTest, ConstructorNeedsTheAllocatorASecondTime) {
+  // The factory's own request succeeds; the constructor's is refused.
+  struct OnceAllocatorLocator final : zel::IServiceLocator {
+    zel::IAllocator* alloc;
+    int served = 0;
+    std::uint32_t AddRef() override { return 2; }
+    std::uint32_t Release() override { return 1; }
+    zel::result_t QueryInterface(zel::iid_t, void** out) override {
+      *out = nullptr;
+      return static_cast<zel::result_t>(0x80000001u);
+    }
+    zel::result_t GetInterface(zel::iid_t iid, std::uint32_t, void** out) override {
+      *out = nullptr;
+      if (iid != zel::IAllocator::iid || served++ > 0) return static_cast<zel::result_t>(0x80000001u);
+      alloc->AddRef();
+      *out = alloc;
+      return 0;
+    }
+  } once;
+  once.alloc = &alloc;
+  void* out = nullptr;
+  EXPECT_EQ(factory->CreateInstance(&once, 0, &out), static_cast<zel::result_t>(0x80000001u));
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(once.served, 2);
+  EXPECT_EQ(alloc.LiveBlocks(), 0);
+}
+
+TEST(ApplicationIdsTest, DescriptorAndMove) {
+  const zel::TypeDescriptor* d = zel::StaticTypeDescriptor<ApplicationIds>::Get();
+  EXPECT_STREQ(d->name, "ApplicationIds");
+  ASSERT_EQ(zel::FieldCount(d->fields), 1u);
+  EXPECT_STREQ(d->fields[0].name, "list");
+  EXPECT_EQ(d->fields[0].type, 19u);
+  EXPECT_EQ(d->fields[0].flags, 0x2000u);
+  ASSERT_NE(d->fields[0].vectorHelper, nullptr);
+  const zel::TypeDescriptor* element = d;
+  EXPECT_EQ(d->fields[0].vectorHelper->GetElementDescriptor(&element), kNotFound);
+  EXPECT_EQ(element, nullptr);
+
+  host::CountingAllocator alloc;
+  {
+    ApplicationIds source;
+    source.list = decltype(source.list)(&alloc);
+    ASSERT_EQ(d->fields[0].vectorHelper->Resize(reinterpret_cast<char*>(&source) + d->fields[0].offset, 3), 0);
+    source.list[2] = 42;
+    ApplicationIds target;
+    EXPECT_EQ(d->helper->Move(&source, &target), 1);
+    EXPECT_TRUE(source.list.empty());
+    EXPECT_EQ(target.list.get_allocator().get(), &alloc);
+    EXPECT_EQ(target.list[2], 42u);
+  }
+  EXPECT_EQ(alloc.LiveBlocks(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,230 @@
+// The reference engine end to end: task creation through the creator,
+// settings hand-over, delivery of decisions to subscribers on the engine
+// thread, the services in a locator, and fault injection.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "app_control/interfaces/iengine_task_settings.h"
+#include "engine_test_support.h"
+#include "host/engine/engine_services.h"
+
+namespace {
+
+using namespace engine_test;
+using app_core::task_manager::task::ITask;
+using app_ctrl::EnginePrincipal;
+
+constexpr zel::result_t kRefused = static_cast<zel::result_t>(0x80000045u);
+
+app_ctrl::EnterpriseApplicationControlSettings BlockToolsSettings() {
+  app_ctrl::EnterpriseApplicationControlSettings s;
+  s.rules.push_back(Rule(1, app_ctrl::engine_rule_status::On,
+                         {{EnginePrincipal::kEveryone, EnginePrincipal::kEveryoneId, app_ctrl::engine_access::Block}},
+                         "Block tools"));
+  return s;
+}
+
+class EngineTest : public ::testing::Test {
+ protected:
+  EngineTest() {
+    host::engine::CategoryList categories;
+    categories.push_back(MakeCategory(1, "Tools", {FileInfo(app_ctrl::CategoryFileInfoField::FileName,
+                                                            app_ctrl::CategoryStringOperation::Equal, "tool")}));
+    services.engine.SetCategories(std::move(categories));
+    tool = dir.Write("tool", "hello");
+    other = dir.Write("other", "world");
+  }
+
+  zel::RefPtr<ITask> CreateTask(const app_ctrl::EnterpriseApplicationControlSettings& settings,
+                                zel::result_t* result = nullptr) {
+    EngineObjectParameters holder{&settings, app_ctrl::kEacSettingsSerId, nullptr};
+    void* out = nullptr;
+    const zel::result_t r =
+        services.creator.CreateObject(app_ctrl::kEacTaskClassId, ITask::iid, nullptr, &holder, 0, &out);
+    if (result != nullptr) *result = r;
+    return zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(out));
+  }
+
+  ScratchDir dir;
+  std::string tool, other;
+  host::EngineServices services;
+  RecordingSink sink;
+};
+
+TEST_F(EngineTest, CreatorChecksClassAndHolder) {
+  const auto settings = BlockToolsSettings();
+  EngineObjectParameters holder{&settings, app_ctrl::kEacSettingsSerId, nullptr};
+  void* out = reinterpret_cast<void*>(1);
+  EXPECT_EQ(services.creator.CreateObject(0x12345678, ITask::iid, nullptr, &holder, 0, &out),
+            static_cast<zel::result_t>(0x80000100u));
+  EXPECT_EQ(out, nullptr);
+  EngineObjectParameters wrongType{&settings, 0x471C26B1 /* the product settings: a wrong type */, nullptr};
+  EXPECT_EQ(services.creator.CreateObject(app_ctrl::kEacTaskClassId, ITask::iid, nullptr, &wrongType, 0, &out),
+            static_cast<zel::result_t>(0x80000103u));
+  EXPECT_EQ(services.creator.CreateObject(app_ctrl::kEacTaskClassId, ITask::iid, nullptr, nullptr, 0, &out),
+            static_cast<zel::result_t>(0x80000101u));
+  EXPECT_EQ(services.creator.CreateObject(app_ctrl::kEacTaskClassId, 0x0BADF00D, nullptr, &holder, 0, &out),
+            static_cast<zel::result_t>(0x80000001u));
+  EXPECT_EQ(services.engine.LiveTasks(), 0u);  // the task refused by its iid is gone again
+}
+
+TEST_F(EngineTest, TaskHoldsACopyOfItsRulesAndTakesNewOnes) {
+  auto settings = BlockToolsSettings();
+  zel::RefPtr<ITask> task = CreateTask(settings);
+  ASSERT_TRUE(task);
+  settings.rules.clear();  // the caller's record is not the task's
+  auto held = services.engine.SettingsOf(task.Get());
+  ASSERT_TRUE(held);
+  ASSERT_EQ(held->rules.size(), 1u);
+  EXPECT_EQ(held->rules[0].ruleName.view(), u"Block tools");
+
+  zel::RefPtr<app_ctrl::ISettings> settingsFace;
+  ASSERT_EQ(task->QueryInterface(app_ctrl::ISettings::iid, reinterpret_cast<void**>(settingsFace.Ref())), 0);
+  app_ctrl::EnterpriseApplicationControlSettings replacement;
+  replacement.allowListMode = true;
+  ASSERT_EQ(settingsFace->SetSettings(&replacement), 0);
+  EXPECT_TRUE(services.engine.SettingsOf(settingsFace.Get())->allowListMode);
+  EXPECT_TRUE(services.engine.SettingsOf(task.Get())->rules.empty());
+
+  services.engine.FailSetSettings(kRefused);
+  EXPECT_EQ(settingsFace->SetSettings(&settings), kRefused);
+  EXPECT_TRUE(services.engine.SettingsOf(task.Get())->allowListMode);  // kept what it had
+
+  settingsFace.Reset();
+  task.Reset();
+  EXPECT_EQ(services.engine.LiveTasks(), 0u);
+}
+
+TEST_F(EngineTest, DeliversDecisionsOnTheEngineThread) {
+  ASSERT_EQ(services.engine.Subscribe(&sink), 0);
+  zel::RefPtr<ITask> task = CreateTask(BlockToolsSettings());
+  ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, 0}), static_cast<zel::result_t>(0x80000063u));
+  ASSERT_EQ(task->Start(1, nullptr), 0);
+  EXPECT_EQ(task->Start(1, nullptr), 1);  // already running
+
+  ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, static_cast<std::uint32_t>(::getpid())}), 0);
+  ASSERT_EQ(services.engine.SubmitProgramStart({other, 0, 0}), 0);
+  services.engine.WaitIdle();
+
+  const auto calls = sink.Calls();
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].thread, services.engine.ThreadId());
+  EXPECT_NE(calls[0].thread, std::this_thread::get_id());
+  EXPECT_EQ(calls[0].verdict, 2);
+  EXPECT_EQ(calls[0].info.fileName.view(), u"tool");
+  EXPECT_EQ(calls[0].info.fileHash.view(), u"2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824");
+  EXPECT_EQ(calls[0].info.moduleId, 0x2cf24dba5fb0a30eull);
+  EXPECT_EQ(calls[0].info.userName.view(), u"root");
+  EXPECT_EQ(calls[0].info.userId.view(), u"0");
+  std::uint64_t self = 0;
+  ASSERT_EQ(services.processes.GetUniqueId(static_cast<std::uint32_t>(::getpid()), &self), 0);
+  EXPECT_EQ(calls[0].info.processUniqueId, self);
+  EXPECT_EQ(calls[0].category.categoryName.view(), u"Tools");
+  EXPECT_EQ(calls[0].category.productCategoryName.view(), u"Block tools");
+  EXPECT_EQ(calls[1].verdict, 1);
+  EXPECT_TRUE(calls[1].category.categoryName.empty());
+
+  // Paused: nothing is decided; resumed: decisions again.
+  ASSERT_EQ(task->Pause(), 0);
+  EXPECT_LT(services.engine.SubmitProgramStart({tool, 0, 0}), 0);
+  ASSERT_EQ(task->Resume(), 0);
+
+  ASSERT_EQ(services.engine.Unsubscribe(&sink), 0);
+  EXPECT_EQ(services.engine.Unsubscribe(&sink), static_cast<zel::result_t>(0x8000004Cu));
+  ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, 0}), 0);
+  services.engine.WaitIdle();
+  EXPECT_EQ(sink.Calls().size(), 2u);
+  EXPECT_EQ(services.engine.Decisions().size(), 3u);
+  EXPECT_EQ(sink.m_refs.load(), 1u);  // the engine let go of the sink
+
+  ASSERT_EQ(task->Stop(), 0);
+  EXPECT_FALSE(services.engine.IsStarted());
+}
+
+TEST_F(EngineTest, ThrowingSinkDoesNotStopTheOthers) {
+  RecordingSink thrower;
+  thrower.m_throw = true;
+  ASSERT_EQ(services.engine.Subscribe(&thrower), 0);
+  ASSERT_EQ(services.engine.Subscribe(&sink), 0);
+  zel::RefPtr<ITask> task = CreateTask(BlockToolsSettings());
+  ASSERT_EQ(task->Start(1, nullptr), 0);
+  ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, 0}), 0);
+  services.engine.SubmitFailSafeModeBoot();
+  services.engine.SubmitOfflineHistoryLost();
+  services.engine.WaitIdle();
+  EXPECT_EQ(thrower.Calls().size(), 1u);
+  EXPECT_EQ(sink.Calls().size(), 1u);
+  EXPECT_EQ(services.engine.SinkExceptions(), 1u);
+  EXPECT_EQ(sink.m_failSafe.load(), 1);
+  EXPECT_EQ(sink.m_historyLost.load(), 1);
+  ASSERT_EQ(task->Stop(), 0);
+  services.engine.Unsubscribe(&thrower);
+  services.engine.Unsubscribe(&sink);
+}
+
+TEST_F(EngineTest, FaultInjection) {
+  zel::result_t r = 0;
+  services.engine.FailCreate(kRefused);
+  EXPECT_FALSE(CreateTask(BlockToolsSettings(), &r));
+  EXPECT_EQ(r, kRefused);
+  EXPECT_EQ(services.engine.LiveTasks(), 0u);
+  services.engine.FailCreate(0);
+
+  zel::RefPtr<ITask> task = CreateTask(BlockToolsSettings());
+  services.engine.FailStart(kRefused);
+  EXPECT_EQ(task->Start(1, nullptr), kRefused);
+  EXPECT_FALSE(services.engine.IsStarted());
+  services.engine.FailStart(0);
+  ASSERT_EQ(task->Start(1, nullptr), 0);
+
+  services.engine.FailStop(kRefused);
+  EXPECT_EQ(task->Stop(), kRefused);
+  EXPECT_TRUE(services.engine.IsStarted());
+  services.engine.FailStop(0);
+  EXPECT_EQ(task->Stop(), 0);
+  EXPECT_EQ(task->Stop(), 1);  // nothing left to stop
+
+  // A second task cannot start while the first one runs.
+  zel::RefPtr<ITask> second = CreateTask(BlockToolsSettings());
+  ASSERT_EQ(task->Start(1, nullptr), 0);
+  EXPECT_EQ(second->Start(2, nullptr), static_cast<zel::result_t>(0x8000006Au));
+  ASSERT_EQ(task->Stop(), 0);
+}
+
+TEST_F(EngineTest, ServicesThroughTheLocator) {
+  host::ServiceLocator locator;
+  host::RegisterEngineServices(locator, services);
+
+  const zel::iid_t ids[] = {app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid,
+                            IEngineObjectCreator::iid, ITaskRegistry::iid, IProcessRegistry::iid,
+                            tov::INonRemoteEventPublisher::iid};
+  for (zel::iid_t iid : ids) {
+    zel::RefPtr<zel::IObject> face;
+    EXPECT_EQ(locator.GetInterface(iid, 0, reinterpret_cast<void**>(face.Ref())), 0) << std::hex << iid;
+  }
+
+  zel::RefPtr<ITaskRegistry> registry;
+  ASSERT_EQ(zel::GetInterface(&locator, registry.Ref()), 0);
+  TaskDescription d;
+  TaskRegistryCredentials credentials{0, zel::wstring_t(u"root"), 2, -1, 1};
+  ASSERT_EQ(registry->GetTaskByName(zel::wstring_t(u"Application_Control"), &d, credentials), 0);
+  EXPECT_EQ(d.taskId, 21u);
+  EXPECT_EQ(d.taskType.view(), u"AppControl");
+  EXPECT_EQ(services.tasks.LastCredentials()->userName.view(), u"root");
+  EXPECT_EQ(registry->GetTaskByName(zel::wstring_t(u"application_control"), &d, credentials),
+            static_cast<zel::result_t>(0x8000004Cu));
+  services.tasks.FailWith(kRefused);
+  EXPECT_EQ(registry->GetTaskById(21, &d, credentials), kRefused);
+  registry.Reset();
+
+  host::UnregisterEngineServices(locator);
+  EXPECT_EQ(services.engine.OutstandingRefs(), 0);
+  EXPECT_EQ(services.publisher.OutstandingRefs(), 0);
+  EXPECT_EQ(services.creator.OutstandingRefs(), 0);
+  EXPECT_EQ(services.tasks.OutstandingRefs(), 0);
+  EXPECT_EQ(services.processes.OutstandingRefs(), 1);  // the engine's own reference
+}
+
+}  // namespace

@@ -1,0 +1,83 @@
+// The procfs process registry against the test process itself, and against
+// a made-up procfs for the parsing of awkward command names and pid reuse.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "engine_test_support.h"
+#include "host/services/process_registry.h"
+#include "zel/rtl/objclient.h"
+
+namespace {
+
+using engine_test::ScratchDir;
+
+std::string StatLine(int pid, const std::string& comm, int ppid, unsigned long long start) {
+  std::string line = std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid);
+  for (int field = 5; field <= 21; ++field) line += " " + std::to_string(field);
+  return line + " " + std::to_string(start) + " 22 23\n";
+}
+
+TEST(ProcessRegistry, DescribesTheTestProcess) {
+  host::ProcessRegistry registry;
+  std::uint64_t self = 0, parent = 0;
+  ASSERT_EQ(registry.GetUniqueId(static_cast<std::uint32_t>(::getpid()), &self), 0);
+  ASSERT_EQ(registry.GetUniqueId(static_cast<std::uint32_t>(::getppid()), &parent), 0);
+  EXPECT_EQ(host::ProcessRegistry::PidOf(self), static_cast<std::uint32_t>(::getpid()));
+  EXPECT_NE(self, parent);
+
+  zel::RefPtr<IProcessObject> process;
+  ASSERT_EQ(registry.GetProcess(&self, process.Ref()), 0);
+  ProcessDescription d;
+  ASSERT_EQ(process->GetDescription(&d), 0);
+  EXPECT_EQ(d.processId, static_cast<std::uint32_t>(::getpid()));
+  EXPECT_EQ(d.parentUniqueId, parent);
+  const std::string exe = std::filesystem::read_symlink("/proc/self/exe").string();
+  EXPECT_EQ(d.imagePath.view(), engine_test::W(exe).view());
+  EXPECT_EQ(d.currentDirectory.view(), engine_test::W(std::filesystem::current_path().string()).view());
+
+  // The parent through its own id, as an event producer walks up.
+  zel::RefPtr<IProcessObject> up;
+  ASSERT_EQ(registry.GetProcess(&d.parentUniqueId, up.Ref()), 0);
+  ProcessDescription pd;
+  ASSERT_EQ(up->GetDescription(&pd), 0);
+  EXPECT_EQ(pd.processId, static_cast<std::uint32_t>(::getppid()));
+
+  // Same pid, another start time: a different process.
+  const std::uint64_t stale = self + (1ull << host::ProcessRegistry::kPidBits);
+  zel::RefPtr<IProcessObject> none;
+  EXPECT_EQ(registry.GetProcess(&stale, none.Ref()), static_cast<zel::result_t>(0x8000004Cu));
+  EXPECT_FALSE(none);
+  const std::uint64_t zero = 0;
+  EXPECT_EQ(registry.GetProcess(&zero, none.Ref()), static_cast<zel::result_t>(0x8000004Cu));
+}
+
+TEST(ProcessRegistry, ParsesCommandNamesWithParenthesesAndBlanks) {
+  ScratchDir proc;
+  proc.Write("42/stat", StatLine(42, "we ird) (name", 7, 123456));
+  proc.Write("7/stat", StatLine(7, "init", 0, 99));
+  host::ProcessRegistry registry(proc.Path());
+
+  std::uint64_t id = 0;
+  ASSERT_EQ(registry.GetUniqueId(42, &id), 0);
+  EXPECT_EQ(id, (123456ull << 22) | 42);
+  zel::RefPtr<IProcessObject> process;
+  ASSERT_EQ(registry.GetProcessByPid(42, process.Ref()), 0);
+  ProcessDescription d;
+  ASSERT_EQ(process->GetDescription(&d), 0);
+  EXPECT_EQ(d.parentUniqueId, (99ull << 22) | 7);
+  EXPECT_TRUE(d.imagePath.empty());  // no exe link in the made-up tree
+
+  // The top process has no parent id.
+  ASSERT_EQ(registry.GetProcessByPid(7, process.Ref()), 0);
+  ASSERT_EQ(process->GetDescription(&d), 0);
+  EXPECT_EQ(d.parentUniqueId, 0u);
+
+  proc.Write("43/stat", "43 (truncated) S 1 2");
+  EXPECT_EQ(registry.GetUniqueId(43, &id), static_cast<zel::result_t>(0x8000004Cu));
+  EXPECT_EQ(registry.GetUniqueId(44, &id), static_cast<zel::result_t>(0x8000004Cu));
+}
+
+}  // namespace

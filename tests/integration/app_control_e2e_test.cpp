@@ -1,0 +1,187 @@
+// Application control from the host's side: the built module loaded with
+// dlopen, the reference engine and host services, product settings with a
+// category by hash and one by path glob, and program starts whose published
+// events are checked one by one.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "app_control/interfaces/iapp_control_task_settings.h"
+#include "app_control/interfaces/itask.h"
+#include "app_control/settings/app_control_settings.h"
+#include "host/engine/engine_services.h"
+#include "host/engine/file_facts.h"
+#include "host/module/module_loader.h"
+#include "host/services/collecting_tracer.h"
+#include "host/services/counting_allocator.h"
+#include "host/services/pwdb.h"
+#include "support/fake_engine_services.h"
+#include "support/fake_settings_services.h"
+#include "tov_common/categories/category_descriptors.h"
+
+namespace {
+
+using app_core::task_manager::task::ITask;
+namespace fs = std::filesystem;
+
+constexpr app_ctrl::CategoryId kHashed{{0x11}};
+constexpr app_ctrl::CategoryId kScripts{{0x22}};
+
+zel::wstring_t W(const std::string& s) { return zel::wstring_t(std::u16string(s.begin(), s.end())); }
+
+class AppControlE2eTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/app_control_e2e_XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    dir = pattern;
+    fs::create_directories(dir / "bin");
+    std::ofstream(dir / "trusted") << "trusted program";
+    std::ofstream(dir / "other") << "another program";
+    std::ofstream(dir / "bin" / "script") << "#!/bin/sh";
+    std::string sha;
+    ASSERT_EQ(host::engine::Sha256File((dir / "trusted").string(), &sha), 0);
+
+    AddCategory(kHashed, u"Hashed", app_ctrl::CategoryFileInfoField::FileSha256Hash,
+                app_ctrl::CategoryStringOperation::Equal, W(sha));
+    AddCategory(kScripts, u"Scripts", app_ctrl::CategoryFileInfoField::FilePath, app_ctrl::CategoryStringOperation::Like,
+                W((dir / "bin").string() + "/*"));
+
+    locator.Register<zel::IAllocator>(&allocator);
+    locator.Register<zel::ITracer>(&tracer);
+    locator.Register<ICategoriesManager>(&categories);
+    locator.Register<IPwdb>(&pwdb);
+    locator.Register<app_core::facade::IServiceManager>(&serviceManager);
+    host::RegisterEngineServices(locator, services);
+  }
+
+  void TearDown() override {
+    task.Reset();
+    host::UnregisterEngineServices(locator);
+    for (zel::iid_t iid : {ICategoriesManager::iid, IPwdb::iid, app_core::facade::IServiceManager::iid}) {
+      locator.Remove(iid);
+    }
+    EXPECT_EQ(module.CanUnload(), 0) << "every module object is gone";
+    fs::remove_all(dir);
+  }
+
+  void AddCategory(const app_ctrl::CategoryId& id, std::u16string_view name, app_ctrl::CategoryFileInfoField field,
+                   app_ctrl::CategoryStringOperation op, zel::wstring_t value) {
+    categories.Add(id, name);
+    const app_ctrl::CategoryFileInfoOperationExpression e(field, op, std::move(value));
+    categories.categories.back().Include.emplace_back().expression.assign_copy(
+        &e, category_test::Described<app_ctrl::CategoryFileInfoOperationExpression>::Get(), &allocator);
+  }
+
+  static tov::settings::AppControlRule Rule(std::u16string_view name, std::u16string_view category,
+                                            tov::UserAccess access) {
+    tov::settings::AppControlRule rule;
+    rule.ruleName = zel::wstring_t(name);
+    rule.categoryName = zel::wstring_t(category);
+    auto& user = rule.users.emplace_back();
+    user.userName = zel::wstring_t(u"root");
+    user.access = access;
+    return rule;
+  }
+
+  // Starts `path` as `uid` and gives the event it caused, if any.
+  std::vector<tov::RuntimeEvent> Run(const fs::path& path, std::uint32_t uid) {
+    services.publisher.Clear();
+    EXPECT_EQ(services.engine.SubmitProgramStart({path.string(), uid, 0}), 0);
+    services.engine.WaitIdle();
+    return services.publisher.Events();
+  }
+
+  static std::u16string Field(const tov::RuntimeEvent& e, tov::FieldName name) {
+    for (const auto& f : e.runtimeFields)
+      if (f.name == static_cast<std::int32_t>(name) && f.data.IfWString()) return std::u16string(f.data.GetWString().view());
+    return u"<absent>";
+  }
+
+  fs::path dir;
+  host::LoadedModule module{AC_MODULE_PATH};
+  host::CountingAllocator allocator;
+  host::CollectingTracer tracer;
+  testsupport::FakeCategoriesManager categories;
+  host::Pwdb pwdb;
+  testsupport::CallJournal journal;
+  testsupport::FakeServiceManager serviceManager{journal};
+  host::EngineServices services;
+  host::ServiceLocator locator;
+  zel::RefPtr<ITask> task;
+};
+
+TEST_F(AppControlE2eTest, ProgramStartsBecomeTheirEvents) {
+  tov::settings::AppControlSettings settings;
+  settings.mode = tov::AppControlMode::AllowList;
+  settings.enforcement = tov::AppControlEnforcement::ApplyRules;
+  settings.allowListRules.push_back(Rule(u"trusted by hash", u"Hashed", tov::UserAccess::Allow));
+  settings.denyListRules.push_back(Rule(u"no scripts", u"Scripts", tov::UserAccess::Block));
+
+  void* arguments[2] = {&locator, &settings};
+  zel::IObject* object = nullptr;
+  ASSERT_EQ(module.CreateObject(0x46DFCF43, arguments, &object), 0);
+  task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
+  ASSERT_EQ(task->Start(1, nullptr), 0);
+  ASSERT_TRUE(serviceManager.controller);
+  EXPECT_FALSE(serviceManager.controller->useCloudReputation);
+
+  // Allow list: only what a rule allows for its user runs.
+  auto events = Run(dir / "trusted", 0);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].eventType, 120);
+  EXPECT_EQ(events[0].severity, 4);
+  EXPECT_EQ(Field(events[0], tov::FieldName::AccessUser), u"root");
+  EXPECT_EQ(Field(events[0], tov::FieldName::FileName), u"trusted");
+  EXPECT_EQ(Field(events[0], tov::FieldName::Category), u"Hashed");
+  EXPECT_EQ(Field(events[0], tov::FieldName::VendorCategory), u"trusted by hash");
+  EXPECT_EQ(Field(events[0], tov::FieldName::TaskName), u"Application_Control");
+  EXPECT_EQ(events[0].subject.user->userId, 0);
+
+  events = Run(dir / "other", 0);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].eventType, 122);
+  EXPECT_EQ(events[0].severity, 0);
+
+  events = Run(dir / "trusted", 65534);  // a user the rule doesn't name
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].eventType, 122);
+  EXPECT_EQ(events[0].subject.user->userId, 65534);
+
+  // Deny list, tested first: the block would have happened, and the program ran.
+  settings.mode = tov::AppControlMode::DenyList;
+  settings.enforcement = tov::AppControlEnforcement::TestRules;
+  auto settingsFace = zel::RefPtr<tov::app_control::IAppControlTaskSettings>();
+  ASSERT_EQ(task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
+                                 reinterpret_cast<void**>(settingsFace.Ref())),
+            0);
+  ASSERT_EQ(settingsFace->SetSettings(&settings), 0);
+  events = Run(dir / "bin" / "script", 0);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].eventType, 123);
+  EXPECT_EQ(events[0].severity, 4);
+  EXPECT_EQ(Field(events[0], tov::FieldName::Category), u"Scripts");
+
+  settings.enforcement = tov::AppControlEnforcement::ApplyRules;
+  ASSERT_EQ(settingsFace->SetSettings(&settings), 0);
+  events = Run(dir / "bin" / "script", 0);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].eventType, 122);
+  events = Run(dir / "other", 0);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].eventType, 120);
+
+  settingsFace.Reset();
+  ASSERT_EQ(task->Stop(), 0);
+  EXPECT_EQ(services.engine.Subscribers(), 0u);
+  EXPECT_EQ(services.engine.SubmitProgramStart({(dir / "other").string(), 0, 0}), static_cast<zel::result_t>(0x80000063u))
+      << "a stopped engine task decides nothing";
+}
+
+}  // namespace

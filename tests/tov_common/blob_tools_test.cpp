@@ -1,0 +1,183 @@
+// Blob tools against fake serialisers: calling order, the check lines, and
+// outputs that only change on success.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "host/services/collecting_tracer.h"
+#include "host/services/counting_allocator.h"
+#include "host/services/service_locator.h"
+#include "support/fake_serializers.h"
+#include "tov_common/blob_tools.h"
+#include "tov_common/runtime_field.h"
+#include "zel/module_lock.h"
+#include "zel/rtl/error_handling/exceptions.h"
+
+namespace {
+
+using testsupport::kFakeFailure;
+
+class BlobToolsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    locator.Register<zel::ITracer>(&tracer);
+    locator.Register(&alloc);
+    locator.Register(&binary);
+    locator.Register(&storage);
+    locator.Register(&factory);
+    old.push_back('o');
+    old.push_back('l');
+    old.push_back('d');
+    data = zel::anydescrptr(&field, zel::StaticTypeDescriptor<tov::RuntimeField>::Get());
+  }
+  void TearDown() override {
+    for (zel::iid_t iid : {zel::ITracer::iid, zel::IAllocator::iid, zel::IBinarySerializer::iid,
+                           zel::IStorageSerializer2::iid, zel::IXmlStorageFactory::iid}) {
+      locator.Remove(iid);
+    }
+    EXPECT_EQ(alloc.LiveBlocks(), 0);
+    EXPECT_EQ(factory.nodesAlive.load(), 0);
+    EXPECT_EQ(binary.OutstandingRefs(), 0);
+    EXPECT_EQ(storage.OutstandingRefs(), 0);
+  }
+
+  std::string OnlyLine() {
+    const auto lines = tracer.Lines();
+    EXPECT_EQ(lines.size(), 1u);
+    return lines.empty() ? std::string() : lines.back().text;
+  }
+  std::string Old() const { return std::string(old.begin(), old.end()); }
+
+  host::ServiceLocator locator;
+  host::CollectingTracer tracer;
+  host::CountingAllocator alloc;
+  testsupport::FakeBinarySerializer binary;
+  testsupport::FakeStorageSerializer2 storage;
+  testsupport::FakeXmlStorageFactory factory;
+  tov::RuntimeField field;
+  zel::anydescrptr data;
+  tools::Blob old;
+};
+
+TEST_F(BlobToolsTest, AnyToBlobCopiesExactlyTheBytesAndFreesThem) {
+  binary.output = {1, 2, 3, 4, 5, 6};
+  ASSERT_EQ(tools::AnyToBlob(&locator, data, old), 0);
+  ASSERT_EQ(old.size(), 6u);
+  EXPECT_EQ(old[5], 6);
+  EXPECT_EQ(binary.lastObject, &field);
+
+  binary.output.clear();
+  ASSERT_EQ(tools::AnyToBlob(&locator, data, old), 0);
+  EXPECT_TRUE(old.empty());
+  EXPECT_TRUE(tracer.Lines().empty());
+}
+
+TEST_F(BlobToolsTest, AnyToBlobFailuresLeaveTheBlob) {
+  const zel::anydescrptr empty;
+  EXPECT_EQ(tools::AnyToBlob(&locator, empty, old), static_cast<zel::result_t>(0x80000046u));
+  EXPECT_EQ(binary.serializeCalls, 0) << "the serialiser is not asked for";
+  EXPECT_NE(OnlyLine().find("blob_tools.cpp:"), std::string::npos);
+  EXPECT_NE(OnlyLine().find("(data.IsValid()),(bool) failed: result = falseData refers to nullptr"),
+            std::string::npos)
+      << OnlyLine();
+  tracer.Clear();
+
+  binary.serializeResult = kFakeFailure;
+  binary.allocateOnFailure = true;  // what a failing serialiser gave back is freed as well
+  EXPECT_EQ(tools::AnyToBlob(&locator, data, old), kFakeFailure);
+  EXPECT_NE(OnlyLine().find("(serializer->Serialize(data, alloc, &ptr, len, SerMode)),(ZEL_SUCCEEDED(_result)) "
+                            "failed: result = 0x8000004b (Unspecified error)Cannot serialize data"),
+            std::string::npos)
+      << OnlyLine();
+  tracer.Clear();
+
+  locator.Refuse(zel::IAllocator::iid);
+  EXPECT_NE(tools::AnyToBlob(&locator, data, old), 0);
+  EXPECT_NE(OnlyLine().find("(zel::GetInterface(sl, alloc.Ref()))"), std::string::npos);
+  EXPECT_NE(OnlyLine().find("Cannot get IAllocator interface"), std::string::npos);
+  locator.Allow(zel::IAllocator::iid);
+  tracer.Clear();
+
+  locator.Refuse(zel::IBinarySerializer::iid);
+  locator.Refuse(zel::ITracer::iid);  // no tracer: silent, same result
+  EXPECT_EQ(tools::AnyToBlob(&locator, data, old), static_cast<zel::result_t>(0x80000001u));
+  EXPECT_TRUE(tracer.Lines().empty());
+  locator.Allow(zel::ITracer::iid);
+  locator.Allow(zel::IBinarySerializer::iid);
+  EXPECT_EQ(Old(), "old");
+}
+
+TEST_F(BlobToolsTest, AnyFromBlobPassesTheBytesAndReturnsZeroOnAnySuccess) {
+  const unsigned char bytes[] = {9, 8, 7};
+  const tools::BlobRange range{bytes, bytes + 3};
+  binary.deserializeResult = 1;
+  EXPECT_EQ(tools::AnyFromBlob(&locator, range, data), 0);
+  EXPECT_EQ(binary.lastInput, (std::vector<unsigned char>{9, 8, 7}));
+
+  binary.deserializeResult = kFakeFailure;
+  EXPECT_EQ(tools::AnyFromBlob(&locator, range, data), kFakeFailure);
+  EXPECT_NE(OnlyLine().find("(serializer->Deserialize(blob, data, len, SerMode))"), std::string::npos);
+  EXPECT_NE(OnlyLine().find("Cannot deserialize data"), std::string::npos);
+}
+
+TEST_F(BlobToolsTest, AnyToXmlBlobFillsTheBufferOnlyOnSuccess) {
+  const std::uint32_t lockBefore = zel::ModuleLockCount.load();
+  factory.document = "<root>x</root>";
+  ASSERT_EQ(tools::AnyToXmlBlob(&locator, data, old), 0);
+  EXPECT_EQ(Old(), "<root>x</root>");
+  EXPECT_EQ(factory.createCalls, 1) << "an empty stream gets a new document";
+  EXPECT_EQ(factory.lastRootName, "root");
+  EXPECT_EQ(zel::ModuleLockCount.load(), lockBefore) << "the stream died with the node";
+
+  factory.flushResult = kFakeFailure;
+  EXPECT_EQ(tools::AnyToXmlBlob(&locator, data, old), kFakeFailure);
+  EXPECT_EQ(Old(), "<root>x</root>");
+  EXPECT_NE(OnlyLine().find("(node->Flush()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b (Unspecified "
+                            "error)"),
+            std::string::npos)
+      << OnlyLine();
+  tracer.Clear();
+
+  factory.flushResult = 0;
+  factory.giveNode = false;  // the serialiser meets a null node and fails
+  EXPECT_EQ(tools::AnyToXmlBlob(&locator, data, old), static_cast<zel::result_t>(0x80000046u));
+  EXPECT_NE(OnlyLine().find("(serializer->Serialize(data, node, 0, 0))"), std::string::npos);
+  tracer.Clear();
+
+  locator.Refuse(zel::IXmlStorageFactory::iid);
+  EXPECT_EQ(tools::AnyToXmlBlob(&locator, data, old), static_cast<zel::result_t>(0x80000046u));
+  locator.Allow(zel::IXmlStorageFactory::iid);
+  EXPECT_EQ(Old(), "<root>x</root>");
+  EXPECT_EQ(zel::ModuleLockCount.load(), lockBefore);
+}
+
+TEST_F(BlobToolsTest, AnyFromXmlBlobOpensOrCreates) {
+  const tools::BlobRange empty{};
+  EXPECT_EQ(tools::AnyFromXmlBlob(&locator, empty, data), 0);
+  EXPECT_EQ(factory.createCalls, 1);
+  EXPECT_EQ(factory.openCalls, 0);
+
+  const unsigned char doc[] = {'<', 'r', '/', '>'};
+  storage.deserializeResult = 1;
+  EXPECT_EQ(tools::AnyFromXmlBlob(&locator, tools::BlobRange{doc, doc + 4}, data), 0);
+  EXPECT_EQ(factory.openCalls, 1);
+  EXPECT_EQ(factory.lastReadOnly, 1);
+  EXPECT_EQ(storage.lastObject, &field);
+
+  storage.deserializeResult = kFakeFailure;
+  EXPECT_EQ(tools::AnyFromXmlBlob(&locator, tools::BlobRange{doc, doc + 4}, data), kFakeFailure);
+  EXPECT_NE(OnlyLine().find("(serializer->Deserialize( data, node, zel::IStorageSerializer2::Flags::Default, "
+                            "nullptr)),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b (Unspecified error)"),
+            std::string::npos)
+      << OnlyLine();
+}
+
+TEST_F(BlobToolsTest, StructuredFormsNeedATracer) {
+  locator.Refuse(zel::ITracer::iid);
+  EXPECT_THROW(tools::AnyToXmlBlob(&locator, data, old), zel::GetInterfaceException);
+  EXPECT_THROW(tools::AnyFromXmlBlob(&locator, tools::BlobRange{}, data), zel::GetInterfaceException);
+  locator.Allow(zel::ITracer::iid);
+  EXPECT_EQ(Old(), "old");
+}
+
+}  // namespace
