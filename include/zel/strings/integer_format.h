@@ -26,24 +26,24 @@ struct FormatSpec {
 inline constexpr char kLowerDigits[] = "0123456789abcdefghijklmnopqrstuvwxyz";
 inline constexpr char kUpperDigits[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
 
-void AppendInteger(wstring_t& out, std::int64_t value, const FormatSpec& spec);
-void AppendInteger(wstring_t& out, std::uint64_t value, const FormatSpec& spec);
-void AppendInteger(string_t& out, std::int64_t value, const FormatSpec& spec);
-void AppendInteger(string_t& out, std::uint64_t value, const FormatSpec& spec);
+void AppendInteger(wstring_t& out, std::int64_t value, const FormatSpec& format);
+void AppendInteger(wstring_t& out, std::uint64_t value, const FormatSpec& format);
+void AppendInteger(string_t& out, std::int64_t value, const FormatSpec& format);
+void AppendInteger(string_t& out, std::uint64_t value, const FormatSpec& format);
 
 // Smaller integer types go through the 64-bit forms of their signedness.
 template <class String, class Int>
   requires std::is_integral_v<Int> && (!std::is_same_v<Int, bool>) &&
            (!std::is_same_v<Int, std::int64_t>) && (!std::is_same_v<Int, std::uint64_t>)
-void AppendInteger(String& out, Int value, const FormatSpec& spec) {
+void AppendInteger(String& out, Int value, const FormatSpec& format) {
   // A negative value outside base 10 is unsigned at its own width.
   if constexpr (std::is_signed_v<Int>) {
-    if (value < 0 && spec.base != 10)
-      AppendInteger(out, static_cast<std::uint64_t>(static_cast<std::make_unsigned_t<Int>>(value)), spec);
+    if (value < 0 && format.base != 10)
+      AppendInteger(out, static_cast<std::uint64_t>(static_cast<std::make_unsigned_t<Int>>(value)), format);
     else
-      AppendInteger(out, static_cast<std::int64_t>(value), spec);
+      AppendInteger(out, static_cast<std::int64_t>(value), format);
   } else
-    AppendInteger(out, static_cast<std::uint64_t>(value), spec);
+    AppendInteger(out, static_cast<std::uint64_t>(value), format);
 }
 
 }  // namespace zel

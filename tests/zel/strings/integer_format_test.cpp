@@ -6,7 +6,7 @@
 #include <string>
 
 #include "zel/strings/conversions.h"
-#include "zel/strings/format_spec.h"
+#include "zel/strings/integer_format.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ FormatSpec Spec(std::uint32_t width, std::uint32_t base, std::int32_t align, std
 TEST(FormatSpec, SignedTable) {
   struct Row {
     std::int64_t value;
-    FormatSpec spec;
+    FormatSpec format;
     const char* text;
   } rows[] = {
       {8, Spec(8, 16, 1, '0'), "00000008"},
@@ -51,10 +51,10 @@ TEST(FormatSpec, SignedTable) {
   };
   for (const auto& r : rows) {
     zel::string_t narrow("[");
-    zel::AppendInteger(narrow, r.value, r.spec);
+    zel::AppendInteger(narrow, r.value, r.format);
     EXPECT_EQ(narrow.view(), std::string("[") + r.text);
     zel::wstring_t wide;
-    zel::AppendInteger(wide, r.value, r.spec);
+    zel::AppendInteger(wide, r.value, r.format);
     EXPECT_EQ(zel::Utf16ToUtf8(wide).view(), r.text);
   }
 }
