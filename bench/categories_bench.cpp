@@ -8,7 +8,7 @@
 
 #include "host/services/counting_allocator.h"
 #include "host/services/service_locator.h"
-#include "tests/tov_common/categories/category_descriptors.h"
+#include "tests/tov_common/categories/category_meta_info.h"
 #include "tov_common/categories/category_json.h"
 #include "tov_common/categories/category_text.h"
 

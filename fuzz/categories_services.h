@@ -4,7 +4,7 @@
 
 #include "host/services/counting_allocator.h"
 #include "host/services/service_locator.h"
-#include "tests/tov_common/categories/category_descriptors.h"
+#include "tests/tov_common/categories/category_meta_info.h"
 
 namespace fuzz {
 

@@ -12,7 +12,7 @@
 #include "host/services/categories_manager.h"
 #include "host/services/counting_allocator.h"
 #include "host/services/service_locator.h"
-#include "tests/tov_common/categories/category_descriptors.h"
+#include "tests/tov_common/categories/category_meta_info.h"
 #include "tov_common/categories/category_text.h"
 #include "zel/strings/conversions.h"
 #include "zel/util/rtl_impl/anyptr_helpers.h"

@@ -23,7 +23,7 @@
 #include "host/services/pwdb.h"
 #include "support/fake_engine_services.h"
 #include "support/fake_settings_services.h"
-#include "tov_common/categories/category_descriptors.h"
+#include "tests/tov_common/categories/category_meta_info.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "host/services/service_locator.h"
 #include "tov_common/categories/category_text.h"
 #include "tov_common/categories/category_types.h"
-#include "tests/tov_common/categories/category_descriptors.h"
+#include "tests/tov_common/categories/category_meta_info.h"
 #include "zel/util/anydescrptr.h"
 
 namespace category_test {

@@ -1,12 +1,12 @@
-// Descriptors of the five expression classes, served the way the host
-// serves them, for the tests, fuzz targets and benchmarks of the category
-// code.
+// A small IMetaInfoProvider serving the product's category expression
+// descriptors, for the tests, fuzz targets and benchmarks of the category
+// code that don't want the host's whole serialisation stack.
 #pragma once
 
 #include <cstdint>
 #include <map>
 
-#include "tov_common/categories/category_types.h"
+#include "tov_common/categories/category_descriptors.h"
 #include "zel/serialization/imeta_info.h"
 #include "zel/serialization/ser_obj_descriptor.h"
 #include "zel/serialization/type_descriptor.h"
@@ -15,26 +15,14 @@ namespace category_test {
 
 template <class T>
 struct Described {
-  static zel::SerObjDescriptorImpl<T>& Helper() {
-    static zel::SerObjDescriptorImpl<T> helper;
-    return helper;
-  }
-  static const zel::TypeDescriptor* Get() {
-    static zel::TypeDescriptorField fields[] = {zel::kFieldTableTerminator};
-    static const zel::TypeDescriptor descriptor{T::SerId, "category expression", sizeof(T), fields, &Helper()};
-    return &descriptor;
-  }
+  static const zel::TypeDescriptor* Get() { return tov::tools::CategoryExpressionDescriptor(T::SerId); }
 };
 
 // Serves the descriptors of the expression classes; counted for bookkeeping only.
 class MetaInfo final : public zel::IMetaInfoProvider {
  public:
   MetaInfo() {
-    Add<app_ctrl::CategoryFileInfoOperationExpression>();
-    Add<app_ctrl::CategoryLinkedCategoryExpression>();
-    Add<app_ctrl::CategoryStorageTypeExpression>();
-    Add<app_ctrl::CategoryVersionOperationExpression>();
-    Add<app_ctrl::CategoryAndExpression>();
+    for (const zel::TypeDescriptor* d : tov::tools::CategoryExpressionDescriptors()) m_known[d->serId] = d;
   }
   std::uint32_t AddRef() override { return 2; }
   std::uint32_t Release() override { return 1; }
@@ -56,10 +44,6 @@ class MetaInfo final : public zel::IMetaInfoProvider {
   void Forget(std::uint32_t serId) { m_known.erase(serId); }
 
  private:
-  template <class T>
-  void Add() {
-    m_known[T::SerId] = Described<T>::Get();
-  }
   std::map<std::uint32_t, const zel::TypeDescriptor*> m_known;
 };
 

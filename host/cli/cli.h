@@ -1,0 +1,43 @@
+// The commands of acctl, the reference host's command-line program. main
+// reads the global options and hands the rest of the command line to one of
+// these; each returns the process exit code (0 success, 1 failure, 2 bad
+// usage) and reports its own errors on stderr.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "zel/result.h"
+
+namespace host::cli {
+
+struct GlobalOptions {
+  std::string modulePath;
+  std::uint32_t traceLevel = 700;
+  std::string dbPath;      // empty: the command's default store
+  std::string eventsPath;  // empty: stdout
+};
+
+// A fault the user can fix (bad file, bad document, bad argument): main
+// prints "acctl: <what>" and exits 1.
+struct UserError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// "acctl: <step> failed: <result>" on stderr; returns 1.
+int Fail(const char* step, zel::result_t r);
+
+// Reads a whole file; UserError naming it when it can't be read.
+std::string ReadFile(const std::string& path);
+
+// The persistent store for commands that keep state between runs:
+// $XDG_STATE_HOME/acctl/acctl.db, or ~/.local/state/acctl/acctl.db.
+std::string DefaultStatePath();
+
+int RunDemo(const GlobalOptions& options, const std::vector<std::string>& args);
+int RunRules(const GlobalOptions& options, const std::vector<std::string>& args);
+int RunCategories(const GlobalOptions& options, const std::vector<std::string>& args);
+
+}  // namespace host::cli

@@ -1,0 +1,186 @@
+// acctl run: application control end to end. The module's task is made
+// from the given settings, the engine is fed program starts, and what the
+// task publishes for them is printed as JSON lines.
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app_control/interfaces/itask.h"
+#include "host/cli/category_document.h"
+#include "host/cli/cli.h"
+#include "host/cli/host_session.h"
+#include "host/cli/settings_json.h"
+#include "host/module/module_loader.h"
+
+namespace host::cli {
+namespace {
+
+constexpr std::uint32_t kAppControlTaskClass = 0x46DFCF43;
+
+struct RunArgs {
+  std::string settingsPath;
+  std::string categoriesPath;
+  std::string startsPath;
+  std::vector<std::string> starts;
+};
+
+std::uint32_t ParseNumber(const std::string& text, const std::string& what) {
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long value = std::strtoul(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || errno != 0 || value > 0xFFFFFFFFul || text[0] == '-')
+    throw UserError("bad " + what + " '" + text + "'");
+  return static_cast<std::uint32_t>(value);
+}
+
+std::uint32_t ParseUser(const std::string& text) {
+  if (text.empty()) return ::getuid();
+  if (text.find_first_not_of("0123456789") == std::string::npos) return ParseNumber(text, "user id");
+  std::vector<char> buffer(16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  if (::getpwnam_r(text.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr)
+    throw UserError("unknown user '" + text + "'");
+  return found->pw_uid;
+}
+
+engine::ProgramStart MakeStart(const std::string& path, const std::string& user, const std::string& pid) {
+  if (path.empty()) throw UserError("a program start without a path");
+  engine::ProgramStart start;
+  start.path = path;
+  start.uid = ParseUser(user);
+  start.pid = pid.empty() ? static_cast<std::uint32_t>(::getpid()) : ParseNumber(pid, "process id");
+  return start;
+}
+
+// PATH[:USER[:PID]]
+engine::ProgramStart StartFromArgument(const std::string& text) {
+  std::string parts[3];
+  std::size_t from = 0;
+  for (int i = 0; i < 3; ++i) {
+    const std::size_t colon = i < 2 ? text.find(':', from) : std::string::npos;
+    parts[i] = text.substr(from, colon == std::string::npos ? std::string::npos : colon - from);
+    if (colon == std::string::npos) break;
+    from = colon + 1;
+  }
+  return MakeStart(parts[0], parts[1], parts[2]);
+}
+
+// Lines "path [user [pid]]"; blank lines and lines starting with '#' are skipped.
+std::vector<engine::ProgramStart> StartsFromFile(const std::string& path) {
+  std::istringstream lines(ReadFile(path));
+  std::vector<engine::ProgramStart> starts;
+  std::string line;
+  for (int number = 1; std::getline(lines, line); ++number) {
+    std::istringstream words(line);
+    std::string program, user, pid, extra;
+    if (!(words >> program) || program[0] == '#') continue;
+    words >> user >> pid;
+    if (words >> extra) throw UserError(path + ":" + std::to_string(number) + ": expected \"path [user [pid]]\"");
+    try {
+      starts.push_back(MakeStart(program, user, pid));
+    } catch (const UserError& e) {
+      throw UserError(path + ":" + std::to_string(number) + ": " + e.what());
+    }
+  }
+  return starts;
+}
+
+RunArgs ParseArgs(const std::vector<std::string>& args) {
+  RunArgs out;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    auto value = [&]() -> const std::string& {
+      if (i + 1 >= args.size()) throw UserError("run: " + a + " needs a value");
+      return args[++i];
+    };
+    if (a == "--settings") {
+      out.settingsPath = value();
+    } else if (a == "--categories") {
+      out.categoriesPath = value();
+    } else if (a == "--starts") {
+      out.startsPath = value();
+    } else if (!a.empty() && a[0] == '-') {
+      throw UserError("run: unknown option " + a);
+    } else {
+      out.starts.push_back(a);
+    }
+  }
+  if (out.settingsPath.empty()) throw UserError("run: --settings SETTINGS.json is required");
+  return out;
+}
+
+class FileCloser {
+ public:
+  explicit FileCloser(std::FILE* f) : m_file(f) {}
+  FileCloser(const FileCloser&) = delete;
+  FileCloser& operator=(const FileCloser&) = delete;
+  ~FileCloser() {
+    if (m_file != nullptr && m_file != stdout) std::fclose(m_file);
+  }
+
+ private:
+  std::FILE* m_file;
+};
+
+}  // namespace
+
+int RunRules(const GlobalOptions& options, const std::vector<std::string>& args) {
+  const RunArgs run = ParseArgs(args);
+  // Every input is read and checked before anything is loaded.
+  tov::settings::AppControlSettings settings = SettingsFromJson(ReadFile(run.settingsPath), run.settingsPath);
+  const std::string categoriesJson = run.categoriesPath.empty() ? std::string() : ReadFile(run.categoriesPath);
+  std::vector<engine::ProgramStart> starts;
+  if (!run.startsPath.empty()) starts = StartsFromFile(run.startsPath);
+  for (const std::string& s : run.starts) starts.push_back(StartFromArgument(s));
+
+  std::FILE* events = stdout;
+  if (!options.eventsPath.empty()) {
+    events = std::fopen(options.eventsPath.c_str(), "w");
+    if (events == nullptr) throw UserError("cannot write " + options.eventsPath);
+  }
+  const FileCloser closeEvents(events);
+
+  LoadedModule module(options.modulePath);
+  int status = 0;
+  {
+    HostSession session(options.traceLevel, options.dbPath.empty() ? ":memory:" : options.dbPath, events);
+    if (!run.categoriesPath.empty())
+      ImportCategories(session.categories, &session.locator, categoriesJson, run.categoriesPath);
+
+    void* arguments[2] = {&session.locator, &settings};
+    zel::IObject* object = nullptr;
+    zel::result_t r = module.CreateObject(kAppControlTaskClass, arguments, &object);
+    if (ZEL_FAILED(r)) return Fail("creating the application control task", r);
+    auto task = zel::RefPtr<app_core::task_manager::task::ITask>::Adopt(
+        static_cast<app_core::task_manager::task::ITask*>(object));
+    r = task->Start(1, nullptr);
+    if (ZEL_FAILED(r)) return Fail("starting the application control task", r);
+
+    for (const engine::ProgramStart& start : starts) {
+      r = session.engine->engine.SubmitProgramStart(start);
+      if (ZEL_FAILED(r)) {
+        status = Fail(("submitting " + start.path).c_str(), r);
+        break;
+      }
+      // One start at a time, so the events come out in the order given.
+      session.engine->engine.WaitIdle();
+    }
+    r = task->Stop();
+    if (ZEL_FAILED(r)) status = Fail("stopping the application control task", r);
+    task.Reset();
+  }
+  if (module.CanUnload() != 0) {
+    std::fprintf(stderr, "acctl: module objects are still alive after the run\n");
+    status = 1;
+  }
+  return status;
+}
+
+}  // namespace host::cli
