@@ -5,6 +5,7 @@
 #include "host/cli/cli.h"
 #include "host/module/module_loader.h"
 #include "host/services/counting_allocator.h"
+#include "host/services/host_object.h"
 #include "host/services/service_locator.h"
 #include "host/services/stderr_tracer.h"
 
@@ -14,20 +15,9 @@ namespace {
 constexpr std::uint32_t kDispatcherClass = 0xA17CCC95;
 
 // Prints each event it receives; owned by main, counts are bookkeeping.
-class PrintingSink final : public app_ctrl::IApplicationStartLogEvents {
+class PrintingSink final : public OwnedObject<PrintingSink, app_ctrl::IApplicationStartLogEvents> {
  public:
   explicit PrintingSink(const char* name) : m_name(name) {}
-  std::uint32_t AddRef() override { return ++m_refs; }
-  std::uint32_t Release() override { return --m_refs; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
-    if (iid != 0 && iid != IApplicationStartLogEvents::iid) {
-      *out = nullptr;
-      return zel::result::InterfaceNotSupported;
-    }
-    AddRef();
-    *out = static_cast<IApplicationStartLogEvents*>(this);
-    return 0;
-  }
   zel::result_t OnApplicationStartLogged(const void* e) override { return Print("start logged", e); }
   zel::result_t OnApplicationStartBacklog(const void* e) override { return Print("backlog", e); }
   zel::result_t OnApplicationStartLogLost(const void* e) override { return Print("log lost", e); }
@@ -38,7 +28,6 @@ class PrintingSink final : public app_ctrl::IApplicationStartLogEvents {
     return 0;
   }
   const char* m_name;
-  std::uint32_t m_refs = 1;
 };
 
 int Demo(host::LoadedModule& module, std::uint32_t traceLevel) {

@@ -43,17 +43,6 @@ Engine::~Engine() {
   if (active != nullptr) static_cast<app_core::task_manager::task::ITask*>(active)->Release();
 }
 
-zel::result_t Engine::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid == 0 || iid == app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid) {
-    AddRef();
-    *out = static_cast<app_ctrl::IEnterpriseApplicationControlEvents2Subscription*>(this);
-    return zel::result::NoError;
-  }
-  *out = nullptr;
-  return zel::result::InterfaceNotSupported;
-}
-
 zel::result_t Engine::Subscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) {
   if (sink == nullptr) return zel::result::InvalidArgument;
   try {

@@ -26,6 +26,7 @@
 #include "app_control/interfaces/iprocess_registry.h"
 #include "app_control/interfaces/itask.h"
 #include "host/engine/decision.h"
+#include "host/services/host_object.h"
 #include "zel/rtl/objclient.h"
 
 namespace host::engine {
@@ -51,7 +52,7 @@ struct ProgramDecision {
   app_ctrl::ApplicationCategoryInfo category;
 };
 
-class Engine final : public app_ctrl::IEnterpriseApplicationControlEvents2Subscription {
+class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplicationControlEvents2Subscription> {
  public:
   // `sysRoot`: where sysfs is mounted, for the removable-drive fact.
   explicit Engine(std::string sysRoot = "/sys");
@@ -59,11 +60,6 @@ class Engine final : public app_ctrl::IEnterpriseApplicationControlEvents2Subscr
   Engine& operator=(const Engine&) = delete;
   // Joins the engine thread and lets go of the subscribers.
   ~Engine();
-
-  // Owned by its creator; the count is bookkeeping that tests can read.
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   zel::result_t Subscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override;
   zel::result_t Unsubscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override;
@@ -109,7 +105,6 @@ class Engine final : public app_ctrl::IEnterpriseApplicationControlEvents2Subscr
   std::size_t Subscribers() const;
   // Exceptions that sinks let out of a delivery; the engine goes on.
   std::uint64_t SinkExceptions() const { return m_sinkExceptions.load(); }
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
 
  private:
   friend class detail::EngineTask;
@@ -156,7 +151,6 @@ class Engine final : public app_ctrl::IEnterpriseApplicationControlEvents2Subscr
   std::atomic<zel::result_t> m_failSetSettings{0};
   std::atomic<std::uint64_t> m_tasksCreated{0};
   std::atomic<std::uint64_t> m_sinkExceptions{0};
-  std::atomic<std::uint32_t> m_refs{1};
   std::thread m_thread;  // last: starts once everything above exists
 };
 

@@ -7,17 +7,6 @@ static_assert(app_ctrl::kEacSettingsSerId == app_ctrl::EnterpriseApplicationCont
 
 namespace host::engine {
 
-zel::result_t EngineObjectCreator::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid == 0 || iid == IEngineObjectCreator::iid) {
-    AddRef();
-    *out = static_cast<IEngineObjectCreator*>(this);
-    return zel::result::NoError;
-  }
-  *out = nullptr;
-  return zel::result::InterfaceNotSupported;
-}
-
 zel::result_t EngineObjectCreator::CreateObject(std::uint32_t classId, zel::iid_t iid, zel::IServiceLocator* /*sl*/,
                                                 const EngineObjectParameters* parameters, std::uintptr_t reserved,
                                                 void** out) {

@@ -23,22 +23,11 @@ zel::result_t CheckData(const zel::anydescrptr& data) noexcept {
 
 zel::RefPtr<BinarySerializer> BinarySerializer::Create(zel::IMetaInfoProvider* meta, zel::IAllocator* allocator,
                                                        zel::ITracer* tracer) {
-  return zel::RefPtr<BinarySerializer>::Adopt(new BinarySerializer(meta, allocator, tracer));
+  return MakeHeapObject<BinarySerializer>(meta, allocator, tracer);
 }
 
 BinarySerializer::BinarySerializer(zel::IMetaInfoProvider* meta, zel::IAllocator* allocator, zel::ITracer* tracer)
     : m_meta(meta), m_allocator(allocator), m_tracer(tracer) {}
-
-zel::result_t BinarySerializer::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid != 0 && iid != zel::IBinarySerializer::iid) {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
-  AddRef();
-  *out = static_cast<zel::IBinarySerializer*>(this);
-  return zel::result::NoError;
-}
 
 zel::result_t BinarySerializer::Encode(const zel::anydescrptr& data, std::vector<unsigned char>& out) {
   zel::ITracer* tracer = m_tracer.Get();

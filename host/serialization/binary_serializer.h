@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/serialization/internal/ref_counted.h"
+#include "host/services/host_object.h"
 #include "zel/itracer.h"
 #include "zel/rtl/objclient.h"
 #include "zel/serialization/imeta_info.h"
@@ -19,17 +20,12 @@
 
 namespace host {
 
-class BinarySerializer final : public zel::IBinarySerializer,
-                               private serialization_detail::RefCount<BinarySerializer> {
+class BinarySerializer final : public HeapObject<BinarySerializer, zel::IBinarySerializer> {
  public:
   // `allocator` makes the typed objects that variants own after reading;
   // `tracer` may be null.
   static zel::RefPtr<BinarySerializer> Create(zel::IMetaInfoProvider* meta, zel::IAllocator* allocator,
                                               zel::ITracer* tracer);
-
-  std::uint32_t AddRef() override { return Increment(); }
-  std::uint32_t Release() override { return Decrement(); }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   zel::result_t GetSerializedSize(const zel::anydescrptr& data, std::uint32_t& len,
                                   zel::SerializationMode mode) override;
@@ -50,7 +46,7 @@ class BinarySerializer final : public zel::IBinarySerializer,
   void SetVerifyChecksum(bool on) noexcept { m_verifyChecksum.store(on, std::memory_order_relaxed); }
 
  private:
-  friend class serialization_detail::RefCount<BinarySerializer>;
+  friend class host::HeapAccess;
   BinarySerializer(zel::IMetaInfoProvider* meta, zel::IAllocator* allocator, zel::ITracer* tracer);
   ~BinarySerializer() = default;
 

@@ -10,33 +10,11 @@
 namespace host {
 
 zel::RefPtr<MetaInfoProvider> MetaInfoProvider::Create() {
-  return zel::RefPtr<MetaInfoProvider>::Adopt(new MetaInfoProvider());
+  return MakeHeapObject<MetaInfoProvider>();
 }
 
 MetaInfoProvider::~MetaInfoProvider() {
   for (zel::IMetaInfoProvider* p : m_providers) p->Release();
-}
-
-std::uint32_t MetaInfoProvider::AddRef() { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-
-std::uint32_t MetaInfoProvider::Release() {
-  const std::uint32_t n = m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
-  if (n == 0) delete this;
-  return n;
-}
-
-zel::result_t MetaInfoProvider::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid == 0 || iid == zel::IMetaInfoProvider::iid) {
-    *out = static_cast<zel::IMetaInfoProvider*>(this);
-  } else if (iid == zel::IStructMetaInfoRegistry::iid) {
-    *out = static_cast<zel::IStructMetaInfoRegistry*>(this);
-  } else {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
-  AddRef();
-  return zel::result::NoError;
 }
 
 std::vector<zel::RefPtr<zel::IMetaInfoProvider>> MetaInfoProvider::Providers() const {

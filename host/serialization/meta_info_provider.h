@@ -8,26 +8,22 @@
 // behind a reader-writer lock); providers are asked outside the lock.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <shared_mutex>
 #include <vector>
 
+#include "host/services/host_object.h"
 #include "zel/rtl/objclient.h"
 #include "zel/serialization/imeta_info.h"
 
 namespace host {
 
-class MetaInfoProvider final : public zel::IMetaInfoProvider, public zel::IStructMetaInfoRegistry {
+class MetaInfoProvider final
+    : public HeapObject<MetaInfoProvider, zel::IMetaInfoProvider, zel::IStructMetaInfoRegistry> {
  public:
   // A new provider with one reference, owned by the caller.
   static zel::RefPtr<MetaInfoProvider> Create();
-
-  std::uint32_t AddRef() override;
-  std::uint32_t Release() override;
-  // 0 and IMetaInfoProvider give the first interface, IStructMetaInfoRegistry the second.
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   // ---- IMetaInfoProvider -------------------------------------------------------
   zel::result_t FindDescriptor(std::uint32_t serId, const zel::TypeDescriptor** descriptor) override;
@@ -49,12 +45,12 @@ class MetaInfoProvider final : public zel::IMetaInfoProvider, public zel::IStruc
   zel::result_t UnregisterProvider(zel::IMetaInfoProvider* provider) override;
 
  private:
+  friend class HeapAccess;
   MetaInfoProvider() = default;
   ~MetaInfoProvider();
 
   std::vector<zel::RefPtr<zel::IMetaInfoProvider>> Providers() const;
 
-  std::atomic<std::uint32_t> m_refs{1};
   mutable std::shared_mutex m_mutex;
   std::map<std::uint32_t, const zel::TypeDescriptor*> m_descriptors;
   std::vector<zel::IMetaInfoProvider*> m_providers;  // one reference each

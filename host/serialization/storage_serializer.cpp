@@ -28,22 +28,11 @@ zel::result_t ElementOf(zel::IStorageNode* node, serialization_detail::XmlNode**
 
 zel::RefPtr<StorageSerializer> StorageSerializer::Create(zel::IMetaInfoProvider* meta, zel::IAllocator* allocator,
                                                          zel::ITracer* tracer) {
-  return zel::RefPtr<StorageSerializer>::Adopt(new StorageSerializer(meta, allocator, tracer));
+  return MakeHeapObject<StorageSerializer>(meta, allocator, tracer);
 }
 
 StorageSerializer::StorageSerializer(zel::IMetaInfoProvider* meta, zel::IAllocator* allocator, zel::ITracer* tracer)
     : m_meta(meta), m_allocator(allocator), m_tracer(tracer) {}
-
-zel::result_t StorageSerializer::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid != 0 && iid != zel::IStorageSerializer2::iid) {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
-  AddRef();
-  *out = static_cast<zel::IStorageSerializer2*>(this);
-  return zel::result::NoError;
-}
 
 zel::result_t StorageSerializer::Serialize(const zel::anydescrptr& data, zel::IStorageNode* node, std::uint32_t flags,
                                            void* /*context*/) {

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "host/serialization/internal/ref_counted.h"
+#include "host/services/host_object.h"
 #include "zel/itracer.h"
 #include "zel/rtl/objclient.h"
 #include "zel/serialization/imeta_info.h"
@@ -17,17 +18,12 @@
 
 namespace host {
 
-class StorageSerializer final : public zel::IStorageSerializer2,
-                                private serialization_detail::RefCount<StorageSerializer> {
+class StorageSerializer final : public HeapObject<StorageSerializer, zel::IStorageSerializer2> {
  public:
   // `allocator` makes the typed objects that variants own after reading;
   // `tracer` may be null.
   static zel::RefPtr<StorageSerializer> Create(zel::IMetaInfoProvider* meta, zel::IAllocator* allocator,
                                                zel::ITracer* tracer);
-
-  std::uint32_t AddRef() override { return Increment(); }
-  std::uint32_t Release() override { return Decrement(); }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   zel::result_t Serialize(const zel::anydescrptr& data, zel::IStorageNode* node, std::uint32_t flags,
                           void* context) override;
@@ -39,7 +35,7 @@ class StorageSerializer final : public zel::IStorageSerializer2,
   void FailNextDeserialize(zel::result_t code = zel::result::Unexpected) noexcept { m_failDeserialize.Arm(code); }
 
  private:
-  friend class serialization_detail::RefCount<StorageSerializer>;
+  friend class host::HeapAccess;
   StorageSerializer(zel::IMetaInfoProvider* meta, zel::IAllocator* allocator, zel::ITracer* tracer);
   ~StorageSerializer() = default;
 

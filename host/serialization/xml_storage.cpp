@@ -37,7 +37,7 @@ zel::result_t ReadAll(zel::IIO* io, std::vector<char>& out) {
 }  // namespace
 
 zel::RefPtr<XmlStorageFactory> XmlStorageFactory::Create(zel::ITracer* tracer) {
-  return zel::RefPtr<XmlStorageFactory>::Adopt(new XmlStorageFactory(tracer));
+  return MakeHeapObject<XmlStorageFactory>(tracer);
 }
 
 XmlStorageFactory::XmlStorageFactory(zel::ITracer* tracer)
@@ -48,17 +48,6 @@ XmlStorageFactory::~XmlStorageFactory() = default;
 void XmlStorageFactory::FailNextCreate(zel::result_t code) noexcept { m_faults->create.Arm(code); }
 void XmlStorageFactory::FailNextOpen(zel::result_t code) noexcept { m_faults->open.Arm(code); }
 void XmlStorageFactory::FailNextFlush(zel::result_t code) noexcept { m_faults->flush.Arm(code); }
-
-zel::result_t XmlStorageFactory::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid != 0 && iid != zel::IXmlStorageFactory::iid) {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
-  AddRef();
-  *out = static_cast<zel::IXmlStorageFactory*>(this);
-  return zel::result::NoError;
-}
 
 zel::result_t XmlStorageFactory::CreateStorage(zel::IIO* io, const char* rootName, zel::IStorageNode** node) {
   zel::ITracer* tracer = m_tracer.Get();

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "host/serialization/internal/ref_counted.h"
+#include "host/services/host_object.h"
 #include "zel/itracer.h"
 #include "zel/rtl/objclient.h"
 #include "zel/serialization/iserializers.h"
@@ -20,15 +21,10 @@ namespace serialization_detail {
 struct XmlFaults;
 }
 
-class XmlStorageFactory final : public zel::IXmlStorageFactory,
-                                private serialization_detail::RefCount<XmlStorageFactory> {
+class XmlStorageFactory final : public HeapObject<XmlStorageFactory, zel::IXmlStorageFactory> {
  public:
   // `tracer` may be null.
   static zel::RefPtr<XmlStorageFactory> Create(zel::ITracer* tracer);
-
-  std::uint32_t AddRef() override { return Increment(); }
-  std::uint32_t Release() override { return Decrement(); }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   zel::result_t CreateStorage(zel::IIO* io, const char* rootName, zel::IStorageNode** node) override;
   zel::result_t OpenStorage(zel::IIO* io, std::uint8_t readOnly, zel::IStorageNode** node) override;
@@ -40,7 +36,7 @@ class XmlStorageFactory final : public zel::IXmlStorageFactory,
   void FailNextFlush(zel::result_t code = zel::result::Unexpected) noexcept;
 
  private:
-  friend class serialization_detail::RefCount<XmlStorageFactory>;
+  friend class host::HeapAccess;
   explicit XmlStorageFactory(zel::ITracer* tracer);
   ~XmlStorageFactory();
 

@@ -41,17 +41,6 @@ CategoriesManager::CategoriesManager(zel::IServiceLocator* objects) : m_objects(
 
 CategoriesManager::~CategoriesManager() { Close(); }
 
-zel::result_t CategoriesManager::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid != 0 && iid != ICategoriesManager::iid) {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
-  *out = static_cast<ICategoriesManager*>(this);
-  AddRef();
-  return zel::result::NoError;
-}
-
 zel::result_t CategoriesManager::Open(const std::string& path) {
   std::lock_guard lock(m_mutex);
   zel::result_t r = m_db.Open(path);

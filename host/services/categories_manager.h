@@ -19,13 +19,14 @@
 #include <vector>
 
 #include "app_control/interfaces/icategories_manager.h"
+#include "host/services/host_object.h"
 #include "host/storage/sqlite_db.h"
 #include "zel/iservice_locator.h"
 #include "zel/rtl/objclient.h"
 
 namespace host {
 
-class CategoriesManager final : public ICategoriesManager {
+class CategoriesManager final : public OwnedObject<CategoriesManager, ICategoriesManager> {
  public:
   // `objects` makes the expressions read back from the store (a reference is kept).
   explicit CategoriesManager(zel::IServiceLocator* objects);
@@ -37,11 +38,6 @@ class CategoriesManager final : public ICategoriesManager {
   // loads what it holds. A store that can't be read is closed again.
   zel::result_t Open(const std::string& path);
   void Close();
-
-  // Owned by its creator; the count is bookkeeping that tests can read.
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   // 0x80000046 for an action outside the enumeration or an expression that
   // can't be stored; 0x8000006B (not initialised) before Open.
@@ -56,7 +52,6 @@ class CategoriesManager final : public ICategoriesManager {
   // ---- observations ------------------------------------------------------------------
   std::uint64_t Gets() const { return m_gets.load(); }
   std::uint64_t Puts() const { return m_puts.load(); }
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
 
  private:
   struct Entry {
@@ -75,7 +70,6 @@ class CategoriesManager final : public ICategoriesManager {
   zel::result_t m_failGet = 0;
   zel::result_t m_failPut = 0;
 
-  std::atomic<std::uint32_t> m_refs{1};
   std::atomic<std::uint64_t> m_gets{0};
   std::atomic<std::uint64_t> m_puts{0};
 };

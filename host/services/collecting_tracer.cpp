@@ -12,16 +12,11 @@ CollectingTracer::~CollectingTracer() {
 }
 
 zel::result_t CollectingTracer::QueryInterface(zel::iid_t iid, void** out) {
-  if (iid == 0 || iid == zel::ITracer::iid) {
-    *out = static_cast<zel::ITracer*>(this);
-  } else if (iid == zel::trace::ITraceLevelLimit::iid && m_exposeLimit.load(std::memory_order_acquire)) {
-    *out = static_cast<zel::trace::ITraceLevelLimit*>(this);
-  } else {
+  if (iid == zel::trace::ITraceLevelLimit::iid && !m_exposeLimit.load(std::memory_order_acquire) && out != nullptr) {
     *out = nullptr;
     return zel::result::InterfaceNotSupported;
   }
-  AddRef();
-  return zel::result::NoError;
+  return OwnedObject::QueryInterface(iid, out);
 }
 
 zel::result_t CollectingTracer::AllocLine(std::uint32_t level, zel::TraceRecord* record, std::uint64_t size) {

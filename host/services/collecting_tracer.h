@@ -14,12 +14,13 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/services/host_object.h"
 #include "zel/itracer.h"
 #include "zel/trace/itrace_level_limit.h"
 
 namespace host {
 
-class CollectingTracer final : public zel::ITracer, public zel::trace::ITraceLevelLimit {
+class CollectingTracer final : public OwnedObject<CollectingTracer, zel::ITracer, zel::trace::ITraceLevelLimit> {
  public:
   struct Line {
     std::uint32_t level;
@@ -45,8 +46,6 @@ class CollectingTracer final : public zel::ITracer, public zel::trace::ITraceLev
   CollectingTracer& operator=(const CollectingTracer&) = delete;
   ~CollectingTracer();
 
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
   // Answers 0 and ITracer; ITraceLevelLimit only after ExposeLevelLimit.
   zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
@@ -76,12 +75,9 @@ class CollectingTracer final : public zel::ITracer, public zel::trace::ITraceLev
   std::size_t OpenLines() const;
   // Commits of buffers this tracer never handed out (rejected, not freed).
   std::uint64_t UnknownCommits() const { return m_unknownCommits.load(std::memory_order_relaxed); }
-  // References taken and not released, beyond the owner's own.
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
   void Clear();
 
  private:
-  std::atomic<std::uint32_t> m_refs{1};
   std::atomic<std::uint32_t> m_filter;
   std::atomic<Growth> m_growth{Growth::Grant};
   std::atomic<std::uint64_t> m_maxLineSize{16u << 20};

@@ -4,16 +4,6 @@
 
 namespace host {
 
-zel::result_t CountingAllocator::QueryInterface(zel::iid_t iid, void** out) {
-  if (iid == 0 || iid == zel::IAllocator::iid) {
-    *out = static_cast<zel::IAllocator*>(this);
-    AddRef();
-    return zel::result::NoError;
-  }
-  *out = nullptr;
-  return zel::result::InterfaceNotSupported;
-}
-
 bool CountingAllocator::ShouldFail() {
   std::int64_t left = m_failAfter.load(std::memory_order_relaxed);
   while (left >= 0) {

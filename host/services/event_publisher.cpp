@@ -206,17 +206,6 @@ std::string FormatEventJson(const tov::RuntimeEvent& event) {
   return out;
 }
 
-zel::result_t EventPublisher::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid == 0 || iid == tov::INonRemoteEventPublisher::iid) {
-    AddRef();
-    *out = static_cast<tov::INonRemoteEventPublisher*>(this);
-    return zel::result::NoError;
-  }
-  *out = nullptr;
-  return zel::result::InterfaceNotSupported;
-}
-
 zel::result_t EventPublisher::PublishEvent(tov::RuntimeEvent* event) {
   if (event == nullptr) return zel::result::InvalidArgument;
   try {

@@ -6,7 +6,6 @@
 // engine threads publish while the host reads.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
@@ -14,21 +13,17 @@
 #include <vector>
 
 #include "app_control/interfaces/inon_remote_event_publisher.h"
+#include "host/services/host_object.h"
 
 namespace host {
 
-class EventPublisher final : public tov::INonRemoteEventPublisher {
+class EventPublisher final : public OwnedObject<EventPublisher, tov::INonRemoteEventPublisher> {
  public:
   // `out` receives the lines (flushed after each); null keeps them in memory
   // only. The stream stays the caller's.
   explicit EventPublisher(std::FILE* out = nullptr) : m_out(out) {}
   EventPublisher(const EventPublisher&) = delete;
   EventPublisher& operator=(const EventPublisher&) = delete;
-
-  // Owned by its creator; the count is bookkeeping that tests can read.
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   zel::result_t PublishEvent(tov::RuntimeEvent* event) override;
 
@@ -42,8 +37,6 @@ class EventPublisher final : public tov::INonRemoteEventPublisher {
   std::size_t Count() const;
   void Clear();
 
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
-
  private:
   std::FILE* m_out;
   mutable std::mutex m_mutex;
@@ -51,7 +44,6 @@ class EventPublisher final : public tov::INonRemoteEventPublisher {
   std::vector<std::string> m_lines;
   zel::result_t m_failCode = 0;
   std::int64_t m_failCount = 0;
-  std::atomic<std::uint32_t> m_refs{1};
 };
 
 // The one JSON line (no line break) that EventPublisher writes for `event`.

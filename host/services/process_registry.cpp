@@ -132,17 +132,6 @@ zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, 
 
 }  // namespace
 
-zel::result_t ProcessRegistry::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid == 0 || iid == IProcessRegistry::iid) {
-    AddRef();
-    *out = static_cast<IProcessRegistry*>(this);
-    return zel::result::NoError;
-  }
-  *out = nullptr;
-  return zel::result::InterfaceNotSupported;
-}
-
 zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uniqueId) {
   if (uniqueId == nullptr || pid == 0 || pid >= (1u << kPidBits)) return zel::result::InvalidArgument;
   StatLine stat;

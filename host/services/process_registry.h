@@ -5,25 +5,20 @@
 // 2^22 on Linux. Process objects are snapshots taken when they are asked for.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
 #include "app_control/interfaces/iprocess_registry.h"
+#include "host/services/host_object.h"
 
 namespace host {
 
-class ProcessRegistry final : public IProcessRegistry {
+class ProcessRegistry final : public OwnedObject<ProcessRegistry, IProcessRegistry> {
  public:
   // `procRoot`: where procfs is mounted; a copy of it serves tests.
   explicit ProcessRegistry(std::string procRoot = "/proc") : m_procRoot(std::move(procRoot)) {}
   ProcessRegistry(const ProcessRegistry&) = delete;
   ProcessRegistry& operator=(const ProcessRegistry&) = delete;
-
-  // Owned by its creator; the count is bookkeeping that tests can read.
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   zel::result_t GetUniqueId(std::uint32_t pid, std::uint64_t* uniqueId) override;
   zel::result_t GetProcessByPid(std::uint32_t pid, IProcessObject** process) override;
@@ -34,11 +29,8 @@ class ProcessRegistry final : public IProcessRegistry {
     return static_cast<std::uint32_t>(uniqueId & ((1u << kPidBits) - 1));
   }
 
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
-
  private:
   const std::string m_procRoot;
-  std::atomic<std::uint32_t> m_refs{1};
 };
 
 }  // namespace host

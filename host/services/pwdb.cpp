@@ -32,17 +32,6 @@ zel::result_t RunLookup(Lookup&& lookup, Entry& entry, std::vector<char>& buffer
 
 }  // namespace
 
-zel::result_t Pwdb::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid == 0 || iid == IPwdb::iid) {
-    AddRef();
-    *out = static_cast<IPwdb*>(this);
-    return zel::result::NoError;
-  }
-  *out = nullptr;
-  return zel::result::InterfaceNotSupported;
-}
-
 zel::result_t Pwdb::GetPrimaryGroupId(std::uint32_t uid, std::uint32_t* gid) {
   if (gid == nullptr) return zel::result::InvalidArgument;
   passwd entry{};

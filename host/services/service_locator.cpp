@@ -6,16 +6,6 @@ ServiceLocator::~ServiceLocator() {
   for (auto& [key, face] : m_services) face->Release();
 }
 
-zel::result_t ServiceLocator::QueryInterface(zel::iid_t iid, void** out) {
-  if (iid == 0 || iid == zel::IServiceLocator::iid) {
-    AddRef();
-    *out = static_cast<zel::IServiceLocator*>(this);
-    return zel::result::NoError;
-  }
-  *out = nullptr;
-  return zel::result::InterfaceNotSupported;
-}
-
 zel::result_t ServiceLocator::GetInterface(zel::iid_t iid, std::uint32_t serviceKey, void** out) {
   if (out == nullptr) return zel::result::InvalidArgument;
   *out = nullptr;

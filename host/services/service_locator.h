@@ -3,27 +3,23 @@
 // locator refuse an interface with a chosen code to drive failure paths.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
 #include <utility>
 
+#include "host/services/host_object.h"
 #include "zel/iservice_locator.h"
 
 namespace host {
 
-class ServiceLocator final : public zel::IServiceLocator {
+class ServiceLocator final : public OwnedObject<ServiceLocator, zel::IServiceLocator> {
  public:
   ServiceLocator() = default;
   ServiceLocator(const ServiceLocator&) = delete;
   ServiceLocator& operator=(const ServiceLocator&) = delete;
   ~ServiceLocator();
 
-  // Owned by its creator; the count is bookkeeping that tests can read.
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
   zel::result_t GetInterface(zel::iid_t iid, std::uint32_t serviceKey, void** out) override;
 
   // `face` is the service's interface pointer for `iid`; the locator keeps a
@@ -40,14 +36,12 @@ class ServiceLocator final : public zel::IServiceLocator {
   void Allow(zel::iid_t iid);
 
   std::uint64_t Requests(zel::iid_t iid) const;
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
 
  private:
   mutable std::mutex m_mutex;
   std::map<std::pair<zel::iid_t, std::uint32_t>, zel::IObject*> m_services;
   std::map<zel::iid_t, zel::result_t> m_refused;
   std::map<zel::iid_t, std::uint64_t> m_requests;
-  std::atomic<std::uint32_t> m_refs{1};
 };
 
 }  // namespace host

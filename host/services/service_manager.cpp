@@ -128,17 +128,6 @@ zel::result_t BinarySerializerCodec::Decode(std::span<const std::uint8_t> bytes,
   return ZEL_FAILED(r) ? r : zel::result::NoError;
 }
 
-zel::result_t ServiceManager::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid == 0 || iid == app_core::facade::IServiceManager::iid) {
-    AddRef();
-    *out = static_cast<app_core::facade::IServiceManager*>(this);
-    return zel::result::NoError;
-  }
-  *out = nullptr;
-  return zel::result::InterfaceNotSupported;
-}
-
 bool ServiceManager::TakeFault(zel::result_t& slot, zel::result_t& out) {
   if (slot == 0) return false;
   out = std::exchange(slot, 0);

@@ -22,6 +22,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "host/services/host_object.h"
 #include "host/storage/sqlite_db.h"
 #include "tov_utils/interfaces/iservice_manager.h"
 #include "zel/iservice_locator.h"
@@ -71,7 +72,7 @@ class BinarySerializerCodec final : public ISettingsCodec {
   std::uint32_t m_serId;
 };
 
-class ServiceManager final : public app_core::facade::IServiceManager {
+class ServiceManager final : public OwnedObject<ServiceManager, app_core::facade::IServiceManager> {
  public:
   ServiceManager() = default;
   ServiceManager(const ServiceManager&) = delete;
@@ -90,11 +91,6 @@ class ServiceManager final : public app_core::facade::IServiceManager {
   void RegisterTrivialCodec(std::uint32_t serId) {
     RegisterCodec(serId, std::make_shared<TrivialSettingsCodec<T>>());
   }
-
-  // Owned by its creator; the count is bookkeeping that tests can read.
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   zel::result_t GetServiceSettings(std::uint32_t serviceKey, app_core::facade::SettingsHolder* settings) override;
   zel::result_t SetServiceSettings(std::uint32_t serviceKey, std::uint32_t sync,
@@ -124,7 +120,6 @@ class ServiceManager final : public app_core::facade::IServiceManager {
   std::uint64_t Reads() const { return m_reads.load(); }
   std::uint64_t Writes() const { return m_writes.load(); }
   std::uint64_t Flushes() const { return m_flushes.load(); }
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
 
  private:
   struct Stored {
@@ -155,7 +150,6 @@ class ServiceManager final : public app_core::facade::IServiceManager {
   zel::result_t m_failFlush = 0;
   std::uint32_t m_forcedConflicts = 0;
 
-  std::atomic<std::uint32_t> m_refs{1};
   std::atomic<std::uint64_t> m_reads{0};
   std::atomic<std::uint64_t> m_writes{0};
   std::atomic<std::uint64_t> m_flushes{0};

@@ -12,19 +12,6 @@ StderrTracer::~StderrTracer() {
   for (auto& [buffer, level] : m_open) std::free(buffer);
 }
 
-zel::result_t StderrTracer::QueryInterface(zel::iid_t iid, void** out) {
-  if (iid == 0 || iid == zel::ITracer::iid) {
-    *out = static_cast<zel::ITracer*>(this);
-  } else if (iid == zel::trace::ITraceLevelLimit::iid) {
-    *out = static_cast<zel::trace::ITraceLevelLimit*>(this);
-  } else {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
-  AddRef();
-  return zel::result::NoError;
-}
-
 void StderrTracer::SetLevelFilter(std::uint32_t level) {
   std::atomic_ref<std::uint32_t>(m_level).store(level, std::memory_order_relaxed);
 }

@@ -12,21 +12,18 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "host/services/host_object.h"
 #include "zel/itracer.h"
 #include "zel/trace/itrace_level_limit.h"
 
 namespace host {
 
-class StderrTracer final : public zel::ITracer, public zel::trace::ITraceLevelLimit {
+class StderrTracer final : public OwnedObject<StderrTracer, zel::ITracer, zel::trace::ITraceLevelLimit> {
  public:
   explicit StderrTracer(std::uint32_t levelFilter = zel::trace_level::Notice) : m_level(levelFilter) {}
   StderrTracer(const StderrTracer&) = delete;
   StderrTracer& operator=(const StderrTracer&) = delete;
   ~StderrTracer();
-
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   zel::result_t AllocLine(std::uint32_t level, zel::TraceRecord* record, std::uint64_t size) override;
   zel::result_t CommitLine(char* buffer, std::uint64_t length) override;
@@ -40,7 +37,6 @@ class StderrTracer final : public zel::ITracer, public zel::trace::ITraceLevelLi
   // being larger.
   static constexpr std::uint64_t kMaxLineSize = 1u << 20;
 
-  std::atomic<std::uint32_t> m_refs{1};
   mutable std::uint32_t m_level;  // written and read atomically
   std::mutex m_mutex;
   std::unordered_map<char*, std::uint32_t> m_open;  // buffer -> level it was opened at

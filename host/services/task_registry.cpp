@@ -4,17 +4,6 @@
 
 namespace host {
 
-zel::result_t TaskRegistry::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid == 0 || iid == ITaskRegistry::iid) {
-    AddRef();
-    *out = static_cast<ITaskRegistry*>(this);
-    return zel::result::NoError;
-  }
-  *out = nullptr;
-  return zel::result::InterfaceNotSupported;
-}
-
 template <class Pred>
 zel::result_t TaskRegistry::Find(Pred pred, TaskDescription* description,
                                  const TaskRegistryCredentials& credentials) {

@@ -4,26 +4,21 @@
 // to refuse every lookup to drive a caller's fallback path.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <optional>
 #include <vector>
 
 #include "app_control/interfaces/itask_registry.h"
+#include "host/services/host_object.h"
 
 namespace host {
 
-class TaskRegistry final : public ITaskRegistry {
+class TaskRegistry final : public OwnedObject<TaskRegistry, ITaskRegistry> {
  public:
   TaskRegistry() = default;
   TaskRegistry(const TaskRegistry&) = delete;
   TaskRegistry& operator=(const TaskRegistry&) = delete;
-
-  // Owned by its creator; the count is bookkeeping that tests can read.
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   zel::result_t GetTaskById(std::uint64_t taskId, TaskDescription* description,
                             const TaskRegistryCredentials& credentials) override;
@@ -37,7 +32,6 @@ class TaskRegistry final : public ITaskRegistry {
 
   std::uint64_t Lookups() const;
   std::optional<TaskRegistryCredentials> LastCredentials() const;
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
 
  private:
   template <class Pred>
@@ -48,7 +42,6 @@ class TaskRegistry final : public ITaskRegistry {
   zel::result_t m_failCode = 0;
   std::uint64_t m_lookups = 0;
   std::optional<TaskRegistryCredentials> m_lastCredentials;
-  std::atomic<std::uint32_t> m_refs{1};
 };
 
 }  // namespace host

@@ -43,7 +43,7 @@ zel::result_t CopyOut(const char* text, char* buffer, std::uint32_t size, std::u
 }  // namespace
 
 zel::IStorageNode* XmlNode::New(std::shared_ptr<XmlDocument> document, pugi::xml_node element) {
-  return new XmlNode(std::move(document), element);
+  return MakeHeapObject<XmlNode>(std::move(document), element).Detach();
 }
 
 XmlNode* AsXmlNode(zel::IStorageNode* node) noexcept {
@@ -56,14 +56,7 @@ XmlNode* AsXmlNode(zel::IStorageNode* node) noexcept {
 }
 
 zel::result_t XmlNode::QueryInterface(zel::iid_t iid, void** out) {
-  if (out == nullptr) return zel::result::InvalidArgument;
-  if (iid != 0 && iid != zel::IStorageNode::iid && iid != kXmlNodeIid) {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
-  AddRef();
-  *out = static_cast<zel::IStorageNode*>(this);
-  return zel::result::NoError;
+  return HeapObject::QueryInterface(iid == kXmlNodeIid ? zel::IStorageNode::iid : iid, out);
 }
 
 zel::result_t XmlNode::GetName(const char** name) {

@@ -12,6 +12,7 @@
 #include <pugixml.hpp>
 
 #include "host/serialization/internal/ref_counted.h"
+#include "host/services/host_object.h"
 #include "zel/rtl/objclient.h"
 #include "zel/serialization/iserializers.h"
 
@@ -35,12 +36,11 @@ struct XmlDocument {
   std::shared_ptr<XmlFaults> faults;
 };
 
-class XmlNode final : public zel::IStorageNode, private RefCount<XmlNode> {
+class XmlNode final : public HeapObject<XmlNode, zel::IStorageNode> {
  public:
   static zel::IStorageNode* New(std::shared_ptr<XmlDocument> document, pugi::xml_node element);
 
-  std::uint32_t AddRef() override { return Increment(); }
-  std::uint32_t Release() override { return Decrement(); }
+  // Also answers kXmlNodeIid, with the IStorageNode face.
   zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
 
   zel::result_t GetName(const char** name) override;
@@ -64,7 +64,7 @@ class XmlNode final : public zel::IStorageNode, private RefCount<XmlNode> {
   bool ReadOnly() const noexcept { return m_document->readOnly; }
 
  private:
-  friend class RefCount<XmlNode>;
+  friend class host::HeapAccess;
   XmlNode(std::shared_ptr<XmlDocument> document, pugi::xml_node element)
       : m_document(std::move(document)), m_element(element) {}
   ~XmlNode() = default;
