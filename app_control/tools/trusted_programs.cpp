@@ -59,8 +59,13 @@ exclude::applications::ExclusionList MakeTrustedProgramRecords(std::span<const c
   for (const char* listed : paths) {
     char resolved[kRealpathBufferSize] = {};
     errno = 0;
-    // A program that isn't installed has nothing to trust.
-    if (::realpath(listed, resolved) == nullptr && errno != 0) continue;
+    if (::realpath(listed, resolved) == nullptr) {
+      // A program that isn't installed has nothing to trust.
+      if (errno != 0) continue;
+      // A failure that names no cause leaves no path behind, whatever
+      // realpath wrote on its way.
+      resolved[0] = '\0';
+    }
     exclude::applications::ExclusionRecord& record = records.emplace_back();
     record.enabled = true;
     record.path = Utf8ToWideOrQuestionMark(resolved);

@@ -2,14 +2,34 @@
 // append-only merge into the exclusion list, and the path conversion.
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "app_control/tools/trusted_programs.h"
+
+namespace {
+// Set by a test: realpath fails without naming a cause, after writing part
+// of a path, as no libc here does on its own.
+bool g_realpathFailsSilently = false;
+}  // namespace
+
+extern "C" char* realpath(const char* name, char* resolved) noexcept {
+  if (g_realpathFailsSilently) {
+    std::strcpy(resolved, "/partial");
+    errno = 0;
+    return nullptr;
+  }
+  using Fn = char* (*)(const char*, char*);
+  static const Fn next = reinterpret_cast<Fn>(::dlsym(RTLD_NEXT, "realpath"));
+  return next(name, resolved);
+}
 
 namespace {
 
@@ -49,6 +69,16 @@ TEST(TrustedProgramsTest, RecordsAreMadeForResolvablePathsOnly) {
     EXPECT_EQ(r.version, 1u);
   }
   EXPECT_EQ(records[1].listedPath.view(), tools::Utf8ToWideOrQuestionMark(link).view());
+}
+
+TEST(TrustedProgramsTest, FailureWithoutErrnoKeepsTheProgramWithAnEmptyPath) {
+  const char* paths[] = {"/opt/a/program"};
+  g_realpathFailsSilently = true;
+  const ExclusionList records = tools::MakeTrustedProgramRecords(paths);
+  g_realpathFailsSilently = false;
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_TRUE(records[0].path.empty());
+  EXPECT_EQ(records[0].listedPath.view(), u"/opt/a/program");
 }
 
 TEST(TrustedProgramsTest, MergeAppendsWhatThePathAndMaskDontFindInTheListAsRead) {
