@@ -177,7 +177,8 @@ TEST(TypeLookup, ProviderFirstThenRegistryThenTexts) {
     zel::GetTypeDescriptor(&locator, Point::SerId);
     FAIL() << "expected an exception";
   } catch (const zel::CheckResultFailedException& e) {
-    EXPECT_EQ(std::u16string(e.GetMessage().view()), u"No meta info provider");
+    EXPECT_EQ(e.GetText(), "No meta info provider");
+    EXPECT_TRUE(e.GetMessage().empty());
     EXPECT_TRUE(zel::Failed(zel::GetResult(e)));
   }
 

@@ -17,7 +17,8 @@ const TypeDescriptor* GetTypeDescriptor(IServiceLocator* sl, std::uint32_t serId
     }
   }
   RefPtr<IStructMetaInfoRegistry> registry;
-  ZEL_CHECK_RESULT_THROW(GetInterface(sl, registry.Ref()), "No meta info provider");
+  const result_t fetched = GetInterface(sl, registry.Ref());
+  if (ZEL_FAILED(fetched)) throw CheckResultFailedException(__FILE__, __LINE__, "No meta info provider", fetched);
   descriptor = nullptr;
   const result_t r = registry->FindDescriptor(serId, &descriptor);
   if (ZEL_FAILED(r) || descriptor == nullptr) {
