@@ -9,7 +9,7 @@
 #include <string>
 
 #include "app_control/application_ids.h"
-#include "host/serialization/field_types.h"
+#include "zel/serialization/field_types.h"
 #include "host/serialization/serialization_services.h"
 #include "host/services/collecting_tracer.h"
 #include "host/services/counting_allocator.h"

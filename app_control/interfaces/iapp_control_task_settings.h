@@ -4,7 +4,7 @@
 // never read back from the task.
 #pragma once
 
-#include "app_control/settings/app_control_settings.h"
+#include "tov_common/settings/app_control_settings.h"
 #include "zel/iobject.h"
 
 namespace tov::app_control {

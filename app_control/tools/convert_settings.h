@@ -10,8 +10,8 @@
 // level 300. `rules` changes only on success, by one final swap.
 #pragma once
 
-#include "app_control/settings/app_control_settings.h"
-#include "app_control/settings/enterprise_application_control_settings.h"
+#include "tov_common/settings/app_control_settings.h"
+#include "tov_common/settings/enterprise_application_control_settings.h"
 #include "zel/iservice_locator.h"
 #include "zel/result.h"
 #include "zel/types/vector.h"

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "app_control/interfaces/engine_principal.h"
+#include "tov_common/settings/engine_principal.h"
 #include "app_control/interfaces/ipwdb.h"
 #include "zel/result.h"
 

@@ -1,6 +1,6 @@
 #include "host/cli/host_session.h"
 
-#include "app_control/settings/settings_descriptors.h"
+#include "tov_common/settings/settings_descriptors.h"
 #include "host/cli/cli.h"
 #include "host/cli/record_codecs.h"
 #include "tov_common/categories/category_descriptors.h"

@@ -16,7 +16,7 @@
 
 #include <string_view>
 
-#include "app_control/settings/app_control_settings.h"
+#include "tov_common/settings/app_control_settings.h"
 
 namespace host::cli {
 

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "app_control/settings/enterprise_application_control_settings.h"
+#include "tov_common/settings/enterprise_application_control_settings.h"
 #include "host/engine/category_matcher.h"
 #include "host/engine/file_facts.h"
 

@@ -1,6 +1,6 @@
 #include "host/engine/engine_object_creator.h"
 
-#include "app_control/settings/enterprise_application_control_settings.h"
+#include "tov_common/settings/enterprise_application_control_settings.h"
 
 static_assert(app_ctrl::kEacSettingsSerId == app_ctrl::EnterpriseApplicationControlSettings::SerId,
               "the engine takes its settings record under the record's own id");

@@ -14,7 +14,7 @@
 
 #include "app_control/interfaces/iapp_control_task_settings.h"
 #include "app_control/interfaces/itask.h"
-#include "app_control/settings/app_control_settings.h"
+#include "tov_common/settings/app_control_settings.h"
 #include "host/engine/engine_services.h"
 #include "host/engine/file_facts.h"
 #include "host/module/module_loader.h"

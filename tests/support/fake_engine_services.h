@@ -25,7 +25,7 @@
 #include "app_control/interfaces/ienterprise_application_control_events2_subscription.h"
 #include "app_control/interfaces/iprocess_registry.h"
 #include "app_control/interfaces/itask.h"
-#include "app_control/settings/enterprise_application_control_settings.h"
+#include "tov_common/settings/enterprise_application_control_settings.h"
 #include "tov_utils/interfaces/iservice_manager.h"
 
 namespace testsupport {

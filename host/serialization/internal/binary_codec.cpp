@@ -5,7 +5,7 @@
 #include <limits>
 #include <string_view>
 
-#include "host/serialization/field_types.h"
+#include "zel/serialization/field_types.h"
 #include "host/serialization/internal/crc32.h"
 #include "host/serialization/internal/descriptor_check.h"
 #include "host/serialization/internal/record_walk.h"

@@ -1,6 +1,6 @@
 #include "host/serialization/internal/descriptor_check.h"
 
-#include "host/serialization/field_types.h"
+#include "zel/serialization/field_types.h"
 #include "zel/types/string.h"
 #include "zel/serialization/variant.h"
 

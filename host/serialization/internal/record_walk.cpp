@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "host/serialization/field_types.h"
+#include "zel/serialization/field_types.h"
 #include "host/serialization/internal/descriptor_check.h"
 
 namespace host::serialization_detail {

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/serialization/field_types.h"
+#include "zel/serialization/field_types.h"
 #include "host/serialization/internal/descriptor_check.h"
 #include "host/serialization/internal/record_walk.h"
 #include "host/serialization/internal/text_forms.h"

@@ -3,9 +3,9 @@
 // come back from the binary form field for field.
 #include <gtest/gtest.h>
 
-#include "app_control/settings/app_control_settings.h"
-#include "app_control/settings/enterprise_application_control_settings.h"
-#include "app_control/settings/settings_descriptors.h"
+#include "tov_common/settings/app_control_settings.h"
+#include "tov_common/settings/enterprise_application_control_settings.h"
+#include "tov_common/settings/settings_descriptors.h"
 #include "host/serialization/serialization_services.h"
 #include "host/services/counting_allocator.h"
 #include "zel/serialization/iserializers.h"

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "app_control/interfaces/ienterprise_application_control_events2.h"
-#include "app_control/settings/enterprise_application_control_settings.h"
+#include "tov_common/settings/enterprise_application_control_settings.h"
 #include "host/services/counting_allocator.h"
 #include "tov_common/categories/category_types.h"
 #include "zel/serialization/ser_obj_descriptor.h"

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "host/serialization/field_types.h"
+#include "zel/serialization/field_types.h"
 #include "host/serialization/meta_info_provider.h"
 #include "serialization_fixture.h"
 #include "zel/serialization/ser_obj_descriptor.h"

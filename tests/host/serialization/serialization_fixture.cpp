@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "host/serialization/field_types.h"
+#include "zel/serialization/field_types.h"
 #include "zel/serialization/memory_io.h"
 #include "zel/serialization/ser_obj_descriptor.h"
 

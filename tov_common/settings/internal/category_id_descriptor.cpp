@@ -1,6 +1,6 @@
-#include "app_control/settings/internal/category_id_descriptor.h"
+#include "tov_common/settings/internal/category_id_descriptor.h"
 
-#include "host/serialization/field_types.h"
+#include "zel/serialization/field_types.h"
 #include "tov_common/categories/category_types.h"
 #include "zel/serialization/ser_obj_descriptor.h"
 

@@ -1,8 +1,8 @@
-#include "app_control/settings/settings_descriptors.h"
+#include "tov_common/settings/settings_descriptors.h"
 
-#include "app_control/settings/app_control_settings.h"
-#include "app_control/settings/enterprise_application_control_settings.h"
-#include "app_control/settings/internal/category_id_descriptor.h"
+#include "tov_common/settings/app_control_settings.h"
+#include "tov_common/settings/enterprise_application_control_settings.h"
+#include "tov_common/settings/internal/category_id_descriptor.h"
 
 namespace tov::settings {
 

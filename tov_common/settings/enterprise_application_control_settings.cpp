@@ -1,9 +1,9 @@
-#include "app_control/settings/enterprise_application_control_settings.h"
+#include "tov_common/settings/enterprise_application_control_settings.h"
 
 #include <cstddef>
 
-#include "app_control/settings/internal/category_id_descriptor.h"
-#include "host/serialization/field_types.h"
+#include "tov_common/settings/internal/category_id_descriptor.h"
+#include "zel/serialization/field_types.h"
 #include "zel/serialization/ser_obj_descriptor.h"
 
 namespace app_ctrl {

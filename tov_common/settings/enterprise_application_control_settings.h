@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "app_control/interfaces/engine_principal.h"
+#include "tov_common/settings/engine_principal.h"
 #include "tov_common/categories/category_types.h"
 #include "zel/serialization/type_descriptor.h"
 #include "zel/types/string.h"

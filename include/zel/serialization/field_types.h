@@ -1,4 +1,4 @@
-// The host's field type codes: the `type` word of a TypeDescriptorField row,
+// Field type codes shared by every serialiser: the `type` word of a TypeDescriptorField row,
 // and what the host's serialisers expect to find at the row's offset.
 //
 // The framework itself fixes three codes (Int32 18, UInt64 19, Variant 40);
