@@ -24,6 +24,7 @@ HostSession::HostSession(std::uint32_t traceLevel, const std::string& dbPath, st
   locator.Register<IPwdb>(&pwdb);
   locator.Register<app_core::facade::IServiceManager>(&serviceManager);
   locator.Register<ICategoriesManager>(&categories);
+  RegisterFileServices(locator, files);
   if (events != nullptr) {
     EngineServicesOptions options;
     options.eventsOut = events;
@@ -37,6 +38,7 @@ HostSession::~HostSession() {
     UnregisterEngineServices(locator);
     engine.reset();
   }
+  UnregisterFileServices(locator);
   for (zel::iid_t iid : {ICategoriesManager::iid, app_core::facade::IServiceManager::iid, IPwdb::iid}) locator.Remove(iid);
   categories.Close();
   serviceManager.Close();
