@@ -53,7 +53,7 @@ struct ElfSpec {
   std::uint16_t type = 3;
   bool interp = false;
   bool dynamic = false;
-  std::vector<std::pair<std::uint64_t, std::uint64_t>> dynEntries;
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> dynEntries = {};
   std::size_t phoff = 0;  // 0: right after the header
   std::size_t extraHeaders = 0;  // PT_LOAD fillers in front, to push the interesting ones past the head
 };
