@@ -106,8 +106,17 @@ bool DirectoryEnumerator::Examine() {
   const StackEntry& top = m_stack.back();
   const char* name = top.node->entry->d_name;
 
+  // The node's path already ends in "/". Most paths fit a stack buffer, which
+  // spares a heap block per entry.
   struct stat st {};
-  {
+  const std::size_t nodeLength = top.node->path.size();
+  const std::size_t nameLength = std::strlen(name);
+  if (nodeLength + nameLength < tools::kLongPathChunk) {
+    char full[tools::kLongPathChunk];
+    std::memcpy(full, top.node->path.data(), nodeLength);
+    std::memcpy(full + nodeLength, name, nameLength + 1);
+    if (::fstatat(AT_FDCWD, full, &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  } else {
     const tov::NativePath full = Join(top.node->path, name);
     if (!StatAnyLength(full.c_str(), st, AT_SYMLINK_NOFOLLOW)) return false;
   }
