@@ -203,6 +203,19 @@ zel::result_t Engine::CachedHash(const struct stat& before, Hash hash, Restat re
   return zel::result::NoError;
 }
 
+bool Engine::DeviceRemovable(dev_t device) const {
+  const auto now = std::chrono::steady_clock::now();
+  {
+    std::lock_guard lock(m_removableMutex);
+    const auto it = m_removable.find(device);
+    if (it != m_removable.end() && now - it->second.second < kRemovableTtl) return it->second.first;
+  }
+  const bool removable = IsDeviceRemovable(device, m_sysRoot);
+  std::lock_guard lock(m_removableMutex);
+  m_removable[device] = {removable, now};
+  return removable;
+}
+
 FileFacts Engine::FactsForPath(const std::string& path) const {
   FileFacts facts;
   facts.path = path;
@@ -216,7 +229,7 @@ FileFacts Engine::FactsForPath(const std::string& path) const {
     return facts;
   }
   FdCloser closer{fd};
-  facts.removable = IsDeviceRemovable(st.st_dev, m_sysRoot);
+  facts.removable = DeviceRemovable(st.st_dev);
   const zel::result_t r = CachedHash(
       st, [fd](std::string* hex) { return Sha256Descriptor(fd, hex); },
       [fd](struct stat& again) { return ::fstat(fd, &again) == 0; }, &facts.sha256);
@@ -253,7 +266,7 @@ zel::result_t Engine::InventoryModule(zel::IIO* io, std::uint32_t flags, tov::Ap
                            &facts.sha256)
               : (m_hashesComputed.fetch_add(1), hash(&facts.sha256));
     if (ZEL_FAILED(r)) return r;
-    if (known) facts.removable = IsDeviceRemovable(st.st_dev, m_sysRoot);
+    if (known) facts.removable = DeviceRemovable(st.st_dev);
 
     const CategoryList categories = CurrentCategories();
     zel::types::vector_t<tov::CategoryKey> keys;

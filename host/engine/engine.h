@@ -17,9 +17,11 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -159,6 +161,10 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   void Enqueue(WorkItem item);
   std::vector<SinkPtr> SnapshotSinks() const;
   CategoryList CurrentCategories() const;
+  // IsDeviceRemovable, remembered for a moment: a scan asks it for every
+  // file of a tree, and sysfs lookups cost more than hashing a small file.
+  // Short-lived, because a device number may come back for another drive.
+  bool DeviceRemovable(dev_t device) const;
   // The facts of a program about to start: opened once, hashed through the cache.
   FileFacts FactsForPath(const std::string& path) const;
   // Hash of an open file through the cache: `stamp` is its fstat before
@@ -190,6 +196,9 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   std::atomic<std::uint64_t> m_tasksCreated{0};
   std::atomic<std::uint64_t> m_sinkExceptions{0};
   mutable HashCache m_hashCache;
+  static constexpr std::chrono::seconds kRemovableTtl{2};
+  mutable std::mutex m_removableMutex;
+  mutable std::map<dev_t, std::pair<bool, std::chrono::steady_clock::time_point>> m_removable;
   mutable std::atomic<std::uint64_t> m_hashesComputed{0};
   std::thread m_thread;  // last: starts once everything above exists
 };

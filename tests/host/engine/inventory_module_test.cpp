@@ -4,8 +4,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 #include "engine_test_support.h"
@@ -166,6 +168,39 @@ TEST_F(InventoryModuleTest, KeysOfTheMatchingCategoriesInTheirOrder) {
   ASSERT_EQ(engine.GetCategories(offered), 0);
   ASSERT_EQ(offered.size(), 4u);
   EXPECT_EQ(offered[1].Name.view(), u"Scripts");
+}
+
+TEST_F(InventoryModuleTest, RemovableDriveComesFromTheOpenFilesDevice) {
+  const std::string path = dir.Write("media/tool", "hello");
+  struct stat st {};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  // A sysfs stand-in in which the scratch directory's device is a partition
+  // of a removable disk.
+  ScratchDir sys;
+  const std::string disk = sys.Write("devices/disk/removable", "1\n");
+  std::filesystem::create_directories(sys.Path() + "/devices/disk/part1");
+  std::filesystem::create_directories(sys.Path() + "/dev/block");
+  std::filesystem::create_directory_symlink(
+      sys.Path() + "/devices/disk/part1",
+      sys.Path() + "/dev/block/" + std::to_string(major(st.st_dev)) + ":" + std::to_string(minor(st.st_dev)));
+
+  host::engine::CategoryList categories;
+  categories.push_back(MakeCategory(
+      9, "Removable", {Owning(app_ctrl::CategoryStorageTypeExpression(app_ctrl::CategoryStorageTypeExpression::RemovableDrive))}));
+  host::engine::Engine onRemovable(sys.Path());
+  onRemovable.SetCategories(categories);
+  engine.SetCategories(categories);
+
+  zel::RefPtr<zel::IIO> io;
+  ASSERT_EQ(host::FileStream::Open(path, io), 0);
+  tov::ApplicationInfo info;
+  ASSERT_EQ(onRemovable.InventoryModule(io.Get(), 0, info), 0);
+  ASSERT_EQ(info.categoryKeys.size(), 1u);
+  EXPECT_EQ(info.categoryKeys[0].text.view(), tov::tools::CategoryIdToText(Id(9)).view());
+  EXPECT_TRUE(onRemovable.DecideNow({path, 0, 0}, {}).facts.removable);
+
+  ASSERT_EQ(engine.InventoryModule(io.Get(), 0, info), 0);  // the real /sys knows no such disk
+  EXPECT_TRUE(info.categoryKeys.empty());
 }
 
 TEST_F(InventoryModuleTest, CacheSparesUnchangedFilesAndMissesChangedOnes) {
