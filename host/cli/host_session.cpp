@@ -4,6 +4,7 @@
 #include "host/cli/cli.h"
 #include "host/cli/record_codecs.h"
 #include "tov_common/categories/category_descriptors.h"
+#include "tov_common/inventory/application_info.h"
 
 namespace host::cli {
 
@@ -15,6 +16,7 @@ HostSession::HostSession(std::uint32_t traceLevel, const std::string& dbPath, st
     serialization.metaInfo->RegisterDescriptor(d);
   for (const zel::TypeDescriptor* d : tov::tools::CategoryExpressionDescriptors())
     serialization.metaInfo->RegisterDescriptor(d);
+  for (const zel::TypeDescriptor* d : tov::InventoryRecordDescriptors()) serialization.metaInfo->RegisterDescriptor(d);
 
   serviceManager.UseBinarySerializer(&locator);
   RegisterRecordCodecs(serviceManager, &locator);
