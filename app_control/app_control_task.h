@@ -22,10 +22,10 @@
 #include "app_control/interfaces/itask_registry.h"
 #include "tov_common/settings/app_control_settings.h"
 #include "tov_common/settings/enterprise_application_control_settings.h"
+#include "tov_tracing/tracer_provider.h"
 #include "zel/noncopyable.h"
 #include "zel/rtl/objbase.h"
 #include "zel/rtl/objclient.h"
-#include "zel/trace/tracer_provider.h"
 
 namespace tov::app_control {
 
