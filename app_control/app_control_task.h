@@ -115,7 +115,10 @@ class AppControlTask : public zel::object::Ifaces<app_core::task_manager::task::
   zel::result_t DisableZyph();
   void UnsubscribeCallbacks() noexcept;
 
-  AppControlTaskCallbacks* m_callbacks = nullptr;  // owned reference
+  // The holder owns the reference; m_callbacks is the plain pointer the
+  // call sites (and their logged expressions) use, valid as long as it.
+  zel::RefPtr<AppControlTaskCallbacks> m_callbacksHolder;
+  AppControlTaskCallbacks* m_callbacks = nullptr;
 };
 
 }  // namespace tov::app_control
