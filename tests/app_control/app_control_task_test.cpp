@@ -192,8 +192,8 @@ TEST_F(AppControlTaskTest, DisableZyphFailureIsLoggedTwiceWithItsExpressions) {
   EXPECT_EQ(task->Start(1, nullptr), kFailure);
   EXPECT_TRUE(Traced("(tools::UpdateServiceSettingsSync(GetTracer(), GetServiceLocator(), "
                      "app_ctrl::CLSID_ENT_APP_CONTROLLER, modifier)),(ZEL_SUCCEEDED(_result)) failed: result = "
-                     "0x80000005"));
-  EXPECT_TRUE(Traced("(DisableZyph()),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000005"));
+                     "0x8000004b"));
+  EXPECT_TRUE(Traced("(DisableZyph()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
 }
 
 TEST_F(AppControlTaskTest, PositiveEngineStartCountsAsSuccessAndKeepsTheSubscription) {
@@ -211,7 +211,7 @@ TEST_F(AppControlTaskTest, StopKeepsTheSubscriptionWhileTheEngineRefusesToStop) 
   engineTask.stopResult = kFailure;
   EXPECT_EQ(task->Stop(), kFailure);
   EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop"));
-  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000005"));
+  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
   EXPECT_TRUE(Traced("Cannot stop EAC task"));
   EXPECT_EQ(subscription.sinks.size(), 1u);
   engineTask.stopResult = 1;
@@ -255,7 +255,7 @@ TEST_F(AppControlTaskTest, NewSettingsReachTheRunningEngineTask) {
   categories.failWith = 0;
   engineTask.setSettingsResult = kFailure;
   EXPECT_EQ(SettingsFace()->SetSettings(&settings), kFailure);
-  EXPECT_TRUE(Traced("(modifier(&eacSettings)),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000005"));
+  EXPECT_TRUE(Traced("(modifier(&eacSettings)),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
 
   engineTask.offersSettings = false;
   EXPECT_EQ(SettingsFace()->SetSettings(&settings), zel::result::InterfaceNotSupported);
