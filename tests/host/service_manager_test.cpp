@@ -181,7 +181,9 @@ TEST(ServiceManager, TwoWritersLoseNoUpdate) {
     ASSERT_EQ(Read(first, 7, c, rev), 0);
     EXPECT_EQ(c.value, 2u * static_cast<std::uint64_t>(k.perThread));
     // One store sees every attempt: each success and each refused write.
-    if (!k.twoConnections) EXPECT_EQ(first.Writes(), 2u * k.perThread + static_cast<std::uint64_t>(conflicts));
+    if (!k.twoConnections) {
+      EXPECT_EQ(first.Writes(), 2u * k.perThread + static_cast<std::uint64_t>(conflicts));
+    }
   }
 }
 
