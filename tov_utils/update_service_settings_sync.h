@@ -36,6 +36,28 @@ zel::result_t UpdateServiceSettingsSync(zel::ITracer* tracer, zel::IServiceLocat
 }
 
 namespace detail {
+// The record a typed modifier (a lambda taking `Settings&`) works on.
+template <class F>
+struct ModifiedRecord : ModifiedRecord<decltype(&F::operator())> {};
+template <class C, class R, class S>
+struct ModifiedRecord<R (C::*)(S&) const> {
+  using type = S;
+};
+template <class C, class R, class S>
+struct ModifiedRecord<R (C::*)(S&)> {
+  using type = S;
+};
+}  // namespace detail
+
+// The same, with the record type taken from the modifier's parameter.
+template <class Modifier>
+zel::result_t UpdateServiceSettingsSync(zel::ITracer* tracer, zel::IServiceLocator* sl, std::uint32_t serviceKey,
+                                        Modifier modifier, bool sync = true) {
+  return UpdateServiceSettingsSync<typename detail::ModifiedRecord<Modifier>::type>(tracer, sl, serviceKey,
+                                                                                     std::move(modifier), sync);
+}
+
+namespace detail {
 
 // One pass per attempt, each from a freshly read record; a write refused
 // because the revision moved on starts over, as often as it takes: the other
@@ -48,6 +70,8 @@ zel::result_t ReadModifyWrite(app_core::facade::IServiceManager* esm, std::uint3
     app_core::facade::SettingsHolder holder{&record, zel::SerObjId<Settings>::value, nullptr};
     std::uint32_t revision = 0;
     const zel::result_t read = esm->GetServiceSettings2(serviceKey, &holder, &revision);
+    // A descriptor the service filled in is ours to release, whatever the result.
+    const auto descriptor = zel::RefPtr<zel::IObject>::Adopt(std::exchange(holder.descriptor, nullptr));
     if (ZEL_FAILED(read)) return read;
     if (!static_cast<bool>(modifier(record))) return zel::result::False;
     const zel::result_t written = esm->UpdateServiceSettings2(serviceKey, sync ? 1u : 0u, &holder, revision);

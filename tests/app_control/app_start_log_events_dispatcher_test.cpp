@@ -10,6 +10,7 @@
 
 #include "app_control/fail_new.h"
 #include "app_control/module_fixture.h"
+#include "host/services/host_object.h"
 #include "support/recording_sink.h"
 
 namespace {
@@ -20,8 +21,8 @@ using testsupport::Journal;
 using testsupport::RecordingSink;
 using Strings = std::vector<std::string>;
 
-constexpr zel::result_t kNotFound = static_cast<zel::result_t>(0x8000004Cu);
-constexpr zel::result_t kOutOfMemory = static_cast<zel::result_t>(0x80000041u);
+constexpr zel::result_t kNotFound = zel::result::NotFound;
+constexpr zel::result_t kOutOfMemory = zel::result::OutOfMemory;
 
 const void* Arg(std::uintptr_t n) { return reinterpret_cast<const void*>(n); }
 
@@ -63,8 +64,8 @@ TEST_F(DispatcherTest, NoSubscribersCallsNothingAndSucceeds) {
 TEST_F(DispatcherTest, EachOperationReachesTheSameOperationOfEverySinkInOrder) {
   ASSERT_EQ(subscription->Subscribe(&a), 0);
   ASSERT_EQ(subscription->Subscribe(&b), 0);
-  b.answer = static_cast<zel::result_t>(0x80000046u);  // a failing sink changes nothing
-  a.answer = static_cast<zel::result_t>(0x80000046u);
+  b.answer = zel::result::InvalidArgument;  // a failing sink changes nothing
+  a.answer = zel::result::InvalidArgument;
 
   EXPECT_EQ(events->OnApplicationStartLogged(Arg(7)), 0);
   EXPECT_EQ(events->OnApplicationStartBacklog(Arg(8)), 0);
@@ -174,19 +175,12 @@ TEST_F(DispatcherTest, SubscribersLeftAtTheEndAreReleasedWithTheDispatcher) {
 }
 
 // A sink that only counts, for the threaded test.
-class CountingSink final : public IApplicationStartLogEvents {
+class CountingSink final : public host::OwnedObject<CountingSink, IApplicationStartLogEvents> {
  public:
-  std::uint32_t AddRef() override { return ++refs; }
-  std::uint32_t Release() override { return --refs; }
-  zel::result_t QueryInterface(zel::iid_t, void** out) override {
-    *out = nullptr;
-    return static_cast<zel::result_t>(0x80000001u);
-  }
   zel::result_t OnApplicationStartLogged(const void*) override { return ++calls, 0; }
   zel::result_t OnApplicationStartBacklog(const void*) override { return ++calls, 0; }
   zel::result_t OnApplicationStartLogLost(const void*) override { return ++calls, 0; }
 
-  std::atomic<std::uint32_t> refs{1};
   std::atomic<std::uint64_t> calls{0};
 };
 
@@ -223,10 +217,10 @@ TEST_F(DispatcherTest, DeliveriesRunWhileOthersSubscribeAndUnsubscribe) {
   for (auto& s : churn) {
     while (subscription->Unsubscribe(&s) == 0) {
     }
-    EXPECT_EQ(s.refs.load(), 1u);
+    EXPECT_EQ(s.OutstandingRefs(), 0);
   }
   ASSERT_EQ(subscription->Unsubscribe(&steady), 0);
-  EXPECT_EQ(steady.refs.load(), 1u);
+  EXPECT_EQ(steady.OutstandingRefs(), 0);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "host/services/collecting_tracer.h"
+#include "host/services/host_object.h"
 #include "zel/types/string.h"
 
 namespace {
@@ -157,7 +158,7 @@ TEST(TraceStream, WideTextAsUtf8WithWidthInUnits) {
 
 TEST(TraceStream, ResultFormatIgnoresStreamFormat) {
   RunCases({
-      {"with text", [](TraceStream& s) { s << zel::FormatResult(static_cast<zel::result_t>(0x80000046u)); },
+      {"with text", [](TraceStream& s) { s << zel::FormatResult(zel::result::InvalidArgument); },
        "0x80000046 (Invalid argument)"},
       {"zero padded", [](TraceStream& s) { s << zel::FormatResult(1); }, "0x00000001 (False)"},
       {"null lookup", [](TraceStream& s) { s << zel::ResultFormat{0, nullptr}; }, "0x00000000"},
@@ -284,11 +285,8 @@ TEST(TraceStreamGrowth, WideTextAsksForRoomOnce) {
 // ---- TraceTest / TraceFlush ---------------------------------------------------------
 
 // Grants nothing but says yes: a tracer that must not be trusted blindly.
-class SaysYesGivesNothing final : public zel::ITracer {
+class SaysYesGivesNothing final : public host::OwnedObject<SaysYesGivesNothing, zel::ITracer> {
  public:
-  std::uint32_t AddRef() override { return 1; }
-  std::uint32_t Release() override { return 1; }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
   zel::result_t AllocLine(std::uint32_t, TraceRecord*, std::uint64_t) override { return 0; }
   zel::result_t CommitLine(char*, std::uint64_t) override {
     ++commits;
