@@ -162,6 +162,13 @@ class Enforcer {
   // Everything is read and checked first; the store and the task change
   // only together, while no decision is under way, and a failure puts the
   // previous categories back: a start sees the old rules or the new ones.
+  // One line, whatever the parser's message holds.
+  static void Refused(std::string why) {
+    for (char& c : why)
+      if (c == '\n' || c == '\r') c = ' ';
+    std::fprintf(stderr, "acctl: reload refused, the previous settings stay: %s\n", why.c_str());
+  }
+
   void Reload() {
     tov::settings::AppControlSettings settings;
     std::string categoriesJson;
@@ -169,7 +176,7 @@ class Enforcer {
       settings = SettingsFromJson(ReadFile(m_args.settingsPath), m_args.settingsPath);
       if (!m_args.categoriesPath.empty()) categoriesJson = ReadFile(m_args.categoriesPath);
     } catch (const std::exception& e) {
-      std::fprintf(stderr, "acctl: reload refused, the previous settings stay: %s\n", e.what());
+      Refused(e.what());
       return;
     }
     zel::RefPtr<tov::app_control::IAppControlTaskSettings> task;
@@ -204,7 +211,7 @@ class Enforcer {
       }
     });
     if (!error.empty()) {
-      std::fprintf(stderr, "acctl: reload refused, the previous settings stay: %s\n", error.c_str());
+      Refused(error);
       return;
     }
     std::fprintf(stderr, "acctl: reloaded %s%s%s\n", m_args.settingsPath.c_str(),

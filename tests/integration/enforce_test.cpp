@@ -144,10 +144,12 @@ class Acctl {
       : m_out(dir / "acctl.out"), m_err(dir / "acctl.err") {
     std::vector<std::string> argv{ACCTL_PATH};
     argv.insert(argv.end(), args.begin(), args.end());
+    // Emptied here, before the child runs: what an earlier run left must
+    // not pass for this one's output.
+    const int out = ::open(m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int err = ::open(m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     m_pid = ::fork();
     if (m_pid == 0) {
-      const int out = ::open(m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      const int err = ::open(m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       ::dup2(out, 1);
       ::dup2(err, 2);
       std::vector<char*> raw;
@@ -157,6 +159,8 @@ class Acctl {
       ::execv(raw[0], raw.data());
       ::_exit(127);
     }
+    ::close(out);
+    ::close(err);
   }
   Acctl(const Acctl&) = delete;
   Acctl& operator=(const Acctl&) = delete;
@@ -363,9 +367,13 @@ TEST_F(EnforceTest, SighupSwitchesARuleOnForTheNextStartAndABadFileKeepsTheRules
   Write("settings.json", "{ \"mode\": \"DenyList\", ");
   acctl.Signal(SIGHUP);
   ASSERT_TRUE(acctl.WaitForErr("acctl: reload refused")) << acctl.Err();
+  const std::string err = acctl.Err();
+  const std::string refusal = err.substr(err.find("acctl: reload refused"));
+  EXPECT_EQ(std::count(refusal.begin(), refusal.end(), '\n'), 1) << "one line: " << refusal;
+  EXPECT_NE(refusal.find("settings.json"), std::string::npos) << refusal;
   EXPECT_EQ(Start(blocked).execError, EPERM) << "a file that does not load changes nothing";
   acctl.Signal(SIGUSR1);
-  EXPECT_TRUE(acctl.WaitForErr("acctl: decided 2, allowed 1, blocked 1")) << acctl.Err();
+  EXPECT_TRUE(acctl.WaitForErr("acctl: decided 3, allowed 1, blocked 2")) << acctl.Err();
 
   acctl.Signal(SIGTERM);
   EXPECT_EQ(acctl.Wait(), 0) << acctl.Err();
