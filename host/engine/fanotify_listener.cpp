@@ -124,8 +124,10 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     c.decided.fetch_add(1);
     if ((verdict & app_ctrl::verdict::TestModeFlag) != 0) c.testMode.fetch_add(1);
     (allow ? c.allowed : c.blocked).fetch_add(1);
-    l.Respond(m_fd, allow);
+    // Queued before the answer: a start that follows this one in time is
+    // published after it.
     l.m_published.Push(std::move(*m_decision));
+    l.Respond(m_fd, allow);
   }
 
  private:

@@ -418,6 +418,43 @@ TEST_F(EnforceTest, SigtermAnswersAPendingStartBeforeTheListenerEnds) {
       << acctl.Err();
 }
 
+TEST_F(EnforceTest, StartWhoseProgramOrProcessIsGoneBeforeTheDecisionIsStillAnswered) {
+  REQUIRE_FANOTIFY();
+  const fs::path blocked = Program("blocked", bin);
+  Acctl acctl(dir, Enforce(DenySettings(), {"--decision-delay", "300", "--decision-timeout", "60000"}, true));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+
+  // The program is deleted while its start waits: the file that was
+  // started is still the one decided on, and it is still blocked.
+  {
+    Child held(blocked);
+    ASSERT_TRUE(acctl.WaitForErr("enforce: start held, pid " + std::to_string(held.Pid()))) << acctl.Err();
+    fs::remove(blocked);
+    EXPECT_EQ(held.Wait().execError, EPERM);
+    EXPECT_TRUE(acctl.WaitForErr(blocked.string() + " was deleted before its start by process " +
+                                 std::to_string(held.Pid())))
+        << acctl.Err();
+  }
+  // The process is killed while its start waits: answered all the same.
+  const fs::path allowed = Program("allowed", bin);
+  pid_t pid = 0;
+  {
+    Child held(allowed);
+    pid = held.Pid();
+    ASSERT_TRUE(acctl.WaitForErr("enforce: start held, pid " + std::to_string(pid))) << acctl.Err();
+    ::kill(pid, SIGKILL);
+    held.Wait();
+  }
+  EXPECT_TRUE(acctl.WaitForErr("enforce: process " + std::to_string(pid) + " is gone before its start"))
+      << acctl.Err();
+  EXPECT_EQ(Start(allowed).exitCode, 0) << "the listener goes on";
+  acctl.Signal(SIGTERM);
+  EXPECT_EQ(acctl.Wait(), 0) << acctl.Err();
+  EXPECT_NE(acctl.Err().find("decided 2, allowed 2, blocked 1, test-mode 0, timed out 0, undecided 1"),
+            std::string::npos)
+      << acctl.Err();
+}
+
 TEST_F(EnforceTest, SigkillOfTheListenerLeavesTheWatchedProgramsRunnable) {
   REQUIRE_FANOTIFY();
   const fs::path blocked = Program("blocked", bin);
