@@ -172,7 +172,7 @@ ProgramDecision Engine::DecideWithFacts(const ProgramStart& start, FileFacts fac
                                         const EacSettings& settings) const {
   ProgramDecision pd;
   pd.facts = std::move(facts);
-  const UserPrincipals user = ResolveUserPrincipals(start.uid);
+  const UserPrincipals user = PrincipalsOf(start.uid);
   pd.decision = Decide(settings, CurrentCategories(), pd.facts, user);
 
   const std::string uidText = std::to_string(start.uid);
@@ -229,6 +229,20 @@ bool Engine::DeviceRemovable(dev_t device) const {
   std::lock_guard lock(m_removableMutex);
   m_removable[device] = {removable, now};
   return removable;
+}
+
+UserPrincipals Engine::PrincipalsOf(std::uint32_t uid) const {
+  const auto now = std::chrono::steady_clock::now();
+  {
+    std::lock_guard lock(m_principalsMutex);
+    const auto it = m_principals.find(uid);
+    if (it != m_principals.end() && now - it->second.second < kPrincipalsTtl) return it->second.first;
+  }
+  UserPrincipals user = ResolveUserPrincipals(uid);
+  std::lock_guard lock(m_principalsMutex);
+  if (m_principals.size() >= kPrincipalsKept) m_principals.clear();
+  m_principals[uid] = {user, now};
+  return user;
 }
 
 FileFacts Engine::FactsForPath(const std::string& path) const {

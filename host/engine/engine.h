@@ -176,6 +176,11 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   // file of a tree, and sysfs lookups cost more than hashing a small file.
   // Short-lived, because a device number may come back for another drive.
   bool DeviceRemovable(dev_t device) const;
+  // ResolveUserPrincipals, remembered for a few seconds: reading the user
+  // and group databases costs more than the rest of a decision, and live
+  // enforcement decides every program start. A change of groups is seen
+  // within kPrincipalsTtl.
+  UserPrincipals PrincipalsOf(std::uint32_t uid) const;
   // The facts of a program about to start: opened once, hashed through the cache.
   FileFacts FactsForPath(const std::string& path) const;
   FileFacts FactsForDescriptor(int fd, const std::string& path) const;
@@ -213,6 +218,10 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   mutable std::mutex m_removableMutex;
   mutable std::map<dev_t, std::pair<bool, std::chrono::steady_clock::time_point>> m_removable;
   mutable std::atomic<std::uint64_t> m_hashesComputed{0};
+  static constexpr std::chrono::seconds kPrincipalsTtl{5};
+  static constexpr std::size_t kPrincipalsKept = 1024;
+  mutable std::mutex m_principalsMutex;
+  mutable std::map<std::uint32_t, std::pair<UserPrincipals, std::chrono::steady_clock::time_point>> m_principals;
   std::thread m_thread;  // last: starts once everything above exists
 };
 
