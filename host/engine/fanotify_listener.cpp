@@ -9,7 +9,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
+#include <algorithm>
+#include <string_view>
 #include <mutex>
 #include <utility>
 
@@ -26,19 +27,33 @@ std::string ErrnoText(int error) { return std::strerror(error); }
 }  // namespace
 
 std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, std::uint32_t pid) {
-  std::ifstream in(procRoot + "/" + std::to_string(pid) + "/status");
-  if (!in) return std::nullopt;
-  ProcessIdentity identity;
-  bool haveUid = false, havePpid = false;
-  std::string line;
-  while ((!haveUid || !havePpid) && std::getline(in, line)) {
-    if (line.rfind("Uid:", 0) == 0) {
-      haveUid = std::sscanf(line.c_str() + 4, "%u", &identity.uid) == 1;
-    } else if (line.rfind("PPid:", 0) == 0) {
-      havePpid = std::sscanf(line.c_str() + 5, "%u", &identity.ppid) == 1;
-    }
+  // Read at once with plain calls: this runs for every program start.
+  const std::string path = procRoot + "/" + std::to_string(pid) + "/status";
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  char buffer[4096];
+  std::size_t length = 0;
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer + length, sizeof buffer - 1 - length);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    length += static_cast<std::size_t>(n);
+    if (length == sizeof buffer - 1) break;  // Uid and PPid lie well within the first page
   }
-  if (!haveUid || !havePpid) return std::nullopt;
+  ::close(fd);
+  buffer[length] = '\0';
+  const std::string_view text(buffer, length);
+  const auto field = [&](std::string_view name, std::uint32_t* out) {
+    for (std::size_t at = 0; at < text.size();) {
+      const std::size_t end = std::min(text.find('\n', at), text.size());
+      if (text.substr(at, end - at).starts_with(name))
+        return std::sscanf(buffer + at + name.size(), "%u", out) == 1;
+      at = end + 1;
+    }
+    return false;
+  };
+  ProcessIdentity identity;
+  if (!field("Uid:", &identity.uid) || !field("PPid:", &identity.ppid)) return std::nullopt;
   return identity;
 }
 
