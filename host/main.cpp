@@ -7,6 +7,8 @@
 //   run --settings S.json [--categories C.json] [--starts FILE] [PATH[:USER[:PID]]...]
 //                        application control on the given program starts
 //   categories import FILE | categories export
+//   enforce --settings S.json [--categories C.json] (--watch DIR | --mount PATH)...
+//                        application control on this machine's program starts
 //
 // The commands live in host/cli/.
 #include <cstdio>
@@ -27,7 +29,9 @@ void Usage() {
                "  demo\n"
                "  run --settings SETTINGS.json [--categories CATEGORIES.json] [--starts FILE] "
                "[PATH[:USER[:PID]]...]\n"
-               "  categories import FILE | categories export\n");
+               "  categories import FILE | categories export\n"
+               "  enforce --settings SETTINGS.json [--categories CATEGORIES.json] (--watch DIR | --mount PATH)...\n"
+               "          [--on-timeout allow|deny] [--decision-timeout MS] [--events FILE] [--json]\n");
 }
 
 }  // namespace
@@ -68,6 +72,7 @@ int main(int argc, char** argv) {
     if (command == "demo") return host::cli::RunDemo(options, args);
     if (command == "run") return host::cli::RunRules(options, args);
     if (command == "categories") return host::cli::RunCategories(options, args);
+    if (command == "enforce") return host::cli::RunEnforce(options, args);
     std::fprintf(stderr, "acctl: unknown command '%s'\n", command.c_str());
     Usage();
     return 2;

@@ -39,5 +39,6 @@ std::string DefaultStatePath();
 int RunDemo(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunRules(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunCategories(const GlobalOptions& options, const std::vector<std::string>& args);
+int RunEnforce(const GlobalOptions& options, const std::vector<std::string>& args);
 
 }  // namespace host::cli

@@ -12,16 +12,13 @@
 #include <vector>
 
 #include "app_control/interfaces/itask.h"
-#include "host/cli/category_document.h"
+#include "host/cli/app_control_run.h"
 #include "host/cli/cli.h"
 #include "host/cli/host_session.h"
 #include "host/cli/settings_json.h"
-#include "host/module/module_loader.h"
 
 namespace host::cli {
 namespace {
-
-constexpr std::uint32_t kAppControlTaskClass = 0x46DFCF43;
 
 struct RunArgs {
   std::string settingsPath;
@@ -116,19 +113,6 @@ RunArgs ParseArgs(const std::vector<std::string>& args) {
   return out;
 }
 
-class FileCloser {
- public:
-  explicit FileCloser(std::FILE* f) : m_file(f) {}
-  FileCloser(const FileCloser&) = delete;
-  FileCloser& operator=(const FileCloser&) = delete;
-  ~FileCloser() {
-    if (m_file != nullptr && m_file != stdout) std::fclose(m_file);
-  }
-
- private:
-  std::FILE* m_file;
-};
-
 }  // namespace
 
 int RunRules(const GlobalOptions& options, const std::vector<std::string>& args) {
@@ -140,47 +124,15 @@ int RunRules(const GlobalOptions& options, const std::vector<std::string>& args)
   if (!run.startsPath.empty()) starts = StartsFromFile(run.startsPath);
   for (const std::string& s : run.starts) starts.push_back(StartFromArgument(s));
 
-  std::FILE* events = stdout;
-  if (!options.eventsPath.empty()) {
-    events = std::fopen(options.eventsPath.c_str(), "w");
-    if (events == nullptr) throw UserError("cannot write " + options.eventsPath);
-  }
-  const FileCloser closeEvents(events);
-
-  LoadedModule module(options.modulePath);
-  int status = 0;
-  {
-    HostSession session(options.traceLevel, options.dbPath.empty() ? ":memory:" : options.dbPath, events);
-    if (!run.categoriesPath.empty())
-      ImportCategories(session.categories, &session.locator, categoriesJson, run.categoriesPath);
-
-    void* arguments[2] = {&session.locator, &settings};
-    zel::IObject* object = nullptr;
-    zel::result_t r = module.CreateObject(kAppControlTaskClass, arguments, &object);
-    if (ZEL_FAILED(r)) return Fail("creating the application control task", r);
-    auto task = zel::RefPtr<app_core::task_manager::task::ITask>::Adopt(
-        static_cast<app_core::task_manager::task::ITask*>(object));
-    r = task->Start(1, nullptr);
-    if (ZEL_FAILED(r)) return Fail("starting the application control task", r);
-
+  return RunAppControlTask(options, settings, categoriesJson, run.categoriesPath, [&](AppControlRun& ac) {
     for (const engine::ProgramStart& start : starts) {
-      r = session.engine->engine.SubmitProgramStart(start);
-      if (ZEL_FAILED(r)) {
-        status = Fail(("submitting " + start.path).c_str(), r);
-        break;
-      }
+      const zel::result_t r = ac.session.engine->engine.SubmitProgramStart(start);
+      if (ZEL_FAILED(r)) return Fail(("submitting " + start.path).c_str(), r);
       // One start at a time, so the events come out in the order given.
-      session.engine->engine.WaitIdle();
+      ac.session.engine->engine.WaitIdle();
     }
-    r = task->Stop();
-    if (ZEL_FAILED(r)) status = Fail("stopping the application control task", r);
-    task.Reset();
-  }
-  if (module.CanUnload() != 0) {
-    std::fprintf(stderr, "acctl: module objects are still alive after the run\n");
-    status = 1;
-  }
-  return status;
+    return 0;
+  });
 }
 
 }  // namespace host::cli

@@ -160,9 +160,24 @@ CategoryList Engine::CurrentCategories() const {
 }
 
 ProgramDecision Engine::DecideNow(const ProgramStart& start, const EacSettings& settings) const {
+  return DecideWithFacts(start, FactsForPath(start.path), settings);
+}
+
+ProgramDecision Engine::DecideOpenFile(int fd, const ProgramStart& start, const EacSettings& settings) const {
+  return DecideWithFacts(start, FactsForDescriptor(fd, start.path), settings);
+}
+
+std::shared_ptr<const EacSettings> Engine::ActiveSettings() const {
+  std::lock_guard lock(m_mutex);
+  if (m_activeTask == nullptr || m_paused) return nullptr;
+  return m_activeTask->Settings();
+}
+
+ProgramDecision Engine::DecideWithFacts(const ProgramStart& start, FileFacts facts,
+                                        const EacSettings& settings) const {
   ProgramDecision pd;
-  pd.facts = FactsForPath(start.path);
-  const UserPrincipals user = ResolveUserPrincipals(start.uid);
+  pd.facts = std::move(facts);
+  const UserPrincipals user = PrincipalsOf(start.uid);
   pd.decision = Decide(settings, CurrentCategories(), pd.facts, user);
 
   const std::string uidText = std::to_string(start.uid);
@@ -221,19 +236,36 @@ bool Engine::DeviceRemovable(dev_t device) const {
   return removable;
 }
 
+UserPrincipals Engine::PrincipalsOf(std::uint32_t uid) const {
+  const auto now = std::chrono::steady_clock::now();
+  {
+    std::lock_guard lock(m_principalsMutex);
+    const auto it = m_principals.find(uid);
+    if (it != m_principals.end() && now - it->second.second < kPrincipalsTtl) return it->second.first;
+  }
+  UserPrincipals user = ResolveUserPrincipals(uid);
+  std::lock_guard lock(m_principalsMutex);
+  if (m_principals.size() >= kPrincipalsKept) m_principals.clear();
+  m_principals[uid] = {user, now};
+  return user;
+}
+
 FileFacts Engine::FactsForPath(const std::string& path) const {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  FdCloser closer{fd};
+  return FactsForDescriptor(fd, path);
+}
+
+FileFacts Engine::FactsForDescriptor(int fd, const std::string& path) const {
   FileFacts facts;
   facts.path = path;
   facts.name = NameOf(path);
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   struct stat st {};
   if (fd < 0 || ::fstat(fd, &st) != 0) {
-    if (fd >= 0) ::close(fd);
     // Not readable: the criteria over path, name and drive still work.
     facts.removable = IsOnRemovableDrive(path, m_sysRoot);
     return facts;
   }
-  FdCloser closer{fd};
   facts.removable = DeviceRemovable(st.st_dev);
   const zel::result_t r = CachedHash(
       st, [fd](std::string* hex) { return Sha256Descriptor(fd, hex); },
@@ -358,6 +390,10 @@ void Engine::Process(const WorkItem& item) {
     std::lock_guard lock(m_mutex);
     m_decisions.push_back(pd);
   }
+  Report(pd);
+}
+
+void Engine::Report(const ProgramDecision& pd) {
   for (const SinkPtr& sink : SnapshotSinks()) {
     try {
       sink->OnApplicationControl(&pd.info, &pd.category, &pd.decision.verdict);

@@ -114,6 +114,17 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
 
   // Decides on the caller's thread with `settings`; reports nothing.
   ProgramDecision DecideNow(const ProgramStart& start, const EacSettings& settings) const;
+  // The same for a program already open as `fd` (a start caught in the
+  // kernel): its content is hashed through that descriptor, never reopened
+  // by path, and `start.path` is taken as its name.
+  ProgramDecision DecideOpenFile(int fd, const ProgramStart& start, const EacSettings& settings) const;
+  // The settings of the started engine task; null while none is started or
+  // it is paused, when nothing is enforced.
+  std::shared_ptr<const EacSettings> ActiveSettings() const;
+  // Tells every subscriber about a decision taken with DecideNow or
+  // DecideOpenFile, on the caller's thread; like the engine thread, it
+  // counts a sink that throws and goes on.
+  void Report(const ProgramDecision& decision);
 
   // ---- engine tasks ----
   // Makes a task holding a copy of `settings` and gives its `iid` face.
@@ -168,8 +179,15 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   // file of a tree, and sysfs lookups cost more than hashing a small file.
   // Short-lived, because a device number may come back for another drive.
   bool DeviceRemovable(dev_t device) const;
+  // ResolveUserPrincipals, remembered for a few seconds: reading the user
+  // and group databases costs more than the rest of a decision, and live
+  // enforcement decides every program start. A change of groups is seen
+  // within kPrincipalsTtl.
+  UserPrincipals PrincipalsOf(std::uint32_t uid) const;
   // The facts of a program about to start: opened once, hashed through the cache.
   FileFacts FactsForPath(const std::string& path) const;
+  FileFacts FactsForDescriptor(int fd, const std::string& path) const;
+  ProgramDecision DecideWithFacts(const ProgramStart& start, FileFacts facts, const EacSettings& settings) const;
   // Hash of an open file through the cache: `stamp` is its fstat before
   // reading, `restat` gives it again afterwards; the result is cached only
   // when the file did not change while it was read.
@@ -203,6 +221,10 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   mutable std::mutex m_removableMutex;
   mutable std::map<dev_t, std::pair<bool, std::chrono::steady_clock::time_point>> m_removable;
   mutable std::atomic<std::uint64_t> m_hashesComputed{0};
+  static constexpr std::chrono::seconds kPrincipalsTtl{5};
+  static constexpr std::size_t kPrincipalsKept = 1024;
+  mutable std::mutex m_principalsMutex;
+  mutable std::map<std::uint32_t, std::pair<UserPrincipals, std::chrono::steady_clock::time_point>> m_principals;
   std::thread m_thread;  // last: starts once everything above exists
 };
 

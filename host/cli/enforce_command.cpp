@@ -1,0 +1,280 @@
+// acctl enforce: application control on this machine's live program
+// starts. The task is made and started as `acctl run` does; the reference
+// engine then holds every program start in the marked directories and
+// mounts (fanotify) until it has decided, and answers the kernel with the
+// verdict. Runs until SIGTERM or SIGINT; SIGHUP reloads the settings and
+// categories files, SIGUSR1 prints the counters.
+#include <signal.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "app_control/interfaces/iapp_control_task_settings.h"
+#include "host/cli/app_control_run.h"
+#include "host/cli/category_document.h"
+#include "host/cli/cli.h"
+#include "host/cli/settings_json.h"
+#include "host/engine/fanotify_listener.h"
+
+namespace host::cli {
+namespace {
+
+struct EnforceArgs {
+  std::string settingsPath;
+  std::string categoriesPath;
+  std::string eventsPath;
+  engine::FanotifyOptions listener;
+  bool json = false;
+  bool help = false;
+};
+
+constexpr const char* kUsage =
+    "usage: acctl enforce --settings SETTINGS.json [--categories CATEGORIES.json]\n"
+    "                     (--watch DIR | --mount PATH)... [--on-timeout allow|deny]\n"
+    "                     [--decision-timeout MS] [--events FILE] [--json]\n"
+    "  Holds every program start in DIR (the programs directly in it) or on the\n"
+    "  mount holding PATH until application control has decided it; a blocked\n"
+    "  program fails to start with EPERM. Needs root. Runs until SIGTERM or SIGINT.\n"
+    "  SIGHUP reloads SETTINGS and CATEGORIES; SIGUSR1 prints the counters.\n"
+    "  --on-timeout        the answer for a start not decided in time (allow)\n"
+    "  --decision-timeout  how long a start may wait for its decision (1000 ms)\n"
+    "  --decision-delay MS testing aid: every decision waits MS first\n"
+    "  --json              counters as one JSON line on stdout\n";
+
+// Bad usage: "acctl: enforce: <what>" and exit 2.
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+std::chrono::milliseconds ParseMs(const std::string& text, const std::string& option) {
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long value = std::strtoul(text.c_str(), &end, 10);
+  if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || value > 3'600'000ul)
+    throw UsageError(option + " wants milliseconds (0 to 3600000), not '" + text + "'");
+  return std::chrono::milliseconds(value);
+}
+
+EnforceArgs ParseArgs(const std::vector<std::string>& args) {
+  EnforceArgs out;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    auto value = [&]() -> const std::string& {
+      if (i + 1 >= args.size()) throw UsageError(a + " needs a value");
+      return args[++i];
+    };
+    if (a == "--settings") {
+      out.settingsPath = value();
+    } else if (a == "--categories") {
+      out.categoriesPath = value();
+    } else if (a == "--watch") {
+      out.listener.watchDirs.push_back(value());
+    } else if (a == "--mount") {
+      out.listener.mounts.push_back(value());
+    } else if (a == "--on-timeout") {
+      const std::string& policy = value();
+      if (policy != "allow" && policy != "deny") throw UsageError("--on-timeout is allow or deny, not '" + policy + "'");
+      out.listener.denyOnTimeout = policy == "deny";
+    } else if (a == "--decision-timeout") {
+      out.listener.decisionTimeout = ParseMs(value(), a);
+      if (out.listener.decisionTimeout.count() == 0) throw UsageError("--decision-timeout must be above 0");
+    } else if (a == "--decision-delay") {
+      out.listener.decisionDelay = ParseMs(value(), a);
+    } else if (a == "--events") {
+      out.eventsPath = value();
+    } else if (a == "--json") {
+      out.json = true;
+    } else if (a == "--help" || a == "-h") {
+      out.help = true;
+      return out;
+    } else {
+      throw UsageError("unknown argument '" + a + "'");
+    }
+  }
+  if (out.settingsPath.empty()) throw UsageError("--settings SETTINGS.json is required");
+  if (out.listener.watchDirs.empty() && out.listener.mounts.empty())
+    throw UsageError("nothing to enforce on: give --watch DIR or --mount PATH");
+  return out;
+}
+
+class Enforcer {
+ public:
+  Enforcer(const EnforceArgs& args, AppControlRun& run)
+      : m_args(args),
+        m_run(run),
+        m_listener(run.session.engine->engine, args.listener, &run.session.tracer) {}
+
+  int Run(const sigset_t& signals) {
+    std::string message;
+    switch (m_listener.Open(&message)) {
+      case engine::FanotifyListener::OpenError::None: break;
+      case engine::FanotifyListener::OpenError::BadPath:
+        std::fprintf(stderr, "acctl: enforce: %s\n", message.c_str());
+        return 2;
+      default:
+        std::fprintf(stderr, "acctl: enforce: %s\n", message.c_str());
+        return 1;
+    }
+    m_listener.Start();
+    std::fprintf(stderr, "acctl: enforcing on %zu marks\n", m_listener.Marks());
+    std::fflush(stderr);
+
+    int status = 0;
+    for (;;) {
+      const timespec tick{0, 200'000'000};
+      siginfo_t info{};
+      const int sig = ::sigtimedwait(&signals, &info, &tick);
+      if (sig == SIGTERM || sig == SIGINT) break;
+      if (sig == SIGHUP) Reload();
+      if (sig == SIGUSR1) PrintCounters();
+      if (m_listener.Failed()) {
+        std::fprintf(stderr, "acctl: enforce: %s; every held start is answered and enforcement ends\n",
+                     m_listener.FailureText().c_str());
+        status = 1;
+        break;
+      }
+    }
+    m_listener.Stop();
+    PrintCounters();
+    return status;
+  }
+
+ private:
+  void PrintCounters() {
+    const engine::EnforceCountersSnapshot counters = m_listener.Counters();
+    if (m_args.json) {
+      std::printf("{\"counters\":%s}\n", engine::FormatCountersJson(counters).c_str());
+      std::fflush(stdout);
+    } else {
+      std::fprintf(stderr, "acctl: %s\n", engine::FormatCountersText(counters).c_str());
+    }
+  }
+
+  // Everything is read and checked first; the store and the task change
+  // only together, while no decision is under way, and a failure puts the
+  // previous categories back: a start sees the old rules or the new ones.
+  // One line, whatever the parser's message holds.
+  static void Refused(std::string why) {
+    for (char& c : why)
+      if (c == '\n' || c == '\r') c = ' ';
+    std::fprintf(stderr, "acctl: reload refused, the previous settings stay: %s\n", why.c_str());
+  }
+
+  void Reload() {
+    tov::settings::AppControlSettings settings;
+    std::string categoriesJson;
+    try {
+      settings = SettingsFromJson(ReadFile(m_args.settingsPath), m_args.settingsPath);
+      if (!m_args.categoriesPath.empty()) categoriesJson = ReadFile(m_args.categoriesPath);
+    } catch (const std::exception& e) {
+      Refused(e.what());
+      return;
+    }
+    zel::RefPtr<tov::app_control::IAppControlTaskSettings> task;
+    zel::result_t r = m_run.task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
+                                                 reinterpret_cast<void**>(task.Ref()));
+    if (ZEL_FAILED(r)) {
+      Fail("reload: reaching the task's settings", r);
+      return;
+    }
+    std::string error;
+    m_listener.WithDecisionsHeld([&] {
+      HostSession& s = m_run.session;
+      std::string previous;
+      try {
+        if (!m_args.categoriesPath.empty()) {
+          previous = ExportCategories(s.categories);
+          ImportCategories(s.categories, &s.locator, categoriesJson, m_args.categoriesPath);
+        }
+      } catch (const std::exception& e) {
+        error = e.what();
+        return;
+      }
+      r = task->SetSettings(&settings);
+      if (ZEL_SUCCEEDED(r)) return;
+      char text[zel::kMaxPrintedResult];
+      const std::size_t n = zel::PrintResult(zel::FormatResult(r), text);
+      error = m_args.settingsPath + ": the task refused the settings: " + std::string(text, n);
+      try {
+        if (!m_args.categoriesPath.empty()) ImportCategories(s.categories, &s.locator, previous, "the previous categories");
+      } catch (const std::exception& e) {
+        error += std::string("; putting the previous categories back failed too: ") + e.what();
+      }
+    });
+    if (!error.empty()) {
+      Refused(error);
+      return;
+    }
+    std::fprintf(stderr, "acctl: reloaded %s%s%s\n", m_args.settingsPath.c_str(),
+                 m_args.categoriesPath.empty() ? "" : " and ", m_args.categoriesPath.c_str());
+    std::fflush(stderr);
+  }
+
+  const EnforceArgs& m_args;
+  AppControlRun& m_run;
+  engine::FanotifyListener m_listener;
+};
+
+}  // namespace
+
+int RunEnforce(const GlobalOptions& globalOptions, const std::vector<std::string>& argv) {
+  EnforceArgs args;
+  try {
+    args = ParseArgs(argv);
+  } catch (const UsageError& e) {
+    std::fprintf(stderr, "acctl: enforce: %s\n", e.what());
+    return 2;
+  }
+  if (args.help) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  GlobalOptions options = globalOptions;
+  if (!args.eventsPath.empty()) options.eventsPath = args.eventsPath;
+
+  // Every input is read and checked before anything is loaded.
+  tov::settings::AppControlSettings settings = SettingsFromJson(ReadFile(args.settingsPath), args.settingsPath);
+  const std::string categoriesJson = args.categoriesPath.empty() ? std::string() : ReadFile(args.categoriesPath);
+  for (const std::vector<std::string>* paths : {&args.listener.watchDirs, &args.listener.mounts}) {
+    for (const std::string& path : *paths) {
+      struct stat st {};
+      if (::stat(path.c_str(), &st) != 0) {
+        std::fprintf(stderr, "acctl: enforce: %s: %s\n", path.c_str(), std::strerror(errno));
+        return 2;
+      }
+    }
+  }
+  const int probe = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+  if (probe < 0) {
+    const int e = errno;
+    if (e == EPERM)
+      std::fprintf(stderr, "acctl: enforce needs root: fanotify permission events need CAP_SYS_ADMIN\n");
+    else
+      std::fprintf(stderr, "acctl: enforce: fanotify is not available here: %s\n", std::strerror(e));
+    return 1;
+  }
+  ::close(probe);
+
+  // The signals are taken by the main thread alone: every thread made from
+  // here on inherits the mask.
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) sigaddset(&signals, sig);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  return RunAppControlTask(options, settings, categoriesJson, args.categoriesPath, [&](AppControlRun& run) {
+    Enforcer enforcer(args, run);
+    return enforcer.Run(signals);
+  });
+}
+
+}  // namespace host::cli

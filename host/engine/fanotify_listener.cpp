@@ -1,0 +1,388 @@
+#include "host/engine/fanotify_listener.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <algorithm>
+#include <string_view>
+#include <mutex>
+#include <utility>
+
+#include "zel/trace/trace_stream.h"
+
+namespace host::engine {
+
+namespace {
+
+constexpr std::string_view kDeletedMark = " (deleted)";
+
+std::string ErrnoText(int error) { return std::strerror(error); }
+
+}  // namespace
+
+std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, std::uint32_t pid) {
+  // Read at once with plain calls: this runs for every program start.
+  const std::string path = procRoot + "/" + std::to_string(pid) + "/status";
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  char buffer[4096];
+  std::size_t length = 0;
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer + length, sizeof buffer - 1 - length);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    length += static_cast<std::size_t>(n);
+    if (length == sizeof buffer - 1) break;  // Uid and PPid lie well within the first page
+  }
+  ::close(fd);
+  buffer[length] = '\0';
+  const std::string_view text(buffer, length);
+  const auto field = [&](std::string_view name, std::uint32_t* out) {
+    for (std::size_t at = 0; at < text.size();) {
+      const std::size_t end = std::min(text.find('\n', at), text.size());
+      if (text.substr(at, end - at).starts_with(name))
+        return std::sscanf(buffer + at + name.size(), "%u", out) == 1;
+      at = end + 1;
+    }
+    return false;
+  };
+  ProcessIdentity identity;
+  if (!field("Uid:", &identity.uid) || !field("PPid:", &identity.ppid)) return std::nullopt;
+  return identity;
+}
+
+std::string PathOfDescriptor(const std::string& procRoot, int fd, bool* deleted) {
+  *deleted = false;
+  const std::string link = procRoot + "/self/fd/" + std::to_string(fd);
+  char buffer[4096];
+  const ssize_t n = ::readlink(link.c_str(), buffer, sizeof buffer);
+  if (n <= 0 || static_cast<std::size_t>(n) >= sizeof buffer) return {};
+  std::string path(buffer, static_cast<std::size_t>(n));
+  if (path.size() > kDeletedMark.size() && path.ends_with(kDeletedMark)) {
+    // The mark alone doesn't prove it: a name may end like that. Only a file
+    // with no links left is really gone.
+    struct stat st {};
+    if (::fstat(fd, &st) == 0 && st.st_nlink == 0) {
+      path.resize(path.size() - kDeletedMark.size());
+      *deleted = true;
+    }
+  }
+  return path;
+}
+
+// One start held by the kernel: the event's descriptor, which the job owns
+// until both its decision and its answer are done with it.
+class FanotifyListener::ExecJob final : public DeadlineJob {
+ public:
+  ExecJob(FanotifyListener& listener, int fd, std::uint32_t pid) : m_listener(listener), m_fd(fd), m_pid(pid) {}
+  ~ExecJob() override { ::close(m_fd); }
+
+  void Decide() override {
+    FanotifyListener& l = m_listener;
+    if (!l.HoldDecision()) {
+      m_abandoned = true;  // stopping: answered like those the pool answers at Stop
+      return;
+    }
+    std::shared_lock gate(l.m_gate);
+    const std::shared_ptr<const EacSettings> settings = l.m_engine.ActiveSettings();
+    if (!settings) return;  // nothing is enforced while the task is stopped or paused: allow
+    bool deleted = false;
+    ProgramStart start;
+    start.path = PathOfDescriptor(l.m_options.procRoot, m_fd, &deleted);
+    start.pid = m_pid;
+    const std::optional<ProcessIdentity> who = ReadProcessIdentity(l.m_options.procRoot, m_pid);
+    if (!who) {
+      // Without its user no rule can be applied; the process is likely gone
+      // and its start no longer matters.
+      ZEL_TRACE(l.m_tracer, zel::trace_level::Notice)
+          << "enforce: process " << m_pid << " is gone before its start of " << start.path
+          << " was decided; answered by the time-out policy";
+      m_undecided = true;
+      return;
+    }
+    start.uid = who->uid;
+    ProgramDecision decision = l.m_engine.DecideOpenFile(m_fd, start, *settings);
+    if (deleted) {
+      ZEL_TRACE(l.m_tracer, zel::trace_level::Notice)
+          << "enforce: " << start.path << " was deleted before its start by process " << m_pid
+          << " was decided; decided on the file that was started";
+    }
+    if (decision.facts.sha256.empty()) {
+      ZEL_TRACE(l.m_tracer, zel::trace_level::Notice)
+          << "enforce: " << start.path << " can't be read; its start by process " << m_pid
+          << " was decided on its path, name and drive";
+    }
+    m_decision = std::move(decision);
+  }
+
+  void Answer(bool timedOut) override {
+    FanotifyListener& l = m_listener;
+    EnforceCounters& c = l.m_counters;
+    if (timedOut || m_abandoned || m_undecided) {
+      (m_undecided ? c.undecided : c.timedOut).fetch_add(1);
+      l.AnswerByPolicy(m_fd);
+      return;
+    }
+    if (!m_decision) {
+      c.allowed.fetch_add(1);
+      l.Respond(m_fd, true);
+      return;
+    }
+    const std::int32_t verdict = m_decision->decision.verdict;
+    const bool allow = verdict != app_ctrl::verdict::Blocked;
+    c.decided.fetch_add(1);
+    if ((verdict & app_ctrl::verdict::TestModeFlag) != 0) c.testMode.fetch_add(1);
+    (allow ? c.allowed : c.blocked).fetch_add(1);
+    // Queued before the answer: a start that follows this one in time is
+    // published after it.
+    l.m_published.Push(std::move(*m_decision));
+    l.Respond(m_fd, allow);
+  }
+
+ private:
+  FanotifyListener& m_listener;
+  const int m_fd;
+  const std::uint32_t m_pid;
+  bool m_undecided = false;
+  bool m_abandoned = false;
+  std::optional<ProgramDecision> m_decision;
+};
+
+FanotifyListener::FanotifyListener(Engine& engine, FanotifyOptions options, zel::ITracer* tracer)
+    : m_engine(engine),
+      m_options(std::move(options)),
+      m_tracer(tracer),
+      m_self(::getpid()),
+      m_published(m_options.publishQueue) {}
+
+FanotifyListener::~FanotifyListener() { Stop(); }
+
+FanotifyListener::OpenError FanotifyListener::Open(std::string* message) {
+  const auto fail = [&](OpenError kind, std::string text) {
+    if (m_fan >= 0) ::close(std::exchange(m_fan, -1));
+    if (m_wake >= 0) ::close(std::exchange(m_wake, -1));
+    m_marks = 0;
+    *message = std::move(text);
+    return kind;
+  };
+  m_fan = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK, O_RDONLY | O_LARGEFILE);
+  if (m_fan < 0) {
+    const int e = errno;
+    if (e == EPERM) return fail(OpenError::NotPermitted, "fanotify needs root (CAP_SYS_ADMIN): " + ErrnoText(e));
+    if (e == ENOSYS || e == EINVAL)
+      return fail(OpenError::NotSupported, "this kernel offers no fanotify permission events: " + ErrnoText(e));
+    return fail(OpenError::Failed, "fanotify_init failed: " + ErrnoText(e));
+  }
+  m_wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (m_wake < 0) return fail(OpenError::Failed, "eventfd failed: " + ErrnoText(errno));
+
+  const auto mark = [&](const std::string& path, unsigned flags, std::uint64_t mask) -> std::optional<OpenError> {
+    if (::fanotify_mark(m_fan, FAN_MARK_ADD | flags, mask, AT_FDCWD, path.c_str()) == 0) {
+      ++m_marks;
+      return std::nullopt;
+    }
+    const int e = errno;
+    if (e == ENOENT || e == ENOTDIR || e == EACCES)
+      return fail(OpenError::BadPath, path + ": " + ErrnoText(e));
+    if (e == EINVAL)
+      return fail(OpenError::NotSupported, path + ": this kernel can't hold program starts (FAN_OPEN_EXEC_PERM): " +
+                                               ErrnoText(e));
+    if (e == EPERM) return fail(OpenError::NotPermitted, path + ": " + ErrnoText(e));
+    return fail(OpenError::Failed, path + ": fanotify_mark failed: " + ErrnoText(e));
+  };
+  for (const std::string& dir : m_options.watchDirs)
+    if (auto e = mark(dir, FAN_MARK_ONLYDIR, FAN_OPEN_EXEC_PERM | FAN_EVENT_ON_CHILD)) return *e;
+  for (const std::string& path : m_options.mounts)
+    if (auto e = mark(path, FAN_MARK_MOUNT, FAN_OPEN_EXEC_PERM)) return *e;
+  message->clear();
+  return OpenError::None;
+}
+
+void FanotifyListener::Start() {
+  if (m_started || m_fan < 0) return;
+  m_started = true;
+  m_pool = std::make_unique<DeadlinePool>(m_options.workers, m_options.decisionTimeout);
+  m_publisher = std::thread([this] { PublishLoop(); });
+  m_reader = std::thread([this] { ReadLoop(); });
+}
+
+void FanotifyListener::Respond(int eventFd, bool allow) {
+  fanotify_response response{};
+  response.fd = eventFd;
+  response.response = allow ? FAN_ALLOW : FAN_DENY;
+  // ENOENT: the kernel has no such event any more (its group is going);
+  // nothing else can be done for it.
+  while (::write(m_fan, &response, sizeof response) < 0 && errno == EINTR) {
+  }
+}
+
+void FanotifyListener::AnswerByPolicy(int eventFd) {
+  const bool allow = !m_options.denyOnTimeout;
+  (allow ? m_counters.allowed : m_counters.blocked).fetch_add(1);
+  Respond(eventFd, allow);
+}
+
+bool FanotifyListener::HoldDecision() {
+  if (m_options.decisionDelay.count() <= 0) return true;
+  std::unique_lock lock(m_delayMutex);
+  return !m_delayCut.wait_for(lock, m_options.decisionDelay, [this] { return m_stopping; });
+}
+
+void FanotifyListener::Fail(std::string text) {
+  {
+    std::lock_guard lock(m_failureMutex);
+    m_failure = std::move(text);
+  }
+  m_failed.store(true);
+}
+
+std::string FanotifyListener::FailureText() const {
+  std::lock_guard lock(m_failureMutex);
+  return m_failure;
+}
+
+void FanotifyListener::ReadLoop() {
+  pollfd fds[2] = {{m_fan, POLLIN, 0}, {m_wake, POLLIN, 0}};
+  for (;;) {
+    if (::poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      Fail("poll failed: " + ErrnoText(errno));
+      return;
+    }
+    if (fds[1].revents != 0) return;
+    if ((fds[0].revents & POLLIN) != 0 && !ReadEvents()) return;
+    if ((fds[0].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
+      Fail("the fanotify descriptor failed");
+      return;
+    }
+  }
+}
+
+bool FanotifyListener::ReadEvents() {
+  alignas(fanotify_event_metadata) char buffer[8192];
+  for (;;) {
+    const ssize_t length = ::read(m_fan, buffer, sizeof buffer);
+    if (length < 0) {
+      if (errno == EINTR) continue;
+      if (errno == EAGAIN) return true;
+      Fail("reading fanotify events failed: " + ErrnoText(errno));
+      return false;
+    }
+    if (length == 0) return true;
+    auto* event = reinterpret_cast<fanotify_event_metadata*>(buffer);
+    ssize_t left = length;
+    for (; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
+      if (event->vers != FANOTIFY_METADATA_VERSION) {
+        // Unreadable from here on; what is not answered is allowed by the
+        // kernel when the group closes.
+        Fail("fanotify event version " + std::to_string(event->vers) + " is not the one this program reads");
+        if (event->fd >= 0) ::close(event->fd);
+        return false;
+      }
+      if (event->fd < 0) continue;  // queue overflow: nothing to answer
+      if ((event->mask & FAN_OPEN_EXEC_PERM) == 0) {
+        ::close(event->fd);
+        continue;
+      }
+      ZEL_TRACE(m_tracer, zel::trace_level::Info) << "enforce: start held, pid " << event->pid;
+      if (event->pid == m_self) {
+        // Never wait on ourselves: a decision that needed a start of this
+        // process would wait for itself.
+        m_counters.allowed.fetch_add(1);
+        Respond(event->fd, true);
+        ::close(event->fd);
+        continue;
+      }
+      std::shared_ptr<ExecJob> job;
+      try {
+        job = std::make_shared<ExecJob>(*this, event->fd, static_cast<std::uint32_t>(event->pid));
+      } catch (...) {
+        m_counters.undecided.fetch_add(1);
+        AnswerByPolicy(event->fd);
+        ::close(event->fd);
+        continue;
+      }
+      m_pool->Submit(std::move(job));
+    }
+  }
+}
+
+void FanotifyListener::PublishLoop() {
+  while (std::optional<ProgramDecision> decision = m_published.Pop()) {
+    try {
+      m_engine.Report(*decision);
+    } catch (...) {
+      // Reporting can't change what was answered; the next one may fare better.
+    }
+  }
+}
+
+void FanotifyListener::Stop() {
+  if (m_stopped) return;
+  m_stopped = true;
+  if (m_started) {
+    const std::uint64_t one = 1;
+    if (::write(m_wake, &one, sizeof one) < 0) {
+      // An eventfd write fails only on overflow, which one write can't reach.
+    }
+    m_reader.join();
+    // Starts the reader never took are answered here, the same way as those
+    // still being decided.
+    alignas(fanotify_event_metadata) char buffer[8192];
+    for (;;) {
+      const ssize_t length = ::read(m_fan, buffer, sizeof buffer);
+      if (length <= 0) break;
+      auto* event = reinterpret_cast<fanotify_event_metadata*>(buffer);
+      ssize_t left = length;
+      for (; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
+        if (event->fd < 0) continue;
+        if ((event->mask & FAN_OPEN_EXEC_PERM) != 0) {
+          if (event->pid == m_self) {
+            m_counters.allowed.fetch_add(1);
+            Respond(event->fd, true);
+          } else {
+            m_counters.timedOut.fetch_add(1);
+            AnswerByPolicy(event->fd);
+          }
+        }
+        ::close(event->fd);
+      }
+    }
+    {
+      std::lock_guard lock(m_delayMutex);
+      m_stopping = true;
+    }
+    m_delayCut.notify_all();
+    m_pool->Stop();
+  }
+  if (m_fan >= 0) ::close(std::exchange(m_fan, -1));
+  if (m_wake >= 0) ::close(std::exchange(m_wake, -1));
+  m_published.Close();
+  if (m_publisher.joinable()) m_publisher.join();
+}
+
+EnforceCountersSnapshot FanotifyListener::Counters() const {
+  EnforceCountersSnapshot s;
+  s.decided = m_counters.decided.load();
+  s.allowed = m_counters.allowed.load();
+  s.blocked = m_counters.blocked.load();
+  s.testMode = m_counters.testMode.load();
+  s.timedOut = m_counters.timedOut.load();
+  s.undecided = m_counters.undecided.load();
+  s.dropped = m_published.Dropped();
+  s.hashCacheHits = m_engine.Hashes().Stats().hits;
+  return s;
+}
+
+void FanotifyListener::WithDecisionsHeld(const std::function<void()>& change) {
+  std::unique_lock gate(m_gate);
+  change();
+}
+
+}  // namespace host::engine

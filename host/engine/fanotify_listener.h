@@ -1,0 +1,137 @@
+// host::engine::FanotifyListener: live enforcement. Program starts in the
+// marked directories or mounts are held by the kernel (fanotify permission
+// events, FAN_OPEN_EXEC_PERM) until the engine decides them: the file's
+// facts come from the event's own descriptor (hashed through the engine's
+// cache, never reopened by path), the user from /proc/<pid>; the verdict
+// becomes FAN_ALLOW or FAN_DENY (only a real block denies: test-mode
+// verdicts always allow), and the decision is reported to the engine's
+// subscribers like any other.
+//
+// It must never hang the machine:
+// - starts made by this process are allowed at once, undecided;
+// - decisions run on a small DeadlinePool: a start not decided in time is
+//   answered by the time-out policy and counted;
+// - reporting runs on its own thread behind a BoundedQueue, so a slow
+//   publisher drops events (counted) but never holds a start;
+// - Stop, and a fatal error of the reader, answer every pending start
+//   before the fanotify descriptor is closed; and should the process die
+//   anyway, the kernel allows what it still holds once the group closes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <shared_mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/engine/bounded_queue.h"
+#include "host/engine/deadline_pool.h"
+#include "host/engine/engine.h"
+#include "host/engine/enforce_counters.h"
+#include "zel/itracer.h"
+
+namespace host::engine {
+
+struct FanotifyOptions {
+  std::vector<std::string> watchDirs;  // each marked with FAN_EVENT_ON_CHILD: the programs directly in it
+  std::vector<std::string> mounts;     // the whole mount that holds each path
+  bool denyOnTimeout = false;          // the time-out policy; allow by default
+  std::chrono::milliseconds decisionTimeout{1000};
+  std::size_t workers = 2;
+  std::size_t publishQueue = 4096;
+  // Testing aid: each decision waits this long first, so that starts stay
+  // pending for a while.
+  std::chrono::milliseconds decisionDelay{0};
+  std::string procRoot = "/proc";
+};
+
+// The user and the parent of a process, from <procRoot>/<pid>/status.
+struct ProcessIdentity {
+  std::uint32_t uid = 0;  // the real user id
+  std::uint32_t ppid = 0;
+};
+std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, std::uint32_t pid);
+
+// The path of an open descriptor, as <procRoot>/self/fd/<fd> names it. A
+// file deleted since it was opened loses the kernel's " (deleted)" mark and
+// sets `deleted`. Empty when the link can't be read.
+std::string PathOfDescriptor(const std::string& procRoot, int fd, bool* deleted);
+
+class FanotifyListener {
+ public:
+  enum class OpenError { None, NotPermitted, NotSupported, BadPath, Failed };
+
+  // `tracer` (may be null) receives one line for each start decided on
+  // incomplete facts (level 700) and one for each event (level 800). The
+  // engine and the tracer must outlive the listener.
+  FanotifyListener(Engine& engine, FanotifyOptions options, zel::ITracer* tracer);
+  FanotifyListener(const FanotifyListener&) = delete;
+  FanotifyListener& operator=(const FanotifyListener&) = delete;
+  // Stops.
+  ~FanotifyListener();
+
+  // Makes the fanotify group and places every mark. On failure `message`
+  // says what and where, and nothing is left open.
+  OpenError Open(std::string* message);
+  // Starts the reader, the decision pool and the reporting thread.
+  void Start();
+  // Answers every pending start (time-out policy), closes the group, then
+  // reports what was decided in time. Idempotent.
+  void Stop();
+
+  // The reader met an error it can't go on after; the caller should Stop.
+  bool Failed() const noexcept { return m_failed.load(); }
+  std::string FailureText() const;
+  std::size_t Marks() const noexcept { return m_marks; }
+  EnforceCountersSnapshot Counters() const;
+
+  // Runs `change` while no decision is under way and none begins: a new set
+  // of rules and categories is seen by a decision whole or not at all.
+  void WithDecisionsHeld(const std::function<void()>& change);
+
+ private:
+  class ExecJob;
+  friend class ExecJob;
+
+  void ReadLoop();
+  bool ReadEvents();  // false on a fatal error
+  void PublishLoop();
+  void Respond(int eventFd, bool allow);
+  void AnswerByPolicy(int eventFd);
+  void Fail(std::string text);
+  // The testing delay before a decision; false when Stop cut it short.
+  bool HoldDecision();
+
+  Engine& m_engine;
+  const FanotifyOptions m_options;
+  zel::ITracer* const m_tracer;
+  const pid_t m_self;
+  int m_fan = -1;
+  int m_wake = -1;  // eventfd that stops the reader
+  std::size_t m_marks = 0;
+  std::atomic<bool> m_failed{false};
+  mutable std::mutex m_failureMutex;
+  std::string m_failure;
+  std::shared_mutex m_gate;
+  std::mutex m_delayMutex;
+  std::condition_variable m_delayCut;
+  bool m_stopping = false;  // under m_delayMutex
+  EnforceCounters m_counters;
+  std::unique_ptr<DeadlinePool> m_pool;
+  BoundedQueue<ProgramDecision> m_published;
+  std::thread m_reader;
+  std::thread m_publisher;
+  bool m_started = false;
+  bool m_stopped = false;
+};
+
+}  // namespace host::engine

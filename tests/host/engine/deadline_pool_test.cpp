@@ -1,0 +1,143 @@
+// The decision pool's promise: every job answered exactly once, by its
+// decision when it comes in time, by the deadline otherwise, and at Stop.
+#include "host/engine/deadline_pool.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using host::engine::DeadlineJob;
+using host::engine::DeadlinePool;
+
+// A job whose decision waits until it is released (or for a fixed time).
+class Job final : public DeadlineJob {
+ public:
+  explicit Job(std::chrono::milliseconds work = 0ms, bool waitForRelease = false)
+      : m_work(work), m_waitForRelease(waitForRelease) {}
+
+  void Decide() override {
+    decided.fetch_add(1);
+    if (m_waitForRelease) {
+      std::unique_lock lock(m_mutex);
+      m_cv.wait(lock, [this] { return m_released; });
+    }
+    std::this_thread::sleep_for(m_work);
+  }
+  void Answer(bool timedOut) override {
+    std::lock_guard lock(m_mutex);
+    answers.push_back(timedOut);
+    m_cv.notify_all();
+  }
+  void Release() {
+    std::lock_guard lock(m_mutex);
+    m_released = true;
+    m_cv.notify_all();
+  }
+  // Waits (bounded) for the answer; the answers so far.
+  std::vector<bool> WaitAnswer(std::chrono::milliseconds limit = 5s) {
+    std::unique_lock lock(m_mutex);
+    m_cv.wait_for(lock, limit, [this] { return !answers.empty(); });
+    return answers;
+  }
+  std::vector<bool> Answers() {
+    std::lock_guard lock(m_mutex);
+    return answers;
+  }
+
+  std::atomic<int> decided{0};
+
+ private:
+  const std::chrono::milliseconds m_work;
+  const bool m_waitForRelease;
+  std::mutex m_mutex;
+  std::condition_variable m_cv;
+  bool m_released = false;
+  std::vector<bool> answers;
+};
+
+TEST(DeadlinePoolTest, JobsDecidedInTimeAreAnsweredByTheirDecisionOnce) {
+  DeadlinePool pool(2, 5s);
+  std::vector<std::shared_ptr<Job>> jobs;
+  for (int i = 0; i < 50; ++i) {
+    jobs.push_back(std::make_shared<Job>());
+    pool.Submit(jobs.back());
+  }
+  for (auto& job : jobs) EXPECT_EQ(job->WaitAnswer(), std::vector<bool>{false});
+  pool.Stop();
+  for (auto& job : jobs) {
+    EXPECT_EQ(job->Answers(), std::vector<bool>{false}) << "answered again at Stop";
+    EXPECT_EQ(job->decided.load(), 1);
+  }
+  const auto stats = pool.Stats();
+  EXPECT_EQ(stats.submitted, 50u);
+  EXPECT_EQ(stats.inTime, 50u);
+  EXPECT_EQ(stats.timedOut, 0u);
+  EXPECT_EQ(pool.Pending(), 0u);
+}
+
+TEST(DeadlinePoolTest, SlowDecisionIsAnsweredAtTheDeadlineAndItsLateResultDropped) {
+  DeadlinePool pool(1, 50ms);
+  auto slow = std::make_shared<Job>(0ms, true);
+  const auto begin = std::chrono::steady_clock::now();
+  pool.Submit(slow);
+  EXPECT_EQ(slow->WaitAnswer(), std::vector<bool>{true});
+  const auto waited = std::chrono::steady_clock::now() - begin;
+  EXPECT_GE(waited, 50ms);
+  EXPECT_LT(waited, 3s);
+  slow->Release();
+  pool.Stop();
+  EXPECT_EQ(slow->Answers(), std::vector<bool>{true}) << "the late decision must not answer again";
+  EXPECT_EQ(pool.Stats().late, 1u);
+  EXPECT_EQ(pool.Stats().timedOut, 1u);
+}
+
+TEST(DeadlinePoolTest, JobsBehindStuckWorkersStillGetTheirAnswerInTime) {
+  DeadlinePool pool(2, 60ms);
+  auto stuck1 = std::make_shared<Job>(0ms, true), stuck2 = std::make_shared<Job>(0ms, true);
+  pool.Submit(stuck1);
+  pool.Submit(stuck2);
+  std::vector<std::shared_ptr<Job>> waiting;
+  for (int i = 0; i < 5; ++i) {
+    waiting.push_back(std::make_shared<Job>());
+    pool.Submit(waiting.back());
+  }
+  for (auto& job : waiting) EXPECT_EQ(job->WaitAnswer(), std::vector<bool>{true});
+  stuck1->Release();
+  stuck2->Release();
+  pool.Stop();
+  for (auto& job : waiting) EXPECT_EQ(job->decided.load(), 0) << "decided after its deadline was answered";
+  EXPECT_EQ(pool.Stats().timedOut, 7u);
+}
+
+TEST(DeadlinePoolTest, StopAnswersEveryPendingJobBeforeItWaitsForTheWorkers) {
+  auto pool = std::make_unique<DeadlinePool>(1, 1h);
+  auto running = std::make_shared<Job>(0ms, true);
+  auto queued = std::make_shared<Job>();
+  pool->Submit(running);
+  pool->Submit(queued);
+  while (running->decided.load() == 0) std::this_thread::yield();
+  std::thread stopper([&] { pool->Stop(); });
+  // Both are answered while the running decision still hangs.
+  EXPECT_EQ(running->WaitAnswer(), std::vector<bool>{true});
+  EXPECT_EQ(queued->WaitAnswer(), std::vector<bool>{true});
+  running->Release();
+  stopper.join();
+  EXPECT_EQ(running->Answers().size(), 1u);
+  EXPECT_EQ(pool->Pending(), 0u);
+
+  auto afterStop = std::make_shared<Job>();
+  pool->Submit(afterStop);
+  EXPECT_EQ(afterStop->Answers(), std::vector<bool>{true}) << "answered at once on the caller's thread";
+  EXPECT_EQ(afterStop->decided.load(), 0);
+}
+
+}  // namespace

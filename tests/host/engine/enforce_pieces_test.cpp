@@ -1,0 +1,134 @@
+// The smaller pieces of live enforcement: the publishing queue that never
+// blocks a decision, the counters' two forms, and what is read of a
+// process and of an open descriptor.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "host/engine/bounded_queue.h"
+#include "host/engine/enforce_counters.h"
+#include "host/engine/fanotify_listener.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using host::engine::BoundedQueue;
+
+TEST(BoundedQueueTest, FullQueueDropsAndCountsWithoutWaiting) {
+  BoundedQueue<int> queue(3);
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(queue.Push(i), i < 3);
+  EXPECT_EQ(queue.Dropped(), 2u);
+  EXPECT_EQ(queue.Size(), 3u);
+  EXPECT_EQ(queue.Pop(), 0);
+  EXPECT_TRUE(queue.Push(9)) << "room again after a pop";
+  EXPECT_EQ(queue.Pop(), 1);
+  EXPECT_EQ(queue.Pop(), 2);
+  EXPECT_EQ(queue.Pop(), 9);
+}
+
+TEST(BoundedQueueTest, CloseHandsOutWhatIsLeftThenEndsAndRefusesMore) {
+  BoundedQueue<std::string> queue(8);
+  queue.Push("a");
+  queue.Push("b");
+  queue.Close();
+  EXPECT_FALSE(queue.Push("c"));
+  EXPECT_EQ(queue.Dropped(), 1u);
+  EXPECT_EQ(queue.Pop(), "a");
+  EXPECT_EQ(queue.Pop(), "b");
+  EXPECT_EQ(queue.Pop(), std::nullopt);
+}
+
+TEST(BoundedQueueTest, CloseWakesAWaitingConsumer) {
+  BoundedQueue<int> queue(1);
+  std::optional<int> got = 42;
+  std::thread consumer([&] { got = queue.Pop(); });
+  queue.Close();
+  consumer.join();
+  EXPECT_EQ(got, std::nullopt);
+}
+
+TEST(EnforceCountersTest, TextAndJsonNameEveryCounterInOrder) {
+  host::engine::EnforceCountersSnapshot c;
+  c.decided = 1;
+  c.allowed = 2;
+  c.blocked = 3;
+  c.testMode = 4;
+  c.timedOut = 5;
+  c.undecided = 6;
+  c.dropped = 7;
+  c.hashCacheHits = 8;
+  EXPECT_EQ(host::engine::FormatCountersText(c),
+            "decided 1, allowed 2, blocked 3, test-mode 4, timed out 5, undecided 6, events dropped 7, "
+            "hash-cache hits 8");
+  EXPECT_EQ(host::engine::FormatCountersJson(c),
+            "{\"decided\":1,\"allowed\":2,\"blocked\":3,\"testMode\":4,\"timedOut\":5,\"undecided\":6,"
+            "\"eventsDropped\":7,\"hashCacheHits\":8}");
+}
+
+class ProcFilesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/enforce_proc_XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    root = pattern;
+  }
+  void TearDown() override { fs::remove_all(root); }
+  void Status(int pid, const std::string& text) {
+    fs::create_directories(root / std::to_string(pid));
+    std::ofstream(root / std::to_string(pid) / "status") << text;
+  }
+  fs::path root;
+};
+
+TEST_F(ProcFilesTest, IdentityIsTheRealUidAndTheParent) {
+  Status(7, "Name:\tsh\nPPid:\t3\nTracerPid:\t0\nUid:\t1000\t0\t0\t0\nGid:\t1000\t1000\t1000\t1000\n");
+  const auto identity = host::engine::ReadProcessIdentity(root.string(), 7);
+  ASSERT_TRUE(identity);
+  EXPECT_EQ(identity->uid, 1000u);
+  EXPECT_EQ(identity->ppid, 3u);
+}
+
+TEST_F(ProcFilesTest, GoneOrTruncatedProcessHasNoIdentity) {
+  EXPECT_FALSE(host::engine::ReadProcessIdentity(root.string(), 8)) << "no such process";
+  Status(9, "Name:\tsh\nPPid:\t1\n");
+  EXPECT_FALSE(host::engine::ReadProcessIdentity(root.string(), 9)) << "no Uid line";
+  Status(10, "Name:\tsh\nUid:\tx\t0\nPPid:\t1\n");
+  EXPECT_FALSE(host::engine::ReadProcessIdentity(root.string(), 10)) << "a Uid that is not a number";
+}
+
+TEST_F(ProcFilesTest, OwnProcessIsReadFromTheRealProc) {
+  const auto identity = host::engine::ReadProcessIdentity("/proc", static_cast<std::uint32_t>(::getpid()));
+  ASSERT_TRUE(identity);
+  EXPECT_EQ(identity->uid, ::getuid());
+  EXPECT_EQ(identity->ppid, static_cast<std::uint32_t>(::getppid()));
+}
+
+TEST_F(ProcFilesTest, DescriptorPathLosesTheDeletedMarkOnlyWhenTheFileIsGone) {
+  const fs::path file = root / "prog";
+  const fs::path oddName = root / "prog (deleted)";
+  std::ofstream(file) << "x";
+  std::ofstream(oddName) << "y";
+  const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  const int oddFd = ::open(oddName.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  ASSERT_GE(oddFd, 0);
+  bool deleted = true;
+  EXPECT_EQ(host::engine::PathOfDescriptor("/proc", fd, &deleted), file.string());
+  EXPECT_FALSE(deleted);
+  EXPECT_EQ(host::engine::PathOfDescriptor("/proc", oddFd, &deleted), oddName.string());
+  EXPECT_FALSE(deleted) << "a name that merely ends in the mark";
+  fs::remove(file);
+  EXPECT_EQ(host::engine::PathOfDescriptor("/proc", fd, &deleted), file.string());
+  EXPECT_TRUE(deleted);
+  EXPECT_EQ(host::engine::PathOfDescriptor("/proc", 100000, &deleted), "") << "no such descriptor";
+  ::close(fd);
+  ::close(oddFd);
+}
+
+}  // namespace

@@ -1,0 +1,531 @@
+// acctl enforce on this machine's program starts: the built program holds
+// the starts in a marked temporary directory, and the tests start copies of
+// /usr/bin/true there and watch what the kernel lets through. Every wait is
+// bounded: a listener that hangs fails the test instead of hanging it.
+//
+// Needs root and fanotify. Elsewhere the tests are skipped, except under CI,
+// where they must run.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/fanotify.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/engine/file_facts.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// Why live enforcement can't be tried here; empty when it can.
+std::string FanotifyUnavailable() {
+  if (::geteuid() != 0) return "not root";
+  const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+  if (fd < 0) return std::string("fanotify refused: ") + std::strerror(errno);
+  ::close(fd);
+  return {};
+}
+
+bool UnderCi() {
+  const char* ci = std::getenv("CI");
+  return ci != nullptr && *ci != '\0' && std::string(ci) != "false";
+}
+
+#define REQUIRE_FANOTIFY()                                                               \
+  do {                                                                                   \
+    const std::string why = FanotifyUnavailable();                                       \
+    if (!why.empty()) {                                                                  \
+      if (UnderCi()) FAIL() << "live enforcement must be tested under CI: " << why;      \
+      GTEST_SKIP() << why;                                                               \
+    }                                                                                    \
+  } while (0)
+
+std::string Slurp(const fs::path& path) {
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// What became of one program start.
+struct Started {
+  int execError = -1;  // 0: the program runs; else the errno of execv
+  int exitCode = -1;   // when it ran
+};
+
+// A child that execs `path`: it reports a failed exec through a pipe that a
+// successful one closes.
+class Child {
+ public:
+  explicit Child(const fs::path& path, const std::vector<std::string>& args = {}) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return;
+    std::vector<std::string> argv{path.string()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      ::close(fds[0]);
+      const int null = ::open("/dev/null", O_RDWR);
+      ::dup2(null, 0);
+      std::vector<char*> raw;
+      for (std::string& a : argv) raw.push_back(a.data());
+      raw.push_back(nullptr);
+      ::execv(raw[0], raw.data());
+      const int e = errno;
+      [[maybe_unused]] const ssize_t n = ::write(fds[1], &e, sizeof e);
+      ::_exit(127);
+    }
+    ::close(fds[1]);
+    m_pipe = fds[0];
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child() {
+    if (m_pipe >= 0) ::close(m_pipe);
+    if (m_pid > 0 && !m_reaped) {
+      ::kill(m_pid, SIGKILL);
+      ::waitpid(m_pid, nullptr, 0);
+    }
+  }
+  pid_t Pid() const { return m_pid; }
+
+  // The exec's outcome, then (when it ran) the exit code; both bounded.
+  Started Wait(std::chrono::milliseconds limit = 10s) {
+    Started s;
+    pollfd p{m_pipe, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(limit.count())) != 1) {
+      ADD_FAILURE() << "the start of pid " << m_pid << " was not answered within " << limit.count() << " ms";
+      return s;
+    }
+    int e = 0;
+    s.execError = ::read(m_pipe, &e, sizeof e) == sizeof e ? e : 0;
+    const auto until = Clock::now() + limit;
+    int status = 0;
+    while (::waitpid(m_pid, &status, WNOHANG) == 0) {
+      if (Clock::now() > until) {
+        ADD_FAILURE() << "pid " << m_pid << " did not end";
+        return s;
+      }
+      std::this_thread::sleep_for(5ms);
+    }
+    m_reaped = true;
+    if (s.execError == 0) s.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return s;
+  }
+
+ private:
+  pid_t m_pid = -1;
+  int m_pipe = -1;
+  bool m_reaped = false;
+};
+
+Started Start(const fs::path& path) { return Child(path).Wait(); }
+
+// acctl enforce (or any acctl command) as a child, its output in files.
+class Acctl {
+ public:
+  Acctl(const fs::path& dir, const std::vector<std::string>& args, uid_t asUser = 0)
+      : m_out(dir / "acctl.out"), m_err(dir / "acctl.err") {
+    std::vector<std::string> argv{ACCTL_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    // Emptied here, before the child runs: what an earlier run left must
+    // not pass for this one's output.
+    const int out = ::open(m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int err = ::open(m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      ::dup2(out, 1);
+      ::dup2(err, 2);
+      std::vector<char*> raw;
+      for (std::string& a : argv) raw.push_back(a.data());
+      raw.push_back(nullptr);
+      if (asUser != 0 && ::setuid(asUser) != 0) ::_exit(126);
+      ::execv(raw[0], raw.data());
+      ::_exit(127);
+    }
+    ::close(out);
+    ::close(err);
+  }
+  Acctl(const Acctl&) = delete;
+  Acctl& operator=(const Acctl&) = delete;
+  ~Acctl() {
+    if (m_pid > 0 && m_exit == kRunning) {
+      ::kill(m_pid, SIGKILL);
+      ::waitpid(m_pid, nullptr, 0);
+    }
+  }
+
+  // Waits until stderr holds `text` (counting from `after` occurrences);
+  // false when the program ended or the time ran out first.
+  bool WaitForErr(const std::string& text, std::size_t occurrences = 1, std::chrono::milliseconds limit = 20s) {
+    const auto until = Clock::now() + limit;
+    while (Clock::now() < until) {
+      if (Count(Err(), text) >= occurrences) return true;
+      if (m_exit == kRunning) {
+        int status = 0;
+        if (::waitpid(m_pid, &status, WNOHANG) == m_pid) m_exit = Decode(status);
+      }
+      if (m_exit != kRunning) return Count(Err(), text) >= occurrences;
+      std::this_thread::sleep_for(5ms);
+    }
+    return false;
+  }
+  bool WaitReady() { return WaitForErr("acctl: enforcing on "); }
+
+  void Signal(int sig) { ::kill(m_pid, sig); }
+
+  // The exit code (128 + signal when killed); -1 when it did not end in time.
+  int Wait(std::chrono::milliseconds limit = 20s) {
+    const auto until = Clock::now() + limit;
+    while (m_exit == kRunning) {
+      int status = 0;
+      if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+        m_exit = Decode(status);
+        break;
+      }
+      if (Clock::now() > until) return -1;
+      std::this_thread::sleep_for(5ms);
+    }
+    return m_exit;
+  }
+
+  std::string Out() const { return Slurp(m_out); }
+  std::string Err() const { return Slurp(m_err); }
+
+ private:
+  static constexpr int kRunning = -1000;
+  static int Decode(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
+  static std::size_t Count(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+  }
+
+  fs::path m_out, m_err;
+  pid_t m_pid = -1;
+  int m_exit = kRunning;
+};
+
+constexpr const char* kCategories = R"J([
+  { "Name": "Blocked", "GUID": "b10c0000000000000000000000000001", "Include": ["(FileName == blocked)"] }
+])J";
+
+std::string DenySettings(const std::string& enforcement = "ApplyRules", const std::string& status = "On") {
+  return "{ \"mode\": \"DenyList\", \"enforcement\": \"" + enforcement +
+         "\", \"reportAllowedStarts\": true, \"denyListRules\": [ { \"ruleName\": \"No blocked\", "
+         "\"status\": \"" + status + "\", \"categoryName\": \"Blocked\", "
+         "\"users\": [ { \"userName\": \"\\\\Everyone\", \"access\": \"Block\" } ] } ] }";
+}
+
+class EnforceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/acctl_enforce_XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    dir = pattern;
+    fs::permissions(dir, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                             fs::perms::others_read | fs::perms::others_exec);
+    bin = dir / "bin";
+    fs::create_directory(bin);
+    events = dir / "events.jsonl";
+    Write("categories.json", kCategories);
+  }
+  void TearDown() override {
+    if (!mounted.empty()) ::umount2(mounted.c_str(), MNT_DETACH);
+    fs::remove_all(dir);
+  }
+
+  fs::path Write(const std::string& name, const std::string& text) {
+    const fs::path path = dir / name;
+    std::ofstream(path) << text;
+    return path;
+  }
+  fs::path Program(const std::string& name, const fs::path& in, const fs::path& from = "/usr/bin/true") {
+    const fs::path path = in / name;
+    fs::copy_file(from, path, fs::copy_options::overwrite_existing);
+    return path;
+  }
+  // `traced`: at trace level 800, where each held start has its line.
+  std::vector<std::string> Enforce(const std::string& settings, std::vector<std::string> extra = {},
+                                   bool traced = false) {
+    std::vector<std::string> args{"--trace", traced ? "800" : "700", "--events", events.string(), "enforce", "--settings", Write("settings.json", settings).string(),
+                                  "--categories", (dir / "categories.json").string(), "--watch", bin.string()};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return args;
+  }
+  std::vector<std::string> EventLines() {
+    std::vector<std::string> lines;
+    std::istringstream in(Slurp(events));
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+
+  fs::path dir, bin, events;
+  std::string mounted;
+};
+
+TEST_F(EnforceTest, BlockedCopyFailsWithEpermWhileTheAllowedOneAndUnwatchedOnesRun) {
+  REQUIRE_FANOTIFY();
+  const fs::path blocked = Program("blocked", bin), allowed = Program("allowed", bin);
+  fs::create_directory(dir / "other");
+  const fs::path unwatched = Program("blocked", dir / "other");
+  Acctl acctl(dir, Enforce(DenySettings()));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  EXPECT_NE(acctl.Err().find("acctl: enforcing on 1 marks"), std::string::npos) << acctl.Err();
+
+  const Started a = Start(allowed);
+  EXPECT_EQ(a.execError, 0);
+  EXPECT_EQ(a.exitCode, 0);
+  EXPECT_EQ(Start(blocked).execError, EPERM);
+  EXPECT_EQ(Start(blocked).execError, EPERM) << "the second start, from the hash cache, is blocked too";
+  EXPECT_EQ(Start(unwatched).exitCode, 0) << "a program outside the marks is not held";
+
+  acctl.Signal(SIGTERM);
+  ASSERT_EQ(acctl.Wait(), 0) << acctl.Err();
+  const std::string err = acctl.Err();
+  EXPECT_NE(err.find("decided 3, allowed 1, blocked 2, test-mode 0, timed out 0"), std::string::npos) << err;
+  const std::vector<std::string> lines = EventLines();
+  ASSERT_EQ(lines.size(), 3u) << Slurp(events);
+  EXPECT_NE(lines[0].find("\"type\":120"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[0].find("\"FileName\":\"allowed\""), std::string::npos) << lines[0];
+  for (int i : {1, 2}) {
+    EXPECT_NE(lines[i].find("\"type\":122"), std::string::npos) << lines[i];
+    EXPECT_NE(lines[i].find("\"FileName\":\"blocked\""), std::string::npos) << lines[i];
+    EXPECT_NE(lines[i].find("\"Category\":\"Blocked\""), std::string::npos) << lines[i];
+  }
+}
+
+TEST_F(EnforceTest, GoldenImageAllowListRunsOnlyTheImagesContent) {
+  REQUIRE_FANOTIFY();
+  std::string trueHash;
+  ASSERT_EQ(host::engine::Sha256File("/usr/bin/true", &trueHash), 0);
+  Write("categories.json", "[{ \"Name\": \"GoldenImage\", \"GUID\": \"eac00500000000000000000000000000\", "
+                           "\"Include\": [\"(FileHash == " + trueHash + ")\"] }]");
+  const std::string settings = R"J({ "mode": "AllowList", "enforcement": "ApplyRules",
+    "allowListRules": [ { "ruleName": "Golden image", "categoryName": "GoldenImage",
+                          "users": [ { "userName": "\\Everyone", "access": "Allow" } ] } ] })J";
+  const fs::path same = Program("any-name", bin);
+  const fs::path other = Program("false", bin, "/usr/bin/false");
+  const fs::path changed = Program("changed", bin);
+  std::ofstream(changed, std::ios::app) << '\0';
+
+  Acctl acctl(dir, Enforce(settings));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  EXPECT_EQ(Start(same).exitCode, 0) << "the image's content runs under any name";
+  EXPECT_EQ(Start(other).execError, EPERM);
+  EXPECT_EQ(Start(changed).execError, EPERM) << "one byte more is another content";
+  acctl.Signal(SIGINT);
+  EXPECT_EQ(acctl.Wait(), 0) << acctl.Err();
+}
+
+TEST_F(EnforceTest, TestModeLetsEverythingRunAndPublishesTestModeEvents) {
+  REQUIRE_FANOTIFY();
+  const fs::path blocked = Program("blocked", bin), allowed = Program("allowed", bin);
+  Acctl acctl(dir, Enforce(DenySettings("TestRules"), {"--json"}));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  EXPECT_EQ(Start(blocked).exitCode, 0);
+  EXPECT_EQ(Start(allowed).exitCode, 0);
+  acctl.Signal(SIGTERM);
+  ASSERT_EQ(acctl.Wait(), 0) << acctl.Err();
+  const std::vector<std::string> lines = EventLines();
+  ASSERT_EQ(lines.size(), 2u) << Slurp(events);
+  EXPECT_NE(lines[0].find("\"type\":123"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find("\"type\":121"), std::string::npos) << lines[1];
+  EXPECT_NE(acctl.Out().find("{\"counters\":{\"decided\":2,\"allowed\":2,\"blocked\":0,\"testMode\":2,"),
+            std::string::npos)
+      << acctl.Out();
+}
+
+TEST_F(EnforceTest, SighupSwitchesARuleOnForTheNextStartAndABadFileKeepsTheRules) {
+  REQUIRE_FANOTIFY();
+  const fs::path blocked = Program("blocked", bin);
+  Acctl acctl(dir, Enforce(DenySettings("ApplyRules", "Off")));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  EXPECT_EQ(Start(blocked).exitCode, 0) << "the rule is Off";
+
+  Write("settings.json", DenySettings("ApplyRules", "On"));
+  acctl.Signal(SIGHUP);
+  ASSERT_TRUE(acctl.WaitForErr("acctl: reloaded ")) << acctl.Err();
+  EXPECT_EQ(Start(blocked).execError, EPERM) << "the rule is On from the next start";
+
+  Write("settings.json", "{ \"mode\": \"DenyList\", ");
+  acctl.Signal(SIGHUP);
+  ASSERT_TRUE(acctl.WaitForErr("acctl: reload refused")) << acctl.Err();
+  const std::string err = acctl.Err();
+  const std::string refusal = err.substr(err.find("acctl: reload refused"));
+  EXPECT_EQ(std::count(refusal.begin(), refusal.end(), '\n'), 1) << "one line: " << refusal;
+  EXPECT_NE(refusal.find("settings.json"), std::string::npos) << refusal;
+  EXPECT_EQ(Start(blocked).execError, EPERM) << "a file that does not load changes nothing";
+  acctl.Signal(SIGUSR1);
+  EXPECT_TRUE(acctl.WaitForErr("acctl: decided 3, allowed 1, blocked 2")) << acctl.Err();
+
+  acctl.Signal(SIGTERM);
+  EXPECT_EQ(acctl.Wait(), 0) << acctl.Err();
+}
+
+TEST_F(EnforceTest, StartNotDecidedInTimeIsAnsweredByThePolicy) {
+  REQUIRE_FANOTIFY();
+  const fs::path allowed = Program("allowed", bin);
+  for (const std::string policy : {"deny", "allow"}) {
+    SCOPED_TRACE(policy);
+    Acctl acctl(dir, Enforce(DenySettings(), {"--decision-delay", "2000", "--decision-timeout", "50",
+                                              "--on-timeout", policy}));
+    ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+    const Started s = Child(allowed).Wait(5s);
+    if (policy == "deny") {
+      EXPECT_EQ(s.execError, EPERM);
+    } else {
+      EXPECT_EQ(s.exitCode, 0);
+    }
+    acctl.Signal(SIGTERM);
+    ASSERT_EQ(acctl.Wait(), 0) << acctl.Err();
+    EXPECT_NE(acctl.Err().find("decided 0, allowed " + std::string(policy == "allow" ? "1" : "0") + ", blocked " +
+                               (policy == "deny" ? "1" : "0") + ", test-mode 0, timed out 1"),
+              std::string::npos)
+        << acctl.Err();
+    EXPECT_TRUE(EventLines().empty()) << "a start decided too late is not reported";
+  }
+}
+
+TEST_F(EnforceTest, SigtermAnswersAPendingStartBeforeTheListenerEnds) {
+  REQUIRE_FANOTIFY();
+  const fs::path allowed = Program("allowed", bin);
+  Acctl acctl(dir, Enforce(DenySettings(), {"--decision-delay", "60000", "--decision-timeout", "120000"}, true));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  Child child(allowed);
+  ASSERT_TRUE(acctl.WaitForErr("enforce: start held, pid " + std::to_string(child.Pid()))) << acctl.Err();
+  acctl.Signal(SIGTERM);
+  const Started s = child.Wait(5s);
+  EXPECT_EQ(s.exitCode, 0) << "answered by the time-out policy, allow";
+  EXPECT_EQ(acctl.Wait(10s), 0) << acctl.Err();
+  EXPECT_NE(acctl.Err().find("decided 0, allowed 1, blocked 0, test-mode 0, timed out 1"), std::string::npos)
+      << acctl.Err();
+}
+
+TEST_F(EnforceTest, StartWhoseProgramOrProcessIsGoneBeforeTheDecisionIsStillAnswered) {
+  REQUIRE_FANOTIFY();
+  const fs::path blocked = Program("blocked", bin);
+  Acctl acctl(dir, Enforce(DenySettings(), {"--decision-delay", "300", "--decision-timeout", "60000"}, true));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+
+  // The program is deleted while its start waits: the file that was
+  // started is still the one decided on, and it is still blocked.
+  {
+    Child held(blocked);
+    ASSERT_TRUE(acctl.WaitForErr("enforce: start held, pid " + std::to_string(held.Pid()))) << acctl.Err();
+    fs::remove(blocked);
+    EXPECT_EQ(held.Wait().execError, EPERM);
+    EXPECT_TRUE(acctl.WaitForErr(blocked.string() + " was deleted before its start by process " +
+                                 std::to_string(held.Pid())))
+        << acctl.Err();
+  }
+  // The process is killed while its start waits: answered all the same.
+  const fs::path allowed = Program("allowed", bin);
+  pid_t pid = 0;
+  {
+    Child held(allowed);
+    pid = held.Pid();
+    ASSERT_TRUE(acctl.WaitForErr("enforce: start held, pid " + std::to_string(pid))) << acctl.Err();
+    ::kill(pid, SIGKILL);
+    held.Wait();
+  }
+  EXPECT_TRUE(acctl.WaitForErr("enforce: process " + std::to_string(pid) + " is gone before its start"))
+      << acctl.Err();
+  EXPECT_EQ(Start(allowed).exitCode, 0) << "the listener goes on";
+  acctl.Signal(SIGTERM);
+  EXPECT_EQ(acctl.Wait(), 0) << acctl.Err();
+  EXPECT_NE(acctl.Err().find("decided 2, allowed 2, blocked 1, test-mode 0, timed out 0, undecided 1"),
+            std::string::npos)
+      << acctl.Err();
+}
+
+TEST_F(EnforceTest, SigkillOfTheListenerLeavesTheWatchedProgramsRunnable) {
+  REQUIRE_FANOTIFY();
+  const fs::path blocked = Program("blocked", bin);
+  Acctl acctl(dir, Enforce(DenySettings(), {"--decision-delay", "60000", "--decision-timeout", "120000"}, true));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  Child held(blocked);
+  ASSERT_TRUE(acctl.WaitForErr("enforce: start held, pid " + std::to_string(held.Pid()))) << acctl.Err();
+  acctl.Signal(SIGKILL);
+  EXPECT_EQ(acctl.Wait(10s), 128 + SIGKILL);
+  EXPECT_EQ(held.Wait(5s).exitCode, 0) << "the kernel allows what the closed group held";
+  EXPECT_EQ(Start(blocked).exitCode, 0) << "no mark outlives the listener";
+}
+
+TEST_F(EnforceTest, MountMarkHoldsStartsAnywhereOnThatMount) {
+  REQUIRE_FANOTIFY();
+  // A mount of our own: marking the one that holds /tmp would hold the
+  // whole machine's starts.
+  const fs::path mnt = dir / "mnt";
+  fs::create_directory(mnt);
+  if (::mount("acctl-test", mnt.c_str(), "tmpfs", 0, "size=8m,mode=0755") != 0) {
+    if (UnderCi()) FAIL() << "cannot mount a tmpfs: " << std::strerror(errno);
+    GTEST_SKIP() << "cannot mount a tmpfs: " << std::strerror(errno);
+  }
+  mounted = mnt.string();
+  fs::create_directories(mnt / "deep" / "er");
+  const fs::path blocked = Program("blocked", mnt / "deep" / "er"), allowed = Program("allowed", mnt);
+  std::vector<std::string> args = Enforce(DenySettings());
+  args.erase(args.end() - 2, args.end());  // no --watch
+  args.insert(args.end(), {"--mount", (mnt / "deep").string()});
+  Acctl acctl(dir, args);
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  EXPECT_EQ(Start(blocked).execError, EPERM) << "below the marked path, in a subdirectory";
+  EXPECT_EQ(Start(allowed).exitCode, 0);
+  acctl.Signal(SIGTERM);
+  EXPECT_EQ(acctl.Wait(), 0) << acctl.Err();
+  EXPECT_NE(acctl.Err().find("decided 2, allowed 1, blocked 1"), std::string::npos) << acctl.Err();
+}
+
+TEST_F(EnforceTest, BadInputIsRefusedWithOneLineAndItsExitCode) {
+  const std::string settings = Write("settings.json", DenySettings()).string();
+  struct Case {
+    std::vector<std::string> args;
+    int exitCode;
+    std::string message;
+  } cases[] = {
+      {{"enforce", "--settings", settings, "--watch", (dir / "missing").string()}, 2, (dir / "missing").string()},
+      {{"enforce", "--settings", settings}, 2, "--watch DIR or --mount PATH"},
+      {{"enforce", "--watch", bin.string()}, 2, "--settings"},
+      {{"enforce", "--settings", settings, "--watch", bin.string(), "--on-timeout", "maybe"}, 2, "maybe"},
+      {{"enforce", "--settings", settings, "--watch", bin.string(), "--decision-timeout", "0"}, 2,
+       "--decision-timeout"},
+      {{"enforce", "--settings", (dir / "none.json").string(), "--watch", bin.string()}, 1, "none.json"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args.back());
+    Acctl acctl(dir, c.args);
+    EXPECT_EQ(acctl.Wait(), c.exitCode) << acctl.Err();
+    const std::string err = acctl.Err();
+    EXPECT_EQ(err.rfind("acctl: ", 0), 0u) << err;
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    EXPECT_NE(err.find(c.message), std::string::npos) << err;
+  }
+  if (::geteuid() == 0) {
+    // Not root: the same command as nobody.
+    Acctl acctl(dir, {"enforce", "--settings", settings, "--watch", bin.string()}, 65534);
+    EXPECT_EQ(acctl.Wait(), 1) << acctl.Err();
+    EXPECT_EQ(acctl.Err(), "acctl: enforce needs root: fanotify permission events need CAP_SYS_ADMIN\n");
+  }
+  Acctl help(dir, {"enforce", "--help"});
+  EXPECT_EQ(help.Wait(), 0);
+  EXPECT_NE(help.Out().find("usage: acctl enforce"), std::string::npos) << help.Out();
+}
+
+}  // namespace
