@@ -20,6 +20,8 @@ struct TaskStopInfo {
 
 class ITaskStopEvents : public zel::IObject {
  public:
+  static constexpr zel::iid_t iid = 0x3D5C91E4;
+
   // The task's run is over; the manager follows up with ITask::Stop. The
   // result is not looked at by callers.
   virtual zel::result_t OnTaskStopped(const TaskStopInfo& info) = 0;
