@@ -76,6 +76,13 @@ result_t GetInterface(IServiceLocator* serviceLocator, I** out, std::uint32_t se
   return r;
 }
 
+// The same with the service key first, the order used where a service is
+// registered under a class key (file factories, for instance).
+template <class I>
+result_t GetInterface(IServiceLocator* serviceLocator, std::uint32_t serviceKey, I** out) {
+  return GetInterface(serviceLocator, out, serviceKey);
+}
+
 namespace detail {
 [[noreturn]] void ThrowGetInterfaceException(const char* file, int line, iid_t iid, std::uint32_t serviceKey,
                                              result_t result);
