@@ -399,7 +399,7 @@ zel::result_t InventoryScanTask::ProcessPath(const tov::NativePath& path) {
       }
     } else {
       // Our own reference for the walk; the enumerator takes one too.
-      const zel::RefPtr<IPathMatcher> strategyRef(m_matcher->PathMatcher());
+      const zel::RefPtr<IPathMatcher> strategyRef(m_matcher->GetPathMatcher());
       IPathMatcher* strategy = strategyRef.Get();
       DirectoryEnumerator enumerator;
       ZEL_CHECK_RESULT_LOG_RETURN(GetTracer(), enumerator.Open(path, strategy), "Cannot open '" << path.view() << "'");
