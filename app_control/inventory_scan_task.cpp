@@ -135,21 +135,24 @@ zel::result_t InventoryScanTask::Start(TaskSessionId sessionId, ITaskStopEvents*
     bool locked = false;
     if (ZEL_FAILED(got)) {
       zel::RefPtr<zel::ITracer> tracer;
-      if (ZEL_SUCCEEDED(zel::GetInterface(GetServiceLocator(), tracer.Ref())))
+      if (ZEL_SUCCEEDED(zel::GetInterface(GetServiceLocator(), tracer.Ref()))) {
         ZEL_TRACE(tracer.Get(), Error) << "Cannot get service for ITaskTryMutex.";
+      }
     } else if (ZEL_FAILED(mutex->TryLock(guard.Type()))) {
       mutex->Release();
       zel::RefPtr<zel::ITracer> tracer;
-      if (ZEL_SUCCEEDED(zel::GetInterface(GetServiceLocator(), tracer.Ref())))
+      if (ZEL_SUCCEEDED(zel::GetInterface(GetServiceLocator(), tracer.Ref()))) {
         ZEL_TRACE(tracer.Get(), Notice) << "Task with type '" << guard.Type().view() << "' already runs.";
+      }
     } else {
       guard.Adopt(mutex);
       locked = true;
     }
     if (!locked) {
       zel::RefPtr<zel::ITracer> tracer;
-      if (ZEL_SUCCEEDED(zel::GetInterface(GetServiceLocator(), tracer.Ref())))
+      if (ZEL_SUCCEEDED(zel::GetInterface(GetServiceLocator(), tracer.Ref()))) {
         ZEL_TRACE(tracer.Get(), Error) << "Task start is locked by another concurrent action";
+      }
       return zel::result::UnspecifiedError;
     }
 
