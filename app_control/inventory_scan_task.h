@@ -87,7 +87,9 @@ class InventoryScanTask
 
   // The host's task states, as far as this task uses them.
   enum State : std::uint32_t { Started = 1, Pausing = 2, Suspended = 3, Resuming = 4, Stopped = 6 };
+  // For whoever inspects the task (tests).
   std::uint32_t CurrentState() const noexcept { return m_state.load(); }
+  bool StopRequested() const noexcept { return m_stopRequested.load(); }
 
  protected:
   ~InventoryScanTask();

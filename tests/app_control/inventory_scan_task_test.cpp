@@ -115,6 +115,18 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
     return paths;
   }
 
+  // Every module object made by the test is gone and its memory went back
+  // (the serialisation services keep their own allocator references).
+  void ExpectTaskGone() {
+    EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
+    EXPECT_EQ(allocator.LiveBlocks(), 0);
+  }
+
+  // The worker lets the task type go only after its stop notice.
+  void WaitTypeUnlocked() {
+    while (typeLock.Held(ac::kInventoryScanTaskType)) ::usleep(1000);
+  }
+
   bool Traced(const std::string& text) {
     const auto lines = tracer.Texts();
     return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
@@ -160,7 +172,7 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   EXPECT_TRUE(categories.puts[0].removeNames.empty());
   EXPECT_EQ(categories.puts[0].action, tov::types::CategoriesAction::AddInvScan);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
-  ExpectAllReturned();
+  ExpectTaskGone();
 }
 
 TEST_F(InventoryScanTaskTest, RootsThatAreFilesLinksOrSpecialFiles) {
@@ -186,19 +198,19 @@ TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
   File("noname");
   File("fails");
   File("keys");
-  using Answer = testsupport::FakeAppController::Answer;
-  engine.answers[Path("nohash")] = Answer{.emptyHash = true};
-  engine.answers[Path("noname")] = Answer{.emptyName = true};
-  engine.answers[Path("fails")] = Answer{.fail = true};
-  engine.answers[Path("keys")] =
-      Answer{.keys = {{1, zel::wstring_t(u"ABC")}, {0, zel::wstring_t(u"zz")}, {1, zel::wstring_t(u"abc")},
-                      {1, zel::wstring_t(u"ab")}}};
+  engine.answers[Path("nohash")].emptyHash = true;
+  engine.answers[Path("noname")].emptyName = true;
+  engine.answers[Path("fails")].fail = true;
+  engine.answers[Path("keys")].keys = {{1, zel::wstring_t(u"ABC")}, {0, zel::wstring_t(u"zz")},
+                                       {1, zel::wstring_t(u"abc")}, {1, zel::wstring_t(u"ab")}};
   auto task = MakeTask(Settings({root}));
   EXPECT_EQ(RunToEnd(task.Get()), 0);
 
   EXPECT_THAT(StoredPaths(), UnorderedElementsAre(Path("noname"), Path("keys")));
   for (const auto& r : storage.records) {
-    if (Narrow(r.filePath) == Path("noname")) EXPECT_EQ(Narrow(r.fileName), "noname");
+    if (Narrow(r.filePath) == Path("noname")) {
+      EXPECT_EQ(Narrow(r.fileName), "noname");
+    }
     if (Narrow(r.filePath) == Path("keys")) {
       std::vector<std::pair<std::uint32_t, std::string>> keys;
       for (const auto& k : r.categoryKeys) keys.emplace_back(k.kind, Narrow(k.text));
@@ -228,7 +240,7 @@ TEST_F(InventoryScanTaskTest, GoldenImageAddPutsKeyInEveryRecordAndOneCriterionP
   File("one");
   File("two");
   File("nohash");
-  engine.answers[Path("nohash")] = testsupport::FakeAppController::Answer{.emptyHash = true};
+  engine.answers[Path("nohash")].emptyHash = true;
   auto task = MakeTask(Settings({root}, GoldenImageAction::Add));
   EXPECT_EQ(RunToEnd(task.Get()), 0);
 
@@ -261,8 +273,8 @@ TEST_F(InventoryScanTaskTest, GoldenImageAddPutsKeyInEveryRecordAndOneCriterionP
 
 TEST_F(InventoryScanTaskTest, GoldenImageRemoveDropsTheKeyAndNamesTheCategory) {
   File("one");
-  engine.answers[Path("one")] = testsupport::FakeAppController::Answer{
-      .keys = {{1, zel::wstring_t(u"EAC00500-0000-0000-0000-000000000000")}, {1, zel::wstring_t(u"other")}}};
+  engine.answers[Path("one")].keys = {{1, zel::wstring_t(u"EAC00500-0000-0000-0000-000000000000")},
+                                      {1, zel::wstring_t(u"other")}};
   auto task = MakeTask(Settings({root}, GoldenImageAction::Remove));
   EXPECT_EQ(RunToEnd(task.Get()), 0);
   ASSERT_EQ(storage.records.size(), 1u);
@@ -283,11 +295,8 @@ TEST_F(InventoryScanTaskTest, StopDuringTheWalkLeavesAnEmptyInventoryAndReportsS
   engine.WaitHeld();
   std::thread stopper([&] { EXPECT_EQ(task->Stop(), 0); });
   // Stop sets the flag and joins; let the engine go only once it was asked.
-  while (true) {
-    std::lock_guard lock(storage.mutex);
-    break;
-  }
-  ::usleep(20000);
+  auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
+  while (!impl->StopRequested()) ::usleep(1000);
   engine.Let();
   stopper.join();
   EXPECT_EQ(stops.count, 1);
@@ -299,7 +308,7 @@ TEST_F(InventoryScanTaskTest, StopDuringTheWalkLeavesAnEmptyInventoryAndReportsS
   // A stop with Remove still names the category.
   ASSERT_EQ(categories.puts.size(), 1u);
   EXPECT_EQ(categories.puts[0].removeNames.size(), 1u);
-  EXPECT_EQ(static_cast<ac::InventoryScanTask*>(task.Get())->CurrentState(), ac::InventoryScanTask::Stopped);
+  EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Stopped);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
 
   // Started again, the old stop request still stands: the first root ends
@@ -361,7 +370,7 @@ TEST_F(InventoryScanTaskTest, ReleasingAParkedTaskEndsItsWorker) {
   task = nullptr;  // FinalRelease: stop, open the gate, join
   EXPECT_EQ(stops.count, 1);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
-  ExpectAllReturned();
+  ExpectTaskGone();
 }
 
 TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOut) {
@@ -392,6 +401,7 @@ TEST_F(InventoryScanTaskTest, StartAfterTheWorkerEndedButBeforeStopIsRefusedAndG
   auto task = MakeTask(Settings({root}));
   ASSERT_EQ(task->Start(1, &stops), 0);
   stops.WaitFor(1);
+  WaitTypeUnlocked();
   EXPECT_EQ(task->Start(2, &stops), static_cast<zel::result_t>(0x8000006Au));
   EXPECT_TRUE(Traced("Task is not stopped, session id: 2"));
   EXPECT_EQ(task->Stop(), 0);
@@ -491,7 +501,7 @@ TEST_F(InventoryScanTaskTest, MissingServicesFailCreation) {
   EXPECT_TRUE(Traced("(zel::GetInterface(sl, m_appController.Ref())),"));
   EXPECT_TRUE(Traced("(zel::GetInterface(sl, qurn::CLSID_FileFactories, m_fileFactory.Ref())),"));
   EXPECT_TRUE(Traced("Cannot get IInventoryStorage interface"));
-  ExpectAllReturned();
+  ExpectTaskGone();
 }
 
 TEST_F(InventoryScanTaskTest, SettingsRoundTripAndDefaults) {
