@@ -90,6 +90,7 @@ class InventoryScanTask
   // For whoever inspects the task (tests).
   std::uint32_t CurrentState() const noexcept { return m_state.load(); }
   bool StopRequested() const noexcept { return m_stopRequested.load(); }
+  bool PauseRequested() const noexcept { return m_pauseGate.pauseRequested.load(); }
 
  protected:
   ~InventoryScanTask();

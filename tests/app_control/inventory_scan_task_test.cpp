@@ -335,7 +335,9 @@ TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo
     EXPECT_EQ(task->Pause(), 0);
     paused = true;
   });
-  ::usleep(20000);
+  // The worker must meet the request at a check point after the held file.
+  while (!impl->PauseRequested()) ::usleep(1000);
+  ::usleep(5000);
   EXPECT_FALSE(paused.load());
   EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Pausing);
   engine.Let();
@@ -365,6 +367,8 @@ TEST_F(InventoryScanTaskTest, ReleasingAParkedTaskEndsItsWorker) {
   ASSERT_EQ(task->Start(1, &stops), 0);
   engine.WaitHeld();
   std::thread pauser([&] { EXPECT_EQ(task->Pause(), 0); });
+  auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
+  while (!impl->PauseRequested()) ::usleep(1000);
   engine.Let();
   pauser.join();
   task = nullptr;  // FinalRelease: stop, open the gate, join
