@@ -1,0 +1,269 @@
+// DirectoryEnumerator over trees made in a scratch directory: what is
+// delivered and what is entered, links, pseudo file systems, special files,
+// long paths, odd names, and descriptors (one per level, none left behind).
+#include "app_control/directory_enumerator.h"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/counting_objects.h"
+#include "support/fake_file_services.h"
+#include "support/temp_tree.h"
+
+namespace {
+
+using testsupport::MakeObject;
+using tov::app_control::DirectoryEnumerator;
+
+struct WalkResult {
+  zel::result_t open = 0;
+  zel::result_t end = 0;                 // what the last Advance gave
+  std::vector<std::string> delivered;    // full paths, "." and ".." dropped
+  std::size_t dots = 0;                  // "." and ".." seen
+};
+
+WalkResult Walk(const std::string& root, IPathMatcher* strategy = nullptr) {
+  WalkResult w;
+  DirectoryEnumerator e;
+  w.open = e.Open(tov::NativePath(root.c_str()), strategy);
+  if (ZEL_FAILED(w.open)) return w;
+  for (;;) {
+    const std::string name = e.CurrentName();
+    if (name == "." || name == "..") {
+      ++w.dots;
+    } else {
+      std::string dir(e.CurrentDirectory().view());
+      if (!dir.empty() && dir.back() != '/') dir += '/';
+      w.delivered.push_back(dir + name);
+    }
+    w.end = e.Advance();
+    if (w.end != 0) break;
+  }
+  return w;
+}
+
+std::set<std::string> AsSet(const std::vector<std::string>& v) { return {v.begin(), v.end()}; }
+
+// Every walk must give back what it opened.
+class EnumeratorTest : public ::testing::Test {
+ protected:
+  void SetUp() override { fdsBefore = testsupport::OpenDescriptorCount(); }
+  void TearDown() override { EXPECT_EQ(testsupport::OpenDescriptorCount(), fdsBefore); }
+
+  testsupport::TempDir dir;
+  int fdsBefore = 0;
+};
+
+TEST_F(EnumeratorTest, DeliversFilesAndEntersDirectories) {
+  testsupport::MakeDir(dir / "sub");
+  testsupport::MakeDir(dir / "sub/deeper");
+  testsupport::MakeDir(dir / "empty");
+  testsupport::WriteFile(dir / "a");
+  testsupport::WriteFile(dir / "sub/b");
+  testsupport::WriteFile(dir / "sub/deeper/c");
+
+  const WalkResult w = Walk(dir.path());
+  EXPECT_EQ(w.open, 0);
+  EXPECT_EQ(w.end, 1);
+  EXPECT_EQ(AsSet(w.delivered), (std::set<std::string>{dir / "a", dir / "sub/b", dir / "sub/deeper/c"}));
+  EXPECT_EQ(w.delivered.size(), 3u) << "nothing twice";
+  EXPECT_EQ(w.dots, 8u) << "each of the four directories gives its dot entries to the caller";
+}
+
+TEST_F(EnumeratorTest, RootPathIsKeptAsGivenAndJoinedWithOneSlash) {
+  testsupport::MakeDir(dir / "sub");
+  testsupport::WriteFile(dir / "sub/f");
+  EXPECT_EQ(AsSet(Walk(dir.path() + "/").delivered), (std::set<std::string>{dir.path() + "/sub/f"}));
+  EXPECT_EQ(AsSet(Walk(dir.path() + "//").delivered), (std::set<std::string>{dir.path() + "//sub/f"}));
+}
+
+TEST_F(EnumeratorTest, EmptyPathOpensTheWorkingDirectory) {
+  testsupport::WriteFile(dir / "here");
+  char saved[4096];
+  ASSERT_NE(::getcwd(saved, sizeof saved), nullptr);
+  ASSERT_EQ(::chdir(dir.path().c_str()), 0);
+  const WalkResult w = Walk("");
+  ASSERT_EQ(::chdir(saved), 0);
+  EXPECT_EQ(w.open, 0);
+  EXPECT_EQ(AsSet(w.delivered), (std::set<std::string>{"here"}));
+}
+
+TEST_F(EnumeratorTest, OpenFailuresComeBackAsErrnoResults) {
+  testsupport::WriteFile(dir / "file");
+  EXPECT_EQ(Walk(dir / "missing").open, zel::ResultFromErrno(ENOENT));
+  EXPECT_EQ(Walk(dir / "file").open, zel::ResultFromErrno(ENOTDIR));
+}
+
+TEST_F(EnumeratorTest, StrategyDecidesWhichDirectoriesAreEntered) {
+  testsupport::MakeDir(dir / "in");
+  testsupport::MakeDir(dir / "out");
+  testsupport::WriteFile(dir / "in/1");
+  testsupport::WriteFile(dir / "out/2");
+  auto matcher = MakeObject<testsupport::FakePathMatcher>();
+  matcher->rejected.insert(dir / "out");
+
+  const WalkResult w = Walk(dir.path(), matcher.Get());
+  EXPECT_EQ(AsSet(w.delivered), (std::set<std::string>{dir / "in/1", dir / "out"}));
+  // Asked once per directory, as a directory, never for files or the root.
+  std::set<std::pair<std::string, std::uint32_t>> asked(matcher->calls.begin(), matcher->calls.end());
+  EXPECT_EQ(asked, (std::set<std::pair<std::string, std::uint32_t>>{{dir / "in", 1}, {dir / "out", 1}}));
+  EXPECT_EQ(matcher->calls.size(), 2u);
+  EXPECT_EQ(testsupport::RefCountOf(matcher.Get()), 1u) << "the enumerator released its reference";
+}
+
+TEST_F(EnumeratorTest, LinksAreDeliveredAndNeverFollowed) {
+  testsupport::MakeDir(dir / "real");
+  testsupport::WriteFile(dir / "real/f");
+  ASSERT_EQ(::symlink((dir / "real").c_str(), (dir / "to-dir").c_str()), 0);
+  ASSERT_EQ(::symlink((dir / "real/f").c_str(), (dir / "to-file").c_str()), 0);
+  ASSERT_EQ(::symlink(dir.path().c_str(), (dir / "real/loop").c_str()), 0);
+  ASSERT_EQ(::symlink("nowhere", (dir / "dangling").c_str()), 0);
+
+  const WalkResult w = Walk(dir.path());
+  EXPECT_EQ(AsSet(w.delivered), (std::set<std::string>{dir / "real/f", dir / "to-dir", dir / "to-file",
+                                                         dir / "real/loop", dir / "dangling"}));
+  EXPECT_EQ(w.delivered.size(), 5u);
+}
+
+TEST_F(EnumeratorTest, RootThatIsALinkToADirectoryIsFollowed) {
+  testsupport::MakeDir(dir / "real");
+  testsupport::WriteFile(dir / "real/f");
+  ASSERT_EQ(::symlink((dir / "real").c_str(), (dir / "link").c_str()), 0);
+  EXPECT_EQ(AsSet(Walk(dir / "link").delivered), (std::set<std::string>{dir / "link/f"}));
+}
+
+TEST_F(EnumeratorTest, SpecialFilesAreDeliveredWithoutBlocking) {
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0644), 0);
+  std::set<std::string> expected{dir / "fifo"};
+  if (::mknod((dir / "null").c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0) expected.insert(dir / "null");
+  EXPECT_EQ(AsSet(Walk(dir.path()).delivered), expected);
+}
+
+TEST_F(EnumeratorTest, NamesThatAreNotUtf8AreKeptByteForByte) {
+  const std::string badDir = dir / "d\xff\xfe";
+  const std::string badFile = badDir + "/f\xc3\x28\x80";
+  testsupport::MakeDir(badDir);
+  testsupport::WriteFile(badFile);
+  EXPECT_EQ(AsSet(Walk(dir.path()).delivered), (std::set<std::string>{badFile}));
+}
+
+TEST_F(EnumeratorTest, PseudoFileSystemsBelowTheRootAreNotEntered) {
+  testsupport::MakeDir(dir / "proc");
+  testsupport::WriteFile(dir / "f");
+  if (::mount("proc", (dir / "proc").c_str(), "proc", 0, nullptr) != 0) {
+    GTEST_SKIP() << "cannot mount proc here: " << std::strerror(errno);
+  }
+  const WalkResult w = Walk(dir.path());
+  ::umount2((dir / "proc").c_str(), MNT_DETACH);
+  EXPECT_EQ(AsSet(w.delivered), (std::set<std::string>{dir / "f", dir / "proc"}));
+}
+
+TEST_F(EnumeratorTest, APseudoFileSystemGivenAsTheRootIsWalked) {
+  const WalkResult w = Walk("/proc/self");
+  EXPECT_EQ(w.open, 0);
+  const auto got = AsSet(w.delivered);
+  EXPECT_EQ(got.count("/proc/self/status"), 1u);
+  EXPECT_EQ(got.count("/proc/self/fd"), 1u) << "a subdirectory on procfs is an entry, not entered";
+  for (const auto& p : got) EXPECT_EQ(p.find('/', std::string("/proc/self/").size()), std::string::npos) << p;
+}
+
+TEST_F(EnumeratorTest, UnreadableDirectoryIsDeliveredNotEntered) {
+  // root reads everything; the walk runs as an unprivileged user in a child.
+  ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+  testsupport::MakeDir(dir / "locked", 0000);
+  testsupport::MakeDir(dir / "open");
+  testsupport::WriteFile(dir / "open/f");
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(3);
+    const WalkResult w = Walk(dir.path());
+    const bool ok = AsSet(w.delivered) == std::set<std::string>{dir / "locked", dir / "open/f"};
+    ::_exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 3) GTEST_SKIP() << "cannot drop privileges here";
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(EnumeratorTest, PathsFarBeyondPathMaxAreReachedAndListed) {
+  const std::string deepest = testsupport::MakeDeepChain(dir.path(), 200, 12000, "leaf");
+  ASSERT_GE(deepest.size(), 12000u);
+  testsupport::WriteFile(dir / "top");
+
+  const WalkResult w = Walk(dir.path());
+  EXPECT_EQ(w.end, 1);
+  EXPECT_EQ(AsSet(w.delivered), (std::set<std::string>{dir / "top", deepest + "/leaf"}));
+
+  // The deep directory itself as the root.
+  const WalkResult inner = Walk(deepest);
+  EXPECT_EQ(inner.open, 0);
+  EXPECT_EQ(AsSet(inner.delivered), (std::set<std::string>{deepest + "/leaf"}));
+}
+
+TEST_F(EnumeratorTest, AComponentLongerThanAChunkIsNotFound) {
+  const std::string tooLong = dir.path() + "/" + std::string(5000, 'n') + "/x";
+  EXPECT_EQ(Walk(tooLong).open, zel::result::FileNotFound);
+}
+
+TEST_F(EnumeratorTest, RunningOutOfDescriptorsLeavesDeepDirectoriesUnentered) {
+  // 40 levels, one descriptor each, under a limit of 24: the walk must
+  // finish, deliver the first directory it could not open, and leak nothing.
+  const std::string deepest = testsupport::MakeDeepChain(dir.path(), 3, dir.path().size() + 40 * 5, "leaf");
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const struct rlimit limit {24, 24};
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) ::_exit(3);
+    const int before = testsupport::OpenDescriptorCount();
+    const WalkResult w = Walk(dir.path());
+    if (w.open != 0 || w.end != 1) ::_exit(1);
+    if (w.delivered.size() != 1) ::_exit(4);  // one unentered directory, the leaf out of reach
+    if (deepest.rfind(w.delivered[0], 0) != 0) ::_exit(5);
+    if (testsupport::OpenDescriptorCount() != before) ::_exit(6);
+    ::_exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(EnumeratorTest, ExamineLeavesDotEntriesToTheCaller) {
+  testsupport::MakeDir(dir / "only");
+  DirectoryEnumerator e;
+  ASSERT_EQ(e.Open(tov::NativePath((dir / "only").c_str()), nullptr), 0);
+  std::set<std::string> names;
+  do {
+    EXPECT_FALSE(e.Examine());
+    names.insert(e.CurrentName());
+  } while (e.Advance() == 0);
+  EXPECT_EQ(names, (std::set<std::string>{".", ".."}));
+  EXPECT_TRUE(e.AtEnd());
+}
+
+TEST_F(EnumeratorTest, ReopeningClosesTheFormerWalk) {
+  testsupport::MakeDir(dir / "a");
+  testsupport::MakeDir(dir / "a/b");
+  DirectoryEnumerator e;
+  ASSERT_EQ(e.Open(tov::NativePath(dir.path().c_str()), nullptr), 0);
+  ASSERT_EQ(e.Open(tov::NativePath((dir / "a").c_str()), nullptr), 0);
+  e.Close();
+  EXPECT_TRUE(e.AtEnd());
+}
+
+}  // namespace
