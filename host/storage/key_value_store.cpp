@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <span>
+#include <string>
 
 namespace host {
 
@@ -63,6 +64,9 @@ zel::result_t KeyValueStore::Open(const std::string& path, const Options& option
         "CREATE TEMP TABLE IF NOT EXISTS key_value_stage (key BLOB PRIMARY KEY, value BLOB) WITHOUT ROWID;");
   }
   if (ZEL_SUCCEEDED(r) && options.readOnly) r = m_db.Exec("PRAGMA query_only=1");
+  if (ZEL_SUCCEEDED(r) && options.maxPageCount > 0) {
+    r = m_db.Exec(("PRAGMA main.max_page_count=" + std::to_string(options.maxPageCount)).c_str());
+  }
   if (ZEL_SUCCEEDED(r)) r = m_get.Prepare(m_db, "SELECT value FROM main.key_value WHERE key = ?1");
   if (ZEL_SUCCEEDED(r))
     r = m_getStaged.Prepare(m_db, "SELECT value, value IS NULL FROM temp.key_value_stage WHERE key = ?1");

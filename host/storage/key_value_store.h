@@ -38,6 +38,9 @@ class KeyValueStore final : public OwnedObject<KeyValueStore, app_core::componen
     // Every write fails with AccessDenied (PRAGMA query_only), as on a
     // read-only medium.
     bool readOnly = false;
+    // Above 0: the file may not grow beyond this many pages, and a commit
+    // that would need more fails with OutOfSpace, as on a full disk.
+    std::int64_t maxPageCount = 0;
     int busyTimeoutMs = 10000;
   };
 
