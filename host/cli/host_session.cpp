@@ -4,6 +4,7 @@
 #include "host/cli/cli.h"
 #include "host/cli/record_codecs.h"
 #include "tov_common/categories/category_descriptors.h"
+#include "tov_common/inventory/application_info.h"
 
 namespace host::cli {
 
@@ -15,15 +16,18 @@ HostSession::HostSession(std::uint32_t traceLevel, const std::string& dbPath, st
     serialization.metaInfo->RegisterDescriptor(d);
   for (const zel::TypeDescriptor* d : tov::tools::CategoryExpressionDescriptors())
     serialization.metaInfo->RegisterDescriptor(d);
+  for (const zel::TypeDescriptor* d : tov::InventoryRecordDescriptors()) serialization.metaInfo->RegisterDescriptor(d);
 
   serviceManager.UseBinarySerializer(&locator);
   RegisterRecordCodecs(serviceManager, &locator);
   if (ZEL_FAILED(serviceManager.Open(dbPath))) throw UserError("cannot open the settings store " + dbPath);
   if (ZEL_FAILED(categories.Open(dbPath))) throw UserError("cannot open the categories store " + dbPath);
+  if (ZEL_FAILED(keyValueStore.Open(dbPath))) throw UserError("cannot open the inventory store " + dbPath);
 
   locator.Register<IPwdb>(&pwdb);
   locator.Register<app_core::facade::IServiceManager>(&serviceManager);
   locator.Register<ICategoriesManager>(&categories);
+  locator.Register<app_core::component::IKeyValueStorage>(&keyValueStore);
   if (events != nullptr) {
     EngineServicesOptions options;
     options.eventsOut = events;
@@ -37,7 +41,11 @@ HostSession::~HostSession() {
     UnregisterEngineServices(locator);
     engine.reset();
   }
-  for (zel::iid_t iid : {ICategoriesManager::iid, app_core::facade::IServiceManager::iid, IPwdb::iid}) locator.Remove(iid);
+  for (zel::iid_t iid : {app_core::component::IKeyValueStorage::iid, ICategoriesManager::iid,
+                         app_core::facade::IServiceManager::iid, IPwdb::iid}) {
+    locator.Remove(iid);
+  }
+  keyValueStore.Close();
   categories.Close();
   serviceManager.Close();
 }
