@@ -24,9 +24,9 @@ class IEnterpriseApplicationController : public zel::IObject {
   // Replaces `categories` with copies of the categories the engine judges
   // files against now, in its own order. `categories` is untouched on failure.
   virtual zel::result_t GetCategories(zel::types::vector_t<Category>& categories) = 0;
-  // Describes the file open in `io` (read from its current position on; the
-  // stream stays the caller's): its id, name, path, content hash and the keys
-  // of the categories it belongs to. `flags` must be 0. Negative when the
+  // Describes the file open in `io` (all of it, from its start, wherever the
+  // stream stood; the stream stays the caller's): its id, name, path, content
+  // hash and the keys of the categories it belongs to. `flags` must be 0. Negative when the
   // file could not be read; `info` is then left as it was.
   virtual zel::result_t InventoryModule(zel::IIO* io, std::uint32_t flags, tov::ApplicationInfo& info) = 0;
 

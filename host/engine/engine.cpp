@@ -1,30 +1,53 @@
 #include "host/engine/engine.h"
 
-#include <charconv>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
 #include <new>
 #include <utility>
 
 #include "host/engine/internal/engine_task.h"
+#include "host/services/iopen_file.h"
+#include "tov_common/categories/category_text.h"
+#include "tov_common/inventory/application_info.h"
+#include "zel/rtl/error_handling/exceptions.h"
 #include "zel/strings/conversions.h"
 
 namespace host::engine {
 
 namespace {
 
-// The first 64 bits of the content hash: stable for one file content, which
-// is what the module id stands for.
-std::uint64_t ModuleIdFromHash(const std::string& sha256) {
-  std::uint64_t id = 0;
-  if (sha256.size() < 16) return 0;
-  std::from_chars(sha256.data(), sha256.data() + 16, id, 16);
-  return id;
+zel::wstring_t Wide(const std::string& text) { return zel::Utf8ToWide(text); }
+
+std::string NameOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-zel::wstring_t Wide(const std::string& text) { return zel::Utf8ToWide(text); }
+struct FdCloser {
+  int fd;
+  ~FdCloser() {
+    if (fd >= 0) ::close(fd);
+  }
+};
+
+// Longer than the coarsest tick a file system stamps times with.
+constexpr std::int64_t kRacyWindowNs = 50'000'000;
+
+bool IsRecentlyChanged(const FileStamp& stamp) {
+  struct timespec now {};
+  if (::clock_gettime(CLOCK_REALTIME, &now) != 0) return true;
+  const std::int64_t nowNs = static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+  return nowNs - std::max(stamp.mtimeNs, stamp.ctimeNs) < kRacyWindowNs;
+}
 
 }  // namespace
 
-Engine::Engine(std::string sysRoot) : m_sysRoot(std::move(sysRoot)), m_thread([this] { Run(); }) {}
+Engine::Engine(std::string sysRoot, std::size_t hashCacheCapacity)
+    : m_sysRoot(std::move(sysRoot)), m_hashCache(hashCacheCapacity), m_thread([this] { Run(); }) {}
 
 Engine::~Engine() {
   {
@@ -133,13 +156,13 @@ CategoryList Engine::CurrentCategories() const {
 
 ProgramDecision Engine::DecideNow(const ProgramStart& start, const EacSettings& settings) const {
   ProgramDecision pd;
-  pd.facts = ComputeFileFacts(start.path, m_sysRoot);
+  pd.facts = FactsForPath(start.path);
   const UserPrincipals user = ResolveUserPrincipals(start.uid);
   pd.decision = Decide(settings, CurrentCategories(), pd.facts, user);
 
   const std::string uidText = std::to_string(start.uid);
   app_ctrl::ApplicationStartInfo& info = pd.info;
-  info.moduleId = ModuleIdFromHash(pd.facts.sha256);
+  info.moduleId = IdFromSha256(pd.facts.sha256);
   info.userName = Wide(user.userName.empty() ? uidText : user.userName);
   info.fileHash = Wide(pd.facts.sha256);
   info.fileName = Wide(pd.facts.name);
@@ -159,6 +182,113 @@ ProgramDecision Engine::DecideNow(const ProgramStart& start, const EacSettings& 
   }
   pd.category.categoryName = pd.decision.categoryName;
   return pd;
+}
+
+template <class Hash, class Restat>
+zel::result_t Engine::CachedHash(const struct stat& before, Hash hash, Restat restat, std::string* hex) const {
+  const FileStamp stamp = FileStamp::FromStat(before);
+  if (std::optional<std::string> cached = m_hashCache.Find(stamp)) {
+    *hex = std::move(*cached);
+    return zel::result::NoError;
+  }
+  m_hashesComputed.fetch_add(1);
+  if (const zel::result_t r = hash(hex); ZEL_FAILED(r)) return r;
+  // A file written while it was read has a hash of no particular content:
+  // it is given to this caller, but not remembered. Nor is one changed a
+  // moment ago: file times advance in clock ticks, so a second write within
+  // the tick of the first one could leave the stamps as they are.
+  struct stat after {};
+  if (restat(after) && FileStamp::FromStat(after) == stamp && !IsRecentlyChanged(stamp))
+    m_hashCache.Insert(stamp, *hex);
+  return zel::result::NoError;
+}
+
+bool Engine::DeviceRemovable(dev_t device) const {
+  const auto now = std::chrono::steady_clock::now();
+  {
+    std::lock_guard lock(m_removableMutex);
+    const auto it = m_removable.find(device);
+    if (it != m_removable.end() && now - it->second.second < kRemovableTtl) return it->second.first;
+  }
+  const bool removable = IsDeviceRemovable(device, m_sysRoot);
+  std::lock_guard lock(m_removableMutex);
+  m_removable[device] = {removable, now};
+  return removable;
+}
+
+FileFacts Engine::FactsForPath(const std::string& path) const {
+  FileFacts facts;
+  facts.path = path;
+  facts.name = NameOf(path);
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st {};
+  if (fd < 0 || ::fstat(fd, &st) != 0) {
+    if (fd >= 0) ::close(fd);
+    // Not readable: the criteria over path, name and drive still work.
+    facts.removable = IsOnRemovableDrive(path, m_sysRoot);
+    return facts;
+  }
+  FdCloser closer{fd};
+  facts.removable = DeviceRemovable(st.st_dev);
+  const zel::result_t r = CachedHash(
+      st, [fd](std::string* hex) { return Sha256Descriptor(fd, hex); },
+      [fd](struct stat& again) { return ::fstat(fd, &again) == 0; }, &facts.sha256);
+  if (ZEL_FAILED(r)) facts.sha256.clear();
+  return facts;
+}
+
+zel::result_t Engine::GetCategories(zel::types::vector_t<app_ctrl::Category>& categories) {
+  try {
+    categories = CurrentCategories();
+    return zel::result::NoError;
+  } catch (...) {
+    return zel::ResultFromCurrentException(nullptr, nullptr);
+  }
+}
+
+zel::result_t Engine::InventoryModule(zel::IIO* io, std::uint32_t flags, tov::ApplicationInfo& info) {
+  if (io == nullptr || flags != 0) return zel::result::InvalidArgument;
+  try {
+    FileFacts facts;
+    zel::RefPtr<host::IOpenFile> file;
+    struct stat st {};
+    bool known = false;
+    if (ZEL_SUCCEEDED(io->QueryInterface(host::IOpenFile::iid, reinterpret_cast<void**>(file.Ref())))) {
+      zel::string_t path;
+      if (const zel::result_t r = file->GetPath(path); ZEL_FAILED(r)) return r;
+      facts.path.assign(path.view());
+      facts.name = NameOf(facts.path);
+      known = ZEL_SUCCEEDED(file->Stat(st));
+    }
+    const auto hash = [io](std::string* hex) { return Sha256Stream(io, hex); };
+    const zel::result_t r =
+        known ? CachedHash(st, hash, [&file](struct stat& again) { return ZEL_SUCCEEDED(file->Stat(again)); },
+                           &facts.sha256)
+              : (m_hashesComputed.fetch_add(1), hash(&facts.sha256));
+    if (ZEL_FAILED(r)) return r;
+    if (known) facts.removable = DeviceRemovable(st.st_dev);
+
+    const CategoryList categories = CurrentCategories();
+    zel::types::vector_t<tov::CategoryKey> keys;
+    for (const app_ctrl::CategoryId& id : MatchCategories(categories, facts)) {
+      tov::CategoryKey key;
+      key.kind = tov::kScanCategoryKind;
+      key.text = tov::tools::CategoryIdToText(id);
+      keys.push_back(std::move(key));
+    }
+    zel::wstring_t fileName = Wide(facts.name);
+    zel::wstring_t filePath = Wide(facts.path);
+    zel::wstring_t fileHash = Wide(facts.sha256);
+    // Everything that can fail is done: only now is the caller's record changed.
+    info.id = IdFromSha256(facts.sha256);
+    info.fileName = std::move(fileName);
+    info.filePath = std::move(filePath);
+    info.fileHash = std::move(fileHash);
+    info.categoryKeys = std::move(keys);
+    return zel::result::NoError;
+  } catch (...) {
+    return zel::ResultFromCurrentException(nullptr, nullptr);
+  }
 }
 
 std::vector<Engine::SinkPtr> Engine::SnapshotSinks() const {

@@ -5,15 +5,23 @@
 // started engine task and the current categories, and every subscriber is
 // told on that thread through OnApplicationControl.
 //
+// The engine is also the host's app_ctrl::IEnterpriseApplicationController:
+// it describes files for the inventory with the same facts and the same
+// category matcher that decide program starts. Content hashes, for both,
+// go through one bounded HashCache keyed by the file's identity and change
+// stamps, so an unchanged file is hashed once.
+//
 // One engine task runs at a time. The engine must outlive every task it
 // made. Fault injection: creation, Start, Stop and SetSettings can be made
 // to fail with a chosen code.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -23,9 +31,11 @@
 
 #include "app_control/interfaces/icategories_manager.h"
 #include "app_control/interfaces/ienterprise_application_control_events2_subscription.h"
+#include "app_control/interfaces/ienterprise_application_controller.h"
 #include "app_control/interfaces/iprocess_registry.h"
 #include "app_control/interfaces/itask.h"
 #include "host/engine/decision.h"
+#include "host/engine/hash_cache.h"
 #include "host/services/host_object.h"
 #include "zel/rtl/objclient.h"
 
@@ -52,10 +62,12 @@ struct ProgramDecision {
   app_ctrl::ApplicationCategoryInfo category;
 };
 
-class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplicationControlEvents2Subscription> {
+class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplicationControlEvents2Subscription,
+                                         app_ctrl::IEnterpriseApplicationController> {
  public:
   // `sysRoot`: where sysfs is mounted, for the removable-drive fact.
-  explicit Engine(std::string sysRoot = "/sys");
+  // `hashCacheCapacity`: how many file hashes are remembered.
+  explicit Engine(std::string sysRoot = "/sys", std::size_t hashCacheCapacity = HashCache::kDefaultCapacity);
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
   // Joins the engine thread and lets go of the subscribers.
@@ -63,6 +75,22 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
 
   zel::result_t Subscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override;
   zel::result_t Unsubscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override;
+
+  // ---- the controller ----
+  // The categories that decisions use now (see UseCategoriesManager).
+  zel::result_t GetCategories(zel::types::vector_t<app_ctrl::Category>& categories) override;
+  // Reads the whole stream from its start. When the stream is one the host
+  // opened (it answers host::IOpenFile) the engine also knows the file's
+  // path and identity: it fills filePath and fileName (the part behind the
+  // last "/") and asks the hash cache first; a bare stream is hashed and
+  // gets no path and no name. In both cases: fileHash is the SHA-256 as
+  // lower-case hex, id is IdFromSha256 of it (so copies of one content share
+  // their id, and the id of an unchanged file stays the same from scan to
+  // scan), and categoryKeys holds, in the categories' order, one key of kind
+  // tov::kScanCategoryKind per matching category with the category id as
+  // tov::tools::CategoryIdToText writes it. Nothing else of `info` is
+  // touched, nor is `info` on failure.
+  zel::result_t InventoryModule(zel::IIO* io, std::uint32_t flags, tov::ApplicationInfo& info) override;
 
   // ---- what the host tells the engine ----
   void SetCategories(CategoryList categories);
@@ -100,6 +128,11 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   void FailSetSettings(zel::result_t code) { m_failSetSettings.store(code); }
 
   // ---- inspection ----
+  // The cache is the engine's; tests and benchmarks read or clear it.
+  HashCache& Hashes() noexcept { return m_hashCache; }
+  // How many file contents were actually hashed (cache misses and streams
+  // without identity).
+  std::uint64_t HashesComputed() const noexcept { return m_hashesComputed.load(); }
   std::vector<ProgramDecision> Decisions() const;
   std::thread::id ThreadId() const { return m_thread.get_id(); }
   std::size_t Subscribers() const;
@@ -128,6 +161,17 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   void Enqueue(WorkItem item);
   std::vector<SinkPtr> SnapshotSinks() const;
   CategoryList CurrentCategories() const;
+  // IsDeviceRemovable, remembered for a moment: a scan asks it for every
+  // file of a tree, and sysfs lookups cost more than hashing a small file.
+  // Short-lived, because a device number may come back for another drive.
+  bool DeviceRemovable(dev_t device) const;
+  // The facts of a program about to start: opened once, hashed through the cache.
+  FileFacts FactsForPath(const std::string& path) const;
+  // Hash of an open file through the cache: `stamp` is its fstat before
+  // reading, `restat` gives it again afterwards; the result is cached only
+  // when the file did not change while it was read.
+  template <class Hash, class Restat>
+  zel::result_t CachedHash(const struct stat& before, Hash hash, Restat restat, std::string* hex) const;
 
   const std::string m_sysRoot;
   mutable std::mutex m_mutex;
@@ -151,6 +195,11 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   std::atomic<zel::result_t> m_failSetSettings{0};
   std::atomic<std::uint64_t> m_tasksCreated{0};
   std::atomic<std::uint64_t> m_sinkExceptions{0};
+  mutable HashCache m_hashCache;
+  static constexpr std::chrono::seconds kRemovableTtl{2};
+  mutable std::mutex m_removableMutex;
+  mutable std::map<dev_t, std::pair<bool, std::chrono::steady_clock::time_point>> m_removable;
+  mutable std::atomic<std::uint64_t> m_hashesComputed{0};
   std::thread m_thread;  // last: starts once everything above exists
 };
 

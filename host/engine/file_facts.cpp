@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <vector>
 
 namespace host::engine {
 
@@ -27,6 +29,37 @@ struct MdCtxDeleter {
   void operator()(EVP_MD_CTX* ctx) const noexcept { EVP_MD_CTX_free(ctx); }
 };
 
+constexpr std::size_t kChunk = 64 * 1024;
+
+// One SHA-256 computation; Final gives lower-case hex.
+class Sha256 {
+ public:
+  Sha256() : m_ctx(EVP_MD_CTX_new()) {
+    if (m_ctx && EVP_DigestInit_ex(m_ctx.get(), EVP_sha256(), nullptr) != 1) m_ctx.reset();
+  }
+  bool Ok() const noexcept { return m_ctx != nullptr; }
+  bool Update(const void* data, std::size_t size) noexcept {
+    return EVP_DigestUpdate(m_ctx.get(), data, size) == 1;
+  }
+  zel::result_t Final(std::string* hex) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(m_ctx.get(), digest, &length) != 1) return zel::result::Unexpected;
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * length);
+    for (unsigned i = 0; i < length; ++i) {
+      text.push_back(kHex[digest[i] >> 4]);
+      text.push_back(kHex[digest[i] & 0xF]);
+    }
+    *hex = std::move(text);
+    return zel::result::NoError;
+  }
+
+ private:
+  std::unique_ptr<EVP_MD_CTX, MdCtxDeleter> m_ctx;
+};
+
 bool ReadFlag(const std::string& file) {
   std::ifstream in(file);
   int value = 0;
@@ -39,45 +72,66 @@ zel::result_t Sha256File(const std::string& path, std::string* hex) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return zel::ResultFromErrno(static_cast<unsigned>(errno));
   FdCloser closer{fd};
+  return Sha256Descriptor(fd, hex);
+}
 
-  std::unique_ptr<EVP_MD_CTX, MdCtxDeleter> ctx(EVP_MD_CTX_new());
-  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return zel::result::Unexpected;
-  unsigned char buffer[64 * 1024];
+zel::result_t Sha256Descriptor(int fd, std::string* hex) {
+  Sha256 digest;
+  if (!digest.Ok()) return zel::result::Unexpected;
+  std::vector<unsigned char> buffer(kChunk);
+  off_t offset = 0;
   for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    const ssize_t n = ::pread(fd, buffer.data(), buffer.size(), offset);
     if (n < 0) {
       if (errno == EINTR) continue;
       return zel::ResultFromErrno(static_cast<unsigned>(errno));
     }
     if (n == 0) break;
-    if (EVP_DigestUpdate(ctx.get(), buffer, static_cast<std::size_t>(n)) != 1) return zel::result::Unexpected;
+    if (!digest.Update(buffer.data(), static_cast<std::size_t>(n))) return zel::result::Unexpected;
+    offset += n;
   }
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (EVP_DigestFinal_ex(ctx.get(), digest, &length) != 1) return zel::result::Unexpected;
+  return digest.Final(hex);
+}
 
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(2 * length);
-  for (unsigned i = 0; i < length; ++i) {
-    text.push_back(kHex[digest[i] >> 4]);
-    text.push_back(kHex[digest[i] & 0xF]);
+zel::result_t Sha256Stream(zel::IIO* io, std::string* hex) {
+  if (io == nullptr) return zel::result::InvalidArgument;
+  if (const zel::result_t r = io->Seek(zel::seek_origin::Begin, 0, nullptr); ZEL_FAILED(r)) return r;
+  Sha256 digest;
+  if (!digest.Ok()) return zel::result::Unexpected;
+  std::vector<unsigned char> buffer(kChunk);
+  for (;;) {
+    std::uint32_t n = 0;
+    if (const zel::result_t r = io->Read(buffer.data(), static_cast<std::uint32_t>(buffer.size()), &n);
+        ZEL_FAILED(r))
+      return r;
+    if (n == 0) break;
+    if (!digest.Update(buffer.data(), n)) return zel::result::Unexpected;
   }
-  *hex = std::move(text);
-  return zel::result::NoError;
+  return digest.Final(hex);
+}
+
+std::uint64_t IdFromSha256(const std::string& sha256) {
+  std::uint64_t id = 0;
+  if (sha256.size() < 16) return 0;
+  std::from_chars(sha256.data(), sha256.data() + 16, id, 16);
+  return id;
+}
+
+bool IsDeviceRemovable(dev_t device, const std::string& sysRoot) {
+  const std::string node =
+      sysRoot + "/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device));
+  char resolved[PATH_MAX];
+  if (::realpath(node.c_str(), resolved) == nullptr) return false;
+  const std::string dir(resolved);
+  // A partition has no flag of its own; its disk is the directory above it.
+  if (::access((dir + "/removable").c_str(), R_OK) == 0) return ReadFlag(dir + "/removable");
+  return ReadFlag(dir + "/../removable");
 }
 
 bool IsOnRemovableDrive(const std::string& path, const std::string& sysRoot) {
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) return false;
-  const std::string node =
-      sysRoot + "/dev/block/" + std::to_string(major(st.st_dev)) + ":" + std::to_string(minor(st.st_dev));
-  char resolved[PATH_MAX];
-  if (::realpath(node.c_str(), resolved) == nullptr) return false;
-  const std::string device(resolved);
-  // A partition has no flag of its own; its disk is the directory above it.
-  if (::access((device + "/removable").c_str(), R_OK) == 0) return ReadFlag(device + "/removable");
-  return ReadFlag(device + "/../removable");
+  return IsDeviceRemovable(st.st_dev, sysRoot);
 }
 
 FileFacts ComputeFileFacts(const std::string& path, const std::string& sysRoot) {

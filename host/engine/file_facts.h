@@ -3,9 +3,13 @@
 // removable drive. Category criteria are evaluated against these facts only.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdint>
 #include <string>
 
 #include "zel/result.h"
+#include "zel/serialization/iio.h"
 
 namespace host::engine {
 
@@ -19,6 +23,22 @@ struct FileFacts {
 // SHA-256 of a file's content as lower-case hex. Negative (from errno) when
 // the file cannot be opened or read.
 zel::result_t Sha256File(const std::string& path, std::string* hex);
+
+// The same over an open descriptor, from offset 0 whatever its file
+// position (pread: the position is left alone).
+zel::result_t Sha256Descriptor(int fd, std::string* hex);
+
+// The same over a stream: seeks to its start and reads to its end.
+zel::result_t Sha256Stream(zel::IIO* io, std::string* hex);
+
+// A 64-bit id for a file content: the first 16 hex digits of its SHA-256,
+// read as a big-endian number. Equal contents share it wherever they lie;
+// 0 for a hash that is too short.
+std::uint64_t IdFromSha256(const std::string& sha256);
+
+// Whether block device `device` is one that sysfs marks removable; for a
+// partition the flag of its disk counts.
+bool IsDeviceRemovable(dev_t device, const std::string& sysRoot = "/sys");
 
 // Whether `path` lies on a block device that sysfs marks removable. Looks in
 // `sysRoot` + "/dev/block/<major>:<minor>" and, for a partition, its disk.
