@@ -28,6 +28,7 @@ HostSession::HostSession(std::uint32_t traceLevel, const std::string& dbPath, st
   locator.Register<app_core::facade::IServiceManager>(&serviceManager);
   locator.Register<ICategoriesManager>(&categories);
   locator.Register<app_core::component::IKeyValueStorage>(&keyValueStore);
+  RegisterFileServices(locator, files);
   if (events != nullptr) {
     EngineServicesOptions options;
     options.eventsOut = events;
@@ -41,6 +42,7 @@ HostSession::~HostSession() {
     UnregisterEngineServices(locator);
     engine.reset();
   }
+  UnregisterFileServices(locator);
   for (zel::iid_t iid : {app_core::component::IKeyValueStorage::iid, ICategoriesManager::iid,
                          app_core::facade::IServiceManager::iid, IPwdb::iid}) {
     locator.Remove(iid);

@@ -1,8 +1,9 @@
 // Everything the module asks a host for, made and registered in one place:
 // allocator, tracer, serialisers with the settings and category expression
 // descriptors, the SQLite service and categories managers, the key-value
-// store that keeps the inventory, the password database and, on request,
-// the reference engine with its event publisher.
+// store that keeps the inventory, the password database, the file services
+// of the inventory scan (file factory, path matchers, format recogniser)
+// and, on request, the reference engine with its event publisher.
 // Teardown unregisters in the reverse order, so the module never sees a
 // service die under it.
 #pragma once
@@ -12,6 +13,7 @@
 #include <string>
 
 #include "host/engine/engine_services.h"
+#include "host/files/file_services.h"
 #include "host/serialization/serialization_services.h"
 #include "host/services/categories_manager.h"
 #include "host/services/counting_allocator.h"
@@ -40,6 +42,7 @@ class HostSession {
   ServiceManager serviceManager;
   CategoriesManager categories{&locator};
   KeyValueStore keyValueStore;
+  FileServices files;
   std::unique_ptr<EngineServices> engine;
 };
 

@@ -1,0 +1,146 @@
+#include "host/files/file_factory.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include "zel/rtl/error_handling/exceptions.h"
+#include "zel/strings/conversions.h"
+
+namespace host {
+
+namespace {
+
+zel::result_t LastError() noexcept { return zel::ResultFromErrno(static_cast<unsigned>(errno)); }
+
+class FdStream final : public HeapObject<FdStream, zel::IIO> {
+ public:
+  zel::result_t Read(void* buffer, std::uint32_t count, std::uint32_t* read) override {
+    if (read != nullptr) *read = 0;
+    if (buffer == nullptr && count != 0) return zel::result::InvalidArgument;
+    if (const zel::result_t failure = m_failRead->load(); failure != 0) return failure;
+    ssize_t n;
+    do {
+      n = ::read(m_fd, buffer, count);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) return LastError();
+    if (read != nullptr) *read = static_cast<std::uint32_t>(n);
+    return zel::result::NoError;
+  }
+
+  zel::result_t Write(const void*, std::uint32_t, std::uint32_t* written) override {
+    if (written != nullptr) *written = 0;
+    return zel::result::AccessDenied;
+  }
+
+  zel::result_t Seek(std::uint32_t origin, std::int64_t offset, std::uint64_t* position) override {
+    int whence;
+    switch (origin) {
+      case zel::seek_origin::Begin: whence = SEEK_SET; break;
+      case zel::seek_origin::Current: whence = SEEK_CUR; break;
+      case zel::seek_origin::End: whence = SEEK_END; break;
+      default: return zel::result::InvalidArgument;
+    }
+    const off_t at = ::lseek(m_fd, static_cast<off_t>(offset), whence);
+    if (at < 0) return LastError();
+    if (position != nullptr) *position = static_cast<std::uint64_t>(at);
+    return zel::result::NoError;
+  }
+
+  zel::result_t Tell(std::uint64_t* position) override {
+    if (position == nullptr) return zel::result::InvalidArgument;
+    return Seek(zel::seek_origin::Current, 0, position);
+  }
+
+  zel::result_t GetSize(std::uint64_t* size) override {
+    if (size == nullptr) return zel::result::InvalidArgument;
+    struct stat st;
+    if (::fstat(m_fd, &st) != 0) return LastError();
+    *size = static_cast<std::uint64_t>(st.st_size);
+    return zel::result::NoError;
+  }
+
+  zel::result_t SetSize(std::uint64_t) override { return zel::result::AccessDenied; }
+  zel::result_t Flush() override { return zel::result::NoError; }
+
+ private:
+  friend class host::HeapAccess;
+  FdStream(int fd, std::shared_ptr<std::atomic<zel::result_t>> failRead)
+      : m_fd(fd), m_failRead(std::move(failRead)) {}
+  ~FdStream() { ::close(m_fd); }
+
+  const int m_fd;
+  const std::shared_ptr<std::atomic<zel::result_t>> m_failRead;
+};
+
+constexpr std::uint32_t kKnownShare = zel::file_share::Read | zel::file_share::Write | zel::file_share::Delete;
+
+zel::result_t CheckArguments(std::uint32_t access, std::uint32_t share, std::uint32_t disposition,
+                             std::uint32_t flags) noexcept {
+  if (access == 0 || (access & ~(zel::file_access::Read | zel::file_access::Write)) != 0)
+    return zel::result::InvalidArgument;
+  if ((share & ~kKnownShare) != 0) return zel::result::InvalidArgument;
+  if (disposition < zel::file_disposition::CreateNew || disposition > zel::file_disposition::TruncateExisting)
+    return zel::result::InvalidArgument;
+  if ((access & zel::file_access::Write) != 0 || disposition != zel::file_disposition::OpenExisting)
+    return zel::result::NotSupported;
+  if (flags != 0) return zel::result::InvalidArgument;
+  return zel::result::NoError;
+}
+
+// Opens `path` as a regular file without ever blocking; gives the
+// descriptor in blocking mode.
+zel::result_t OpenRegular(const char* path, int* fd) noexcept {
+  *fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK);
+  if (*fd < 0) return errno == ENOENT ? zel::result::NotFound : LastError();
+  struct stat st;
+  zel::result_t r = zel::result::NoError;
+  if (::fstat(*fd, &st) != 0) {
+    r = LastError();
+  } else if (!S_ISREG(st.st_mode)) {
+    r = zel::result::InvalidType;
+  } else {
+    const int flags = ::fcntl(*fd, F_GETFL);
+    if (flags < 0 || ::fcntl(*fd, F_SETFL, flags & ~O_NONBLOCK) != 0) r = LastError();
+  }
+  if (ZEL_FAILED(r)) {
+    ::close(*fd);
+    *fd = -1;
+  }
+  return r;
+}
+
+}  // namespace
+
+FileFactory::FileFactory() : m_failRead(std::make_shared<std::atomic<zel::result_t>>(0)) {}
+
+zel::result_t FileFactory::CreateFile(const char16_t* widePath, std::uint32_t accessMask, std::uint32_t shareMode,
+                                      std::uint32_t disposition, std::uint32_t flagsAndAttributes, zel::IIO** out) {
+  try {
+    if (out == nullptr) return zel::result::InvalidArgument;
+    *out = nullptr;
+    if (widePath == nullptr || *widePath == 0) return zel::result::InvalidArgument;
+    if (const zel::result_t r = CheckArguments(accessMask, shareMode, disposition, flagsAndAttributes); ZEL_FAILED(r))
+      return r;
+    if (const zel::result_t failure = m_failOpen.load(); failure != 0) return failure;
+
+    const zel::string_t path = zel::Utf16ToUtf8(std::u16string_view(widePath));
+    int fd = -1;
+    if (const zel::result_t r = OpenRegular(path.c_str(), &fd); ZEL_FAILED(r)) return r;
+    try {
+      *out = MakeHeapObject<FdStream>(fd, m_failRead).Detach();
+    } catch (...) {
+      ::close(fd);
+      throw;
+    }
+    return zel::result::NoError;
+  } catch (...) {
+    return zel::ResultFromCurrentException(nullptr, nullptr);
+  }
+}
+
+}  // namespace host

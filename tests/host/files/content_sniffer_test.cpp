@@ -1,0 +1,320 @@
+// The content test on byte images built here: each signature, its near
+// misses, and the ELF and PE cases that need bytes beyond the head.
+#include "host/files/internal/content_sniffer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+using host::files::detail::ByteSource;
+using host::files::detail::Content;
+using host::files::detail::ScriptInterpreter;
+using host::files::detail::SniffContent;
+
+using Image = std::vector<std::uint8_t>;
+
+Image FromText(std::string_view text) { return Image(text.begin(), text.end()); }
+
+void Put(Image& image, std::size_t at, std::uint64_t value, std::size_t width, bool bigEndian = false) {
+  if (image.size() < at + width) image.resize(at + width);
+  for (std::size_t i = 0; i < width; ++i) {
+    const std::size_t shift = 8 * (bigEndian ? width - 1 - i : i);
+    image[at + i] = static_cast<std::uint8_t>(value >> shift);
+  }
+}
+
+// The whole image, readable at any offset; counts the reads beyond the head.
+class MemorySource final : public ByteSource {
+ public:
+  explicit MemorySource(const Image& image) : m_image(image) {}
+  zel::result_t ReadAt(std::uint64_t offset, std::span<std::uint8_t> out, std::size_t* read) override {
+    ++reads;
+    if (fail) return zel::result::MediaError;
+    *read = 0;
+    if (offset >= m_image.size()) return zel::result::NoError;
+    *read = std::min<std::size_t>(out.size(), m_image.size() - offset);
+    std::memcpy(out.data(), m_image.data() + offset, *read);
+    return zel::result::NoError;
+  }
+  int reads = 0;
+  bool fail = false;
+
+ private:
+  const Image& m_image;
+};
+
+struct ElfSpec {
+  bool is64 = true;
+  bool bigEndian = false;
+  std::uint16_t type = 3;
+  bool interp = false;
+  bool dynamic = false;
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> dynEntries = {};
+  std::size_t phoff = 0;  // 0: right after the header
+  std::size_t extraHeaders = 0;  // PT_LOAD fillers in front, to push the interesting ones past the head
+};
+
+// A minimal ELF file: header, program headers, and a dynamic table at 0x2000.
+Image MakeElf(const ElfSpec& s) {
+  Image image(s.is64 ? 64 : 52, 0);
+  image[0] = 0x7f;
+  image[1] = 'E';
+  image[2] = 'L';
+  image[3] = 'F';
+  image[4] = s.is64 ? 2 : 1;
+  image[5] = s.bigEndian ? 2 : 1;
+  image[6] = 1;
+  const std::size_t w = s.is64 ? 8 : 4;
+  const std::size_t phent = s.is64 ? 56 : 32;
+  const std::size_t phoff = s.phoff != 0 ? s.phoff : image.size();
+  std::vector<std::uint32_t> types(s.extraHeaders, 1u);
+  if (s.interp) types.push_back(3);
+  if (s.dynamic) types.push_back(2);
+  Put(image, 16, s.type, 2, s.bigEndian);
+  Put(image, s.is64 ? 32 : 28, phoff, w, s.bigEndian);
+  Put(image, s.is64 ? 54 : 42, phent, 2, s.bigEndian);
+  Put(image, s.is64 ? 56 : 44, types.size(), 2, s.bigEndian);
+  const std::size_t dynAt = 0x2000;
+  const std::size_t dynSize = (s.dynEntries.size() + 1) * 2 * w;
+  for (std::size_t i = 0; i < types.size(); ++i) {
+    const std::size_t at = phoff + i * phent;
+    Put(image, at, types[i], 4, s.bigEndian);
+    if (types[i] == 2) {
+      Put(image, at + (s.is64 ? 8 : 4), dynAt, w, s.bigEndian);
+      Put(image, at + (s.is64 ? 32 : 16), dynSize, w, s.bigEndian);
+    }
+    Put(image, at + phent - 1, 0, 1);
+  }
+  if (s.dynamic) {
+    std::size_t at = dynAt;
+    for (auto [tag, value] : s.dynEntries) {
+      Put(image, at, tag, w, s.bigEndian);
+      Put(image, at + w, value, w, s.bigEndian);
+      at += 2 * w;
+    }
+    Put(image, at + 2 * w - 1, 0, 1);  // DT_NULL
+  }
+  return image;
+}
+
+Content Sniff(const Image& image, std::size_t headSize = 512, MemorySource* source = nullptr) {
+  MemorySource own(image);
+  MemorySource* more = source != nullptr ? source : &own;
+  const std::span<const std::uint8_t> head(image.data(), std::min(headSize, image.size()));
+  Content content = Content::Unknown;
+  EXPECT_EQ(SniffContent(head, more, &content), zel::result::NoError);
+  return content;
+}
+
+constexpr std::uint64_t kSoname = 14, kFlags1 = 0x6ffffffb, kPie = 0x08000000;
+
+TEST(ContentSniffer, ElfTypesAndTheDynamicTableDecideExecutableOrLibrary) {
+  const struct {
+    const char* name;
+    ElfSpec spec;
+    Content expected;
+  } cases[] = {
+      {"ET_EXEC", {.type = 2}, Content::ElfExecutable},
+      {"ET_DYN without interpreter", {.dynamic = true, .dynEntries = {{kSoname, 1}}}, Content::ElfSharedObject},
+      {"PIE flag", {.interp = true, .dynamic = true, .dynEntries = {{kFlags1, kPie}}}, Content::ElfExecutable},
+      {"interpreter and soname, no PIE flag (libc)",
+       {.interp = true, .dynamic = true, .dynEntries = {{kSoname, 1}, {kFlags1, 1}}},
+       Content::ElfSharedObject},
+      {"PIE flag wins over a soname",
+       {.interp = true, .dynamic = true, .dynEntries = {{kSoname, 1}, {kFlags1, kPie}}},
+       Content::ElfExecutable},
+      {"old PIE: interpreter, no soname, no flags", {.interp = true, .dynamic = true}, Content::ElfExecutable},
+      {"interpreter, no dynamic table", {.interp = true}, Content::ElfExecutable},
+      {"32-bit big-endian executable", {.is64 = false, .bigEndian = true, .type = 2}, Content::ElfExecutable},
+      {"32-bit big-endian library",
+       {.is64 = false, .bigEndian = true, .interp = true, .dynamic = true, .dynEntries = {{kSoname, 1}}},
+       Content::ElfSharedObject},
+      {"32-bit PIE", {.is64 = false, .interp = true, .dynamic = true, .dynEntries = {{kFlags1, kPie}}},
+       Content::ElfExecutable},
+      {"program headers past the head",
+       {.interp = true, .dynamic = true, .dynEntries = {{kFlags1, kPie}}, .extraHeaders = 12},
+       Content::ElfExecutable},
+      {"relocatable object", {.type = 1}, Content::Unknown},
+      {"core dump", {.type = 4}, Content::Unknown},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Sniff(MakeElf(c.spec)), c.expected) << c.name;
+}
+
+TEST(ContentSniffer, ElfHeadersThatCannotBeTrustedAreNotChased) {
+  Image bad = MakeElf({.interp = true, .dynamic = true, .dynEntries = {{kFlags1, kPie}}});
+  bad[4] = 3;  // no such class
+  EXPECT_EQ(Sniff(bad), Content::Unknown);
+
+  Image truncated = MakeElf({.type = 2});
+  truncated.resize(40);
+  EXPECT_EQ(Sniff(truncated), Content::Unknown);
+
+  // An absurd program header count is not read at all: the file stays a
+  // library, the only ET_DYN answer without headers.
+  Image huge = MakeElf({.interp = true, .dynamic = true, .dynEntries = {{kFlags1, kPie}}});
+  Put(huge, 56, 60000, 2);
+  MemorySource source(huge);
+  EXPECT_EQ(Sniff(huge, 512, &source), Content::ElfSharedObject);
+  EXPECT_EQ(source.reads, 0);
+
+  // Program headers beyond the end of the file.
+  Image cut = MakeElf({.interp = true, .dynamic = true, .extraHeaders = 20});
+  cut.resize(600);
+  EXPECT_EQ(Sniff(cut), Content::ElfSharedObject);
+}
+
+TEST(ContentSniffer, ReadsBeyondTheHeadOnlyWhenNeededAndPassesFailuresOn) {
+  const Image pie = MakeElf({.interp = true, .dynamic = true, .dynEntries = {{kFlags1, kPie}}, .extraHeaders = 12});
+  MemorySource source(pie);
+  EXPECT_EQ(Sniff(pie, 512, &source), Content::ElfExecutable);
+  EXPECT_EQ(source.reads, 2);  // the program headers, then the dynamic table
+
+  const Image exec = MakeElf({.type = 2});
+  MemorySource none(exec);
+  EXPECT_EQ(Sniff(exec, 512, &none), Content::ElfExecutable);
+  EXPECT_EQ(none.reads, 0);
+
+  MemorySource failing(pie);
+  failing.fail = true;
+  Content content = Content::PeLibrary;
+  EXPECT_EQ(SniffContent(std::span(pie.data(), 512), &failing, &content), zel::result::MediaError);
+
+  // Without a source, what the head cannot tell stays a library.
+  EXPECT_EQ(SniffContent(std::span(pie.data(), 512), nullptr, &content), zel::result::NoError);
+  EXPECT_EQ(content, Content::ElfSharedObject);
+}
+
+TEST(ContentSniffer, ShebangNamesTheInterpreter) {
+  const struct {
+    const char* line;
+    Content expected;
+  } cases[] = {
+      {"#!/bin/sh\n", Content::ShellScript},
+      {"#! /bin/bash -e\n", Content::ShellScript},
+      {"#!/usr/bin/dash", Content::ShellScript},
+      {"#!/bin/zsh\r\n", Content::ShellScript},
+      {"#!/usr/bin/python3\n", Content::PythonScript},
+      {"#!/usr/bin/python3.11 -I\n", Content::PythonScript},
+      {"#!/usr/bin/env python\n", Content::PythonScript},
+      {"#!/usr/bin/env -S python3 -u\n", Content::PythonScript},
+      {"#!/usr/bin/env -i PYTHONPATH=/x python3\n", Content::PythonScript},
+      {"#!/usr/bin/env -u HOME perl\n", Content::PerlScript},
+      {"#!/usr/bin/perl -w\n", Content::PerlScript},
+      {"#!/usr/bin/perl5.36\n", Content::PerlScript},
+      {"#!/usr/bin/ruby\n", Content::RubyScript},
+      {"#!/usr/bin/env ruby3.1\n", Content::RubyScript},
+      {"#!/usr/bin/node\n", Content::NodeScript},
+      {"#!/usr/bin/env nodejs\n", Content::NodeScript},
+      {"#!/usr/bin/awk -f\n", Content::Unknown},
+      {"#!/usr/bin/pythonic\n", Content::Unknown},
+      {"#!/usr/bin/env\n", Content::Unknown},
+      {"#!\n/bin/sh\n", Content::Unknown},
+      {"#!/bin/shell\n", Content::Unknown},
+      {"# /bin/sh\n", Content::Unknown},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ScriptInterpreter(c.line), c.expected) << c.line;
+    EXPECT_EQ(Sniff(FromText(c.line)), c.expected) << c.line;
+  }
+}
+
+// A local file header with the given first entry name and extra field.
+Image MakeZip(std::string_view name, const Image& extra = {}) {
+  Image image = FromText(std::string_view("PK\x03\x04", 4));
+  image.resize(30, 0);
+  Put(image, 26, name.size(), 2);
+  Put(image, 28, extra.size(), 2);
+  image.insert(image.end(), name.begin(), name.end());
+  image.insert(image.end(), extra.begin(), extra.end());
+  image.resize(image.size() + 16, 0);
+  return image;
+}
+
+TEST(ContentSniffer, ZipIsAJarOnlyWhenItsFirstEntrySaysSo) {
+  Image cafe;
+  Put(cafe, 0, 0x5455, 2);  // an unrelated extra block first
+  Put(cafe, 2, 5, 2);
+  cafe.resize(9, 0);
+  Put(cafe, 9, 0xCAFE, 2);
+  Put(cafe, 11, 0, 2);
+  const struct {
+    const char* name;
+    Image image;
+    Content expected;
+  } cases[] = {
+      {"plain", MakeZip("readme.txt"), Content::Zip},
+      {"manifest directory", MakeZip("META-INF/"), Content::Jar},
+      {"manifest file", MakeZip("META-INF/MANIFEST.MF"), Content::Jar},
+      {"0xCAFE extra block", MakeZip("a/B.class", cafe), Content::Jar},
+      {"empty archive", FromText(std::string_view("PK\x05\x06\0\0\0\0", 8)), Content::Zip},
+      {"spanned archive", FromText(std::string_view("PK\x07\x08", 4)), Content::Zip},
+      {"header cut short", FromText(std::string_view("PK\x03\x04\x14\0", 6)), Content::Zip},
+      {"not a ZIP", FromText("PK\x01\x02"), Content::Unknown},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Sniff(c.image), c.expected) << c.name;
+}
+
+TEST(ContentSniffer, PythonBytecodeMagic) {
+  const struct {
+    std::uint16_t magic;
+    const char* tail;
+    Content expected;
+  } cases[] = {
+      {3531, "\r\n", Content::PythonBytecode},   // 3.12
+      {3413, "\r\n", Content::PythonBytecode},   // 3.8
+      {62211, "\r\n", Content::PythonBytecode},  // 2.7
+      {3531, "\n\r", Content::Unknown},
+      {2999, "\r\n", Content::Unknown},
+      {4000, "\r\n", Content::Unknown},
+      {62212, "\r\n", Content::Unknown},
+  };
+  for (const auto& c : cases) {
+    Image image;
+    Put(image, 0, c.magic, 2);
+    image.push_back(static_cast<std::uint8_t>(c.tail[0]));
+    image.push_back(static_cast<std::uint8_t>(c.tail[1]));
+    image.resize(16, 0);
+    EXPECT_EQ(Sniff(image), c.expected) << c.magic;
+  }
+}
+
+Image MakePe(std::uint32_t lfanew, std::uint16_t characteristics, bool signature = true) {
+  Image image = FromText("MZ");
+  image.resize(0x40, 0);
+  Put(image, 0x3C, lfanew, 4);
+  if (signature) {
+    Put(image, lfanew, 0x00004550, 4);  // "PE\0\0"
+    Put(image, lfanew + 22, characteristics, 2);
+  }
+  image.resize(std::max<std::size_t>(image.size(), lfanew + 24 + 200), 0);
+  return image;
+}
+
+TEST(ContentSniffer, PeImagesByTheirFileHeader) {
+  const struct {
+    const char* name;
+    Image image;
+    Content expected;
+  } cases[] = {
+      {"executable", MakePe(0x80, 0x0102), Content::PeExecutable},
+      {"library", MakePe(0x80, 0x2102), Content::PeLibrary},
+      {"header past the head", MakePe(0x1000, 0x2102), Content::PeLibrary},
+      {"DOS program without PE header", MakePe(0x80, 0, false), Content::Unknown},
+      {"e_lfanew out of reach", MakePe(0x100000, 0x0102, false), Content::Unknown},
+      {"e_lfanew inside the MZ magic", MakePe(2, 0, false), Content::Unknown},
+      {"MZ too short", FromText("MZ\x90"), Content::Unknown},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Sniff(c.image), c.expected) << c.name;
+}
+
+TEST(ContentSniffer, EmptyAndOrdinaryTextAreUnknown) {
+  EXPECT_EQ(Sniff({}), Content::Unknown);
+  EXPECT_EQ(Sniff(FromText("hello world\n")), Content::Unknown);
+  EXPECT_EQ(Sniff(FromText("\x7f" "EL")), Content::Unknown);
+}
+
+}  // namespace
