@@ -24,6 +24,12 @@ struct SerObjId<app_ctrl::ControllerServiceSettings> {
 };
 }  // namespace zel
 
+// The module's own tools and the shared settings update read as one
+// namespace at the call sites, so the logged expression names the call.
+namespace tov::app_control::tools {
+using ::tools::UpdateServiceSettingsSync;
+}  // namespace tov::app_control::tools
+
 namespace tov::app_control {
 namespace {
 
@@ -69,9 +75,7 @@ int AppControlTaskCallbacks::CreateEngineTask(const app_ctrl::EnterpriseApplicat
                             Get<zel::IServiceLocator>(), &parameters, 0, reinterpret_cast<void**>(m_pdkTask.Ref()));
   if (parameters.descriptor != nullptr) parameters.descriptor->Release();
   creator.Reset();
-  if (ZEL_FAILED(r)) {
-    throw zel::CheckResultFailedException(__FILE__, __LINE__, "Expression failed", r) << "Cannot create EAC task";
-  }
+  ZEL_CHECK_RESULT_THROW(r, "Cannot create EAC task");
   return 0;
 }
 
@@ -100,10 +104,8 @@ zel::result_t AppControlTaskCallbacks::ApplySettings(const tov::settings::AppCon
 zel::result_t AppControlTaskCallbacks::SetSettings(const tov::settings::AppControlSettings* settings) {
   ZEL_TRACE(GetTracer(), Info) << "SetSettings" << "() ";
   zel::RefPtr<app_ctrl::ISettings> pdkSettings;
-  const zel::result_t queried = zel::CheckResultLog(
-      GetTracer(), m_pdkTask->QueryInterface(app_ctrl::ISettings::iid, reinterpret_cast<void**>(pdkSettings.Ref())),
-      __FILE__, __LINE__, "zel::QueryInterface(m_pdkTask, pdkSettings.Ref())", "Cannot query ISettings from EAC task");
-  if (ZEL_FAILED(queried)) return queried;
+  ZEL_CHECK_RESULT_LOG_RETURN(GetTracer(), zel::QueryInterface(m_pdkTask, pdkSettings.Ref()),
+                              "Cannot query ISettings from EAC task");
   app_ctrl::ISettings* engineSettings = pdkSettings.Get();
   return ApplySettings(settings, [engineSettings](app_ctrl::EnterpriseApplicationControlSettings* s) {
     return engineSettings->SetSettings(s);
@@ -116,13 +118,9 @@ zel::result_t AppControlTaskCallbacks::AddProductTrustedPrograms() {
   auto modifier = [programs](exclude::applications::ExclusionList& list) {
     return tools::MergeTrustedPrograms(list, programs);
   };
-  const zel::result_t r = zel::CheckResultLog(
-      GetTracer(),
-      ::tools::UpdateServiceSettingsSync<exclude::applications::ExclusionList>(
-          GetTracer(), GetServiceLocator(), exclude::applications::eCLSID, modifier),
-      __FILE__, __LINE__,
-      "tools::UpdateServiceSettingsSync(GetTracer(), GetServiceLocator(), exclude::applications::eCLSID, modifier)");
-  return ZEL_FAILED(r) ? r : zel::result::NoError;
+  ZEL_CHECK_RESULT_LOG_RETURN(
+      GetTracer(), tools::UpdateServiceSettingsSync(GetTracer(), GetServiceLocator(), exclude::applications::eCLSID, modifier));
+  return zel::result::NoError;
 }
 
 zel::result_t AppControlTaskCallbacks::Start(TaskSessionId sessionId, ITaskStopEvents* taskStopNotifier) {
@@ -349,14 +347,9 @@ zel::result_t AppControlTask::DisableZyph() {
     settings.useCloudReputation = false;
     return true;
   };
-  const zel::result_t r = zel::CheckResultLog(
-      GetTracer(),
-      ::tools::UpdateServiceSettingsSync<app_ctrl::ControllerServiceSettings>(
-          GetTracer(), GetServiceLocator(), app_ctrl::CLSID_ENT_APP_CONTROLLER, modifier),
-      __FILE__, __LINE__,
-      "tools::UpdateServiceSettingsSync(GetTracer(), GetServiceLocator(), app_ctrl::CLSID_ENT_APP_CONTROLLER, "
-      "modifier)");
-  return ZEL_FAILED(r) ? r : zel::result::NoError;
+  ZEL_CHECK_RESULT_LOG_RETURN(GetTracer(), tools::UpdateServiceSettingsSync(GetTracer(), GetServiceLocator(),
+                                                                           app_ctrl::CLSID_ENT_APP_CONTROLLER, modifier));
+  return zel::result::NoError;
 }
 
 }  // namespace tov::app_control

@@ -5,9 +5,6 @@
 
 namespace tov::app_control::AppControlSdMapNamespace {
 namespace {
-constexpr zel::result_t kNotImplemented = static_cast<zel::result_t>(0x80000043u);
-constexpr zel::result_t kNotFound = static_cast<zel::result_t>(0x8000004Cu);
-constexpr zel::result_t kInvalidArgument = static_cast<zel::result_t>(0x80000046u);
 
 // Set during static initialisation, like the descriptor's own rows.
 const zel::TypeDescriptor* const g_applicationIdsDescriptor = zel::StaticTypeDescriptor<ApplicationIds>::Get();
@@ -17,7 +14,7 @@ TypeDescriptorStaticRegistry::TypeDescriptorStaticRegistry(zel::IServiceLocator*
     : ObjectRootEx(serviceLocator) {}
 
 zel::result_t TypeDescriptorStaticRegistry::GetRegisteredIds(zel::types::vector_t<std::uint32_t>* ids) {
-  if (ids == nullptr) return kInvalidArgument;
+  if (ids == nullptr) return zel::result::InvalidArgument;
   try {
     // A vector without any room gets exactly the one slot needed.
     if (ids->capacity() == 0) ids->reserve(1);
@@ -30,8 +27,8 @@ zel::result_t TypeDescriptorStaticRegistry::GetRegisteredIds(zel::types::vector_
 
 zel::result_t TypeDescriptorStaticRegistry::FindDescriptor(std::uint32_t serId,
                                                            const zel::TypeDescriptor** descriptor) {
-  if (serId != ApplicationIds::SerId) return kNotFound;
-  if (descriptor == nullptr) return kInvalidArgument;
+  if (serId != ApplicationIds::SerId) return zel::result::NotFound;
+  if (descriptor == nullptr) return zel::result::InvalidArgument;
   *descriptor = g_applicationIdsDescriptor;
   return 0;
 }
@@ -41,13 +38,13 @@ zel::result_t TypeDescriptorStaticRegistry::FindStructDescriptor(std::uint32_t s
   return FindDescriptor(serId, descriptor);
 }
 
-zel::result_t TypeDescriptorStaticRegistry::RegisterDescriptor(const zel::TypeDescriptor*) { return kNotImplemented; }
-zel::result_t TypeDescriptorStaticRegistry::UnregisterDescriptor(std::uint32_t) { return kNotImplemented; }
-zel::result_t TypeDescriptorStaticRegistry::RegisterProvider(zel::IMetaInfoProvider*) { return kNotImplemented; }
-zel::result_t TypeDescriptorStaticRegistry::UnregisterProvider(zel::IMetaInfoProvider*) { return kNotImplemented; }
+zel::result_t TypeDescriptorStaticRegistry::RegisterDescriptor(const zel::TypeDescriptor*) { return zel::result::NotImplemented; }
+zel::result_t TypeDescriptorStaticRegistry::UnregisterDescriptor(std::uint32_t) { return zel::result::NotImplemented; }
+zel::result_t TypeDescriptorStaticRegistry::RegisterProvider(zel::IMetaInfoProvider*) { return zel::result::NotImplemented; }
+zel::result_t TypeDescriptorStaticRegistry::UnregisterProvider(zel::IMetaInfoProvider*) { return zel::result::NotImplemented; }
 zel::result_t TypeDescriptorStaticRegistry::FindDescriptorByName(const char*, const zel::TypeDescriptor**) {
-  return kNotImplemented;
+  return zel::result::NotImplemented;
 }
-zel::result_t TypeDescriptorStaticRegistry::GetDescriptorCount(std::uint32_t*) { return kNotImplemented; }
+zel::result_t TypeDescriptorStaticRegistry::GetDescriptorCount(std::uint32_t*) { return zel::result::NotImplemented; }
 
 }  // namespace tov::app_control::AppControlSdMapNamespace

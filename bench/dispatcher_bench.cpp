@@ -24,7 +24,7 @@ class NullSink final : public IApplicationStartLogEvents {
   std::uint32_t Release() override { return --m_refs; }
   zel::result_t QueryInterface(zel::iid_t, void** out) override {
     *out = nullptr;
-    return static_cast<zel::result_t>(0x80000001u);
+    return zel::result::InterfaceNotSupported;
   }
   zel::result_t OnApplicationStartLogged(const void* e) override {
     benchmark::DoNotOptimize(e);

@@ -45,7 +45,7 @@ class CountingPublisher final : public tov::INonRemoteEventPublisher {
  public:
   std::uint32_t AddRef() override { return ++m_refs; }
   std::uint32_t Release() override { return --m_refs; }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return static_cast<zel::result_t>(0x80000001u); }
+  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
   zel::result_t PublishEvent(tov::RuntimeEvent* event) override {
     benchmark::DoNotOptimize(event->runtimeFields.size());
     ++published;

@@ -16,7 +16,6 @@ namespace {
 
 using detail::InterfacePtr;
 
-constexpr zel::result_t kInvalidArgument = static_cast<zel::result_t>(0x80000046u);
 constexpr zel::SerializationMode SerMode = 0;
 
 // Gives back what Serialize allocated, whatever happens after it.
@@ -56,7 +55,7 @@ zel::result_t AnyToBlob(zel::IServiceLocator* sl, const zel::anydescrptr& data, 
   InterfacePtr<zel::ITracer> tracer;
   zel::GetInterface(sl, tracer.Ref());  // a missing tracer only silences the checks
 
-  ZEL_CHECK_BOOL_LOG_RETURN(tracer, data.IsValid(), kInvalidArgument, "Data refers to nullptr");
+  ZEL_CHECK_BOOL_LOG_RETURN(tracer, data.IsValid(), zel::result::InvalidArgument, "Data refers to nullptr");
 
   InterfacePtr<zel::IBinarySerializer> serializer;
   ZEL_CHECK_RESULT_LOG_RETURN(tracer, zel::GetInterface(sl, serializer.Ref()),
@@ -69,7 +68,7 @@ zel::result_t AnyToBlob(zel::IServiceLocator* sl, const zel::anydescrptr& data, 
   std::uint32_t len = 0;
   ZEL_CHECK_RESULT_LOG_RETURN(tracer, serializer->Serialize(data, alloc, &ptr, len, SerMode),
                               "Cannot serialize data");
-  if (len != 0 && ptr == nullptr) return kInvalidArgument;
+  if (len != 0 && ptr == nullptr) return zel::result::InvalidArgument;
   AssignBytes(blob, ptr, len);
   return 0;
 }
@@ -78,7 +77,7 @@ zel::result_t AnyFromBlob(zel::IServiceLocator* sl, const BlobRange& blob, const
   InterfacePtr<zel::ITracer> tracer;
   zel::GetInterface(sl, tracer.Ref());
 
-  ZEL_CHECK_BOOL_LOG_RETURN(tracer, data.IsValid(), kInvalidArgument, "Data refers to nullptr");
+  ZEL_CHECK_BOOL_LOG_RETURN(tracer, data.IsValid(), zel::result::InvalidArgument, "Data refers to nullptr");
 
   InterfacePtr<zel::IBinarySerializer> serializer;
   ZEL_CHECK_RESULT_LOG_RETURN(tracer, zel::GetInterface(sl, serializer.Ref()),
@@ -127,7 +126,7 @@ zel::result_t AnyToXmlBlob(zel::IServiceLocator* sl, const zel::anydescrptr& dat
   ZEL_CHECK_RESULT_LOG_RETURN(tracer, zel::GetInterface(sl, serializer.Ref()));
   ZEL_CHECK_RESULT_LOG_RETURN(tracer, serializer->Serialize(data, node, 0, 0));
   // A serialiser that claims success without a node leaves nothing to flush.
-  if (!node) return kInvalidArgument;
+  if (!node) return zel::result::InvalidArgument;
   ZEL_CHECK_RESULT_LOG_RETURN(tracer, node->Flush());
 
   buffer.swap(result);

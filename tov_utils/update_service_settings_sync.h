@@ -36,6 +36,28 @@ zel::result_t UpdateServiceSettingsSync(zel::ITracer* tracer, zel::IServiceLocat
 }
 
 namespace detail {
+// The record a typed modifier (a lambda taking `Settings&`) works on.
+template <class F>
+struct ModifiedRecord : ModifiedRecord<decltype(&F::operator())> {};
+template <class C, class R, class S>
+struct ModifiedRecord<R (C::*)(S&) const> {
+  using type = S;
+};
+template <class C, class R, class S>
+struct ModifiedRecord<R (C::*)(S&)> {
+  using type = S;
+};
+}  // namespace detail
+
+// The same, with the record type taken from the modifier's parameter.
+template <class Modifier>
+zel::result_t UpdateServiceSettingsSync(zel::ITracer* tracer, zel::IServiceLocator* sl, std::uint32_t serviceKey,
+                                        Modifier modifier, bool sync = true) {
+  return UpdateServiceSettingsSync<typename detail::ModifiedRecord<Modifier>::type>(tracer, sl, serviceKey,
+                                                                                     std::move(modifier), sync);
+}
+
+namespace detail {
 
 // One pass per attempt, each from a freshly read record; a write refused
 // because the revision moved on starts over, as often as it takes: the other

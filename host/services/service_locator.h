@@ -32,7 +32,7 @@ class ServiceLocator final : public OwnedObject<ServiceLocator, zel::IServiceLoc
   void Remove(zel::iid_t iid, std::uint32_t serviceKey = 0);
 
   // Fault injection: answer `iid` with `code` (and a null pointer).
-  void Refuse(zel::iid_t iid, zel::result_t code = static_cast<zel::result_t>(0x80000001u));
+  void Refuse(zel::iid_t iid, zel::result_t code = zel::result::InterfaceNotSupported);
   void Allow(zel::iid_t iid);
 
   std::uint64_t Requests(zel::iid_t iid) const;

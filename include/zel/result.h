@@ -23,6 +23,8 @@ namespace result {
 // Codes in use that deliberately have no text of their own.
 inline constexpr result_t EmptyMemoryChunkOperation = static_cast<result_t>(0x800000C2u);
 inline constexpr result_t LinkTargetTooLong = static_cast<result_t>(0xAD280004u);
+// The service manager's: the stored revision moved on since the caller read it.
+inline constexpr result_t SettingsRevisionChanged = static_cast<result_t>(0xA6430004u);
 // Facility 6 carries a raw errno in its low 16 bits.
 inline constexpr std::uint32_t ErrnoFacilityBase = 0x80060000u;
 }  // namespace result

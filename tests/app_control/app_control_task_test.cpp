@@ -24,7 +24,7 @@ namespace ac = tov::app_control;
 using app_core::task_manager::task::ITask;
 using testing::ElementsAre;
 
-constexpr zel::result_t kFailure = static_cast<zel::result_t>(0x80000005u);
+constexpr zel::result_t kFailure = zel::result::UnspecifiedError;
 constexpr app_ctrl::CategoryId kBrowsers{{1, 2, 3, 4}};
 
 class AppControlTaskTest : public testsupport::ModuleFixture {
@@ -185,7 +185,7 @@ TEST_F(AppControlTaskTest, StartUnwindsInReverseOrder) {
        {"ssm.Read:controller", "Subscribe", "engine.Start", "Unsubscribe"},
        "AppControlTaskCallbacks::app_control/app_control_task.cpp:"},
       {"engine throws", [](AppControlTaskTest& t) { t.engineTask.throwOnStart = true; },
-       static_cast<zel::result_t>(0x80000151u), {"ssm.Read:controller", "Subscribe", "engine.Start", "Unsubscribe"},
+       zel::result::ExceptionHasNoResultCode, {"ssm.Read:controller", "Subscribe", "engine.Start", "Unsubscribe"},
        "engine start threw"},
   };
   ASSERT_EQ(Create(), 0);
@@ -280,10 +280,10 @@ TEST_F(AppControlTaskTest, NewSettingsReachTheRunningEngineTask) {
   EXPECT_TRUE(Traced("(modifier(&eacSettings)),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000005"));
 
   engineTask.offersSettings = false;
-  EXPECT_EQ(SettingsFace()->SetSettings(&settings), static_cast<zel::result_t>(0x80000001u));
+  EXPECT_EQ(SettingsFace()->SetSettings(&settings), zel::result::InterfaceNotSupported);
   EXPECT_TRUE(Traced("(zel::QueryInterface(m_pdkTask, pdkSettings.Ref())),(ZEL_SUCCEEDED(_result)) failed: "
                      "result = 0x80000001 (Interface not supported)Cannot query ISettings from EAC task"));
-  EXPECT_EQ(SettingsFace()->GetSettings(&settings), static_cast<zel::result_t>(0x80000043u));
+  EXPECT_EQ(SettingsFace()->GetSettings(&settings), zel::result::NotImplemented);
 }
 
 // ---- events --------------------------------------------------------------------------

@@ -20,8 +20,8 @@ using testsupport::Journal;
 using testsupport::RecordingSink;
 using Strings = std::vector<std::string>;
 
-constexpr zel::result_t kNotFound = static_cast<zel::result_t>(0x8000004Cu);
-constexpr zel::result_t kOutOfMemory = static_cast<zel::result_t>(0x80000041u);
+constexpr zel::result_t kNotFound = zel::result::NotFound;
+constexpr zel::result_t kOutOfMemory = zel::result::OutOfMemory;
 
 const void* Arg(std::uintptr_t n) { return reinterpret_cast<const void*>(n); }
 
@@ -63,8 +63,8 @@ TEST_F(DispatcherTest, NoSubscribersCallsNothingAndSucceeds) {
 TEST_F(DispatcherTest, EachOperationReachesTheSameOperationOfEverySinkInOrder) {
   ASSERT_EQ(subscription->Subscribe(&a), 0);
   ASSERT_EQ(subscription->Subscribe(&b), 0);
-  b.answer = static_cast<zel::result_t>(0x80000046u);  // a failing sink changes nothing
-  a.answer = static_cast<zel::result_t>(0x80000046u);
+  b.answer = zel::result::InvalidArgument;  // a failing sink changes nothing
+  a.answer = zel::result::InvalidArgument;
 
   EXPECT_EQ(events->OnApplicationStartLogged(Arg(7)), 0);
   EXPECT_EQ(events->OnApplicationStartBacklog(Arg(8)), 0);
@@ -180,7 +180,7 @@ class CountingSink final : public IApplicationStartLogEvents {
   std::uint32_t Release() override { return --refs; }
   zel::result_t QueryInterface(zel::iid_t, void** out) override {
     *out = nullptr;
-    return static_cast<zel::result_t>(0x80000001u);
+    return zel::result::InterfaceNotSupported;
   }
   zel::result_t OnApplicationStartLogged(const void*) override { return ++calls, 0; }
   zel::result_t OnApplicationStartBacklog(const void*) override { return ++calls, 0; }

@@ -19,9 +19,9 @@ using testsupport::IBar;
 using testsupport::IFoo;
 using testsupport::LifeCounters;
 
-constexpr zel::result_t kNoInterface = static_cast<zel::result_t>(0x80000001u);
-constexpr zel::result_t kNotImplemented = static_cast<zel::result_t>(0x80000043u);
-constexpr zel::result_t kClassNotFound = static_cast<zel::result_t>(0x80000100u);
+constexpr zel::result_t kNoInterface = zel::result::InterfaceNotSupported;
+constexpr zel::result_t kNotImplemented = zel::result::NotImplemented;
+constexpr zel::result_t kClassNotFound = zel::result::ClassNotFound;
 
 using EntryTest = testsupport::ModuleFixture;
 
@@ -113,7 +113,7 @@ TEST_F(EntryTest, InterfaceZeroIsTheFirstInterfaceAndFacesShareOneCount) {
 
 TEST_F(EntryTest, MissingAllocatorIsReturnedAsItIs) {
   auto factory = Factory(ac::kAppStartLogEventsDispatcherClassId);
-  const auto refused = static_cast<zel::result_t>(0x80000061u);
+  const auto refused = zel::result::AccessDenied;
   locator.Refuse(zel::IAllocator::iid, refused);
   void* out = &out;
   EXPECT_EQ(factory->CreateInstance(&locator, 0, &out), refused);
@@ -127,7 +127,7 @@ TEST_F(EntryTest, AllocatorRefusingTheBlockIsOutOfMemory) {
   auto factory = Factory(ac::kAppStartLogEventsDispatcherClassId);
   allocator.FailAfter(0);
   void* out = nullptr;
-  EXPECT_EQ(factory->CreateInstance(&locator, 0, &out), static_cast<zel::result_t>(0x80000041u));
+  EXPECT_EQ(factory->CreateInstance(&locator, 0, &out), zel::result::OutOfMemory);
   factory.Reset();
   ExpectAllReturned();
 }
@@ -214,7 +214,7 @@ TEST_F(FlavourTest, QueryInterfaceMissTouchesTheOutputOnlyInTheCountedFlavours) 
 TEST_F(FlavourTest, ThrowingConstructorIsTracedOnceWithThePrefixAndLeavesNothing) {
   LocatedThing::throwInConstructor = true;
   void* out = &out;
-  EXPECT_EQ(CreateLocated(IFoo::iid, &out), static_cast<zel::result_t>(0x80000046u));
+  EXPECT_EQ(CreateLocated(IFoo::iid, &out), zel::result::InvalidArgument);
   EXPECT_EQ(out, &out);
   EXPECT_EQ(LocatedThing::counters.constructed.load(), 0);
   const auto lines = tracer.Lines();
@@ -224,7 +224,7 @@ TEST_F(FlavourTest, ThrowingConstructorIsTracedOnceWithThePrefixAndLeavesNothing
 }
 
 TEST_F(FlavourTest, FailedFinalConstructDestroysTheObjectAndGivesItsCode) {
-  LocatedThing::finalConstructResult = static_cast<zel::result_t>(0x8000006Au);
+  LocatedThing::finalConstructResult = zel::result::InvalidState;
   void* out = &out;
   EXPECT_EQ(CreateLocated(0, &out), LocatedThing::finalConstructResult);
   EXPECT_EQ(out, &out);

@@ -13,8 +13,8 @@
 namespace {
 
 using tov::app_control::ApplicationIds;
-constexpr zel::result_t kNotImplemented = static_cast<zel::result_t>(0x80000043u);
-constexpr zel::result_t kNotFound = static_cast<zel::result_t>(0x8000004Cu);
+constexpr zel::result_t kNotImplemented = zel::result::NotImplemented;
+constexpr zel::result_t kNotFound = zel::result::NotFound;
 
 class RegistryTest : public ::testing::Test {
  protected:
@@ -51,7 +51,7 @@ TEST_F(RegistryTest, AnswersBothInterfacesAsTabled) {
   zel::RefPtr<zel::IMetaInfoProvider> provider;
   ASSERT_EQ(registry->QueryInterface(0xFE7DA4E6, reinterpret_cast<void**>(provider.Ref())), 0);
   p = &p;
-  EXPECT_EQ(registry->QueryInterface(0x12345678, &p), static_cast<zel::result_t>(0x80000001u));
+  EXPECT_EQ(registry->QueryInterface(0x12345678, &p), zel::result::InterfaceNotSupported);
   EXPECT_EQ(p, nullptr);
 
   const zel::TypeDescriptor* d = nullptr;
@@ -98,7 +98,7 @@ TEST_F(RegistryTest, RegisteredIds) {
   host::CountingAllocator refusing;
   zel::types::vector_t<std::uint32_t> none(&refusing);
   refusing.FailAfter(0);
-  EXPECT_EQ(registry->GetRegisteredIds(&none), static_cast<zel::result_t>(0x80000041u));
+  EXPECT_EQ(registry->GetRegisteredIds(&none), zel::result::OutOfMemory);
 }
 
 TEST_F(RegistryTest, ConstructorNeedsTheAllocatorASecondTime) {
@@ -110,11 +110,11 @@ TEST_F(RegistryTest, ConstructorNeedsTheAllocatorASecondTime) {
     std::uint32_t Release() override { return 1; }
     zel::result_t QueryInterface(zel::iid_t, void** out) override {
       *out = nullptr;
-      return static_cast<zel::result_t>(0x80000001u);
+      return zel::result::InterfaceNotSupported;
     }
     zel::result_t GetInterface(zel::iid_t iid, std::uint32_t, void** out) override {
       *out = nullptr;
-      if (iid != zel::IAllocator::iid || served++ > 0) return static_cast<zel::result_t>(0x80000001u);
+      if (iid != zel::IAllocator::iid || served++ > 0) return zel::result::InterfaceNotSupported;
       alloc->AddRef();
       *out = alloc;
       return 0;
@@ -122,7 +122,7 @@ TEST_F(RegistryTest, ConstructorNeedsTheAllocatorASecondTime) {
   } once;
   once.alloc = &alloc;
   void* out = nullptr;
-  EXPECT_EQ(factory->CreateInstance(&once, 0, &out), static_cast<zel::result_t>(0x80000001u));
+  EXPECT_EQ(factory->CreateInstance(&once, 0, &out), zel::result::InterfaceNotSupported);
   EXPECT_EQ(out, nullptr);
   EXPECT_EQ(once.served, 2);
   EXPECT_EQ(alloc.LiveBlocks(), 0);

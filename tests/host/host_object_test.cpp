@@ -67,7 +67,7 @@ TEST(HostObject, EachIdGivesItsFaceAndAMissWritesNull) {
 
   int sentinel = 0;
   void* out = &sentinel;
-  EXPECT_EQ(object->QueryInterface(0x1F1F0003, &out), static_cast<zel::result_t>(0x80000001u));
+  EXPECT_EQ(object->QueryInterface(0x1F1F0003, &out), zel::result::InterfaceNotSupported);
   EXPECT_EQ(out, nullptr);
   EXPECT_EQ(object->QueryInterface(IFirst::iid, nullptr), zel::result::InvalidArgument);
 }

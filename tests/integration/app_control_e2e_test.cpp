@@ -180,7 +180,7 @@ TEST_F(AppControlE2eTest, ProgramStartsBecomeTheirEvents) {
   settingsFace.Reset();
   ASSERT_EQ(task->Stop(), 0);
   EXPECT_EQ(services.engine.Subscribers(), 0u);
-  EXPECT_EQ(services.engine.SubmitProgramStart({(dir / "other").string(), 0, 0}), static_cast<zel::result_t>(0x80000063u))
+  EXPECT_EQ(services.engine.SubmitProgramStart({(dir / "other").string(), 0, 0}), zel::result::NotReady)
       << "a stopped engine task decides nothing";
 }
 

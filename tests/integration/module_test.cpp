@@ -23,7 +23,7 @@ using app_ctrl::IApplicationStartLogEvents;
 using app_ctrl::IApplicationStartLogEventsSubscription;
 
 constexpr std::uint32_t kDispatcherClass = 0xA17CCC95;
-constexpr zel::result_t kNoInterface = static_cast<zel::result_t>(0x80000001u);
+constexpr zel::result_t kNoInterface = zel::result::InterfaceNotSupported;
 
 std::set<std::string> DefinedDynamicSymbols(const std::string& path) {
   std::set<std::string> names;
@@ -66,12 +66,12 @@ class ModuleTest : public ::testing::Test {
 
 TEST_F(ModuleTest, UnknownClassesAreRefusedWithEachEntryPointsCode) {
   auto* factory = reinterpret_cast<zel::IObjectFactory*>(0x1);
-  EXPECT_EQ(module.GetObjectFactory(&locator, 0x12345678, &factory), static_cast<zel::result_t>(0x80000043u));
+  EXPECT_EQ(module.GetObjectFactory(&locator, 0x12345678, &factory), zel::result::NotImplemented);
   EXPECT_EQ(factory, nullptr);
 
   auto* object = reinterpret_cast<zel::IObject*>(0x1);
   void* arguments[2] = {&locator, nullptr};
-  EXPECT_EQ(module.CreateObject(0x12345678, arguments, &object), static_cast<zel::result_t>(0x80000100u));
+  EXPECT_EQ(module.CreateObject(0x12345678, arguments, &object), zel::result::ClassNotFound);
   EXPECT_EQ(object, reinterpret_cast<zel::IObject*>(0x1));
   EXPECT_EQ(module.CanUnload(), 0);
 }
@@ -123,7 +123,7 @@ TEST_F(ModuleTest, DispatcherFansEventsOutInOrder) {
   ASSERT_EQ(subscription->Subscribe(&second), 0);
   EXPECT_EQ(events->OnApplicationStartLogged(reinterpret_cast<const void*>(1)), 0);
   ASSERT_EQ(subscription->Unsubscribe(&first), 0);
-  EXPECT_EQ(subscription->Unsubscribe(&first), static_cast<zel::result_t>(0x8000004Cu));
+  EXPECT_EQ(subscription->Unsubscribe(&first), zel::result::NotFound);
   EXPECT_EQ(events->OnApplicationStartLogLost(reinterpret_cast<const void*>(2)), 0);
   EXPECT_EQ(journal.entries, (std::vector<std::string>{"first:logged:1", "second:logged:1", "second:lost:2"}));
 

@@ -69,7 +69,7 @@ class FakeEngineTask final : public TestOwned<app_core::task_manager::task::ITas
     } else if (iid == app_ctrl::ISettings::iid && offersSettings) {
       *out = static_cast<app_ctrl::ISettings*>(this);
     } else {
-      return static_cast<zel::result_t>(0x80000001u);
+      return zel::result::InterfaceNotSupported;
     }
     AddRef();
     return 0;
@@ -112,7 +112,7 @@ class FakeEngineObjectCreator final : public TestOwned<IEngineObjectCreator> {
 
   std::uint32_t AddRef() override { return Count(1); }
   std::uint32_t Release() override { return Count(-1); }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return static_cast<zel::result_t>(0x80000001u); }
+  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
 
   zel::result_t CreateObject(std::uint32_t classId, zel::iid_t iid, zel::IServiceLocator*,
                              const EngineObjectParameters* parameters, std::uintptr_t, void** out) override {
@@ -143,7 +143,7 @@ class FakeSubscription final : public TestOwned<app_ctrl::IEnterpriseApplication
 
   std::uint32_t AddRef() override { return Count(1); }
   std::uint32_t Release() override { return Count(-1); }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return static_cast<zel::result_t>(0x80000001u); }
+  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
 
   zel::result_t Subscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override {
     m_journal.Add("Subscribe");
@@ -161,7 +161,7 @@ class FakeSubscription final : public TestOwned<app_ctrl::IEnterpriseApplication
         return 0;
       }
     }
-    return static_cast<zel::result_t>(0x8000004Cu);
+    return zel::result::NotFound;
   }
 
   zel::result_t subscribeResult = 0;
@@ -179,7 +179,7 @@ class FakeServiceManager final : public TestOwned<app_core::facade::IServiceMana
 
   std::uint32_t AddRef() override { return Count(1); }
   std::uint32_t Release() override { return Count(-1); }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return static_cast<zel::result_t>(0x80000001u); }
+  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
 
   zel::result_t GetServiceSettings(std::uint32_t, app_core::facade::SettingsHolder*) override { return Unused(); }
   zel::result_t SetServiceSettings(std::uint32_t, std::uint32_t, const app_core::facade::SettingsHolder*) override {
@@ -243,7 +243,7 @@ class FakeServiceManager final : public TestOwned<app_core::facade::IServiceMana
   }
   zel::result_t Unused() {
     m_journal.Add("ssm.unexpected");
-    return static_cast<zel::result_t>(0x80000043u);
+    return zel::result::NotImplemented;
   }
   CallJournal& m_journal;
   zel::result_t lastFault = 0;
@@ -254,7 +254,7 @@ class FakeProcessObject final : public TestOwned<IProcessObject> {
   explicit FakeProcessObject(ProcessDescription description) : description(std::move(description)) {}
   std::uint32_t AddRef() override { return Count(1); }
   std::uint32_t Release() override { return Count(-1); }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return static_cast<zel::result_t>(0x80000001u); }
+  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
   zel::result_t GetDescription(ProcessDescription* out) override {
     if (failWith < 0) return failWith;
     *out = description;
@@ -269,15 +269,15 @@ class FakeProcessRegistry final : public TestOwned<IProcessRegistry> {
  public:
   std::uint32_t AddRef() override { return Count(1); }
   std::uint32_t Release() override { return Count(-1); }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return static_cast<zel::result_t>(0x80000001u); }
+  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
 
-  zel::result_t GetUniqueId(std::uint32_t, std::uint64_t*) override { return static_cast<zel::result_t>(0x80000043u); }
+  zel::result_t GetUniqueId(std::uint32_t, std::uint64_t*) override { return zel::result::NotImplemented; }
   zel::result_t GetProcessByPid(std::uint32_t, IProcessObject**) override {
-    return static_cast<zel::result_t>(0x80000043u);
+    return zel::result::NotImplemented;
   }
   zel::result_t GetProcess(const std::uint64_t* uniqueId, IProcessObject** process) override {
     const auto it = processes.find(*uniqueId);
-    if (it == processes.end()) return static_cast<zel::result_t>(0x8000004Cu);
+    if (it == processes.end()) return zel::result::NotFound;
     it->second->AddRef();
     *process = it->second.get();
     return 0;

@@ -21,7 +21,7 @@
 
 namespace testsupport {
 
-inline constexpr zel::result_t kFakeFailure = static_cast<zel::result_t>(0x8000004Bu);
+inline constexpr zel::result_t kFakeFailure = zel::result::UnspecifiedError;
 
 // AddRef/Release/QueryInterface for a service that the test owns.
 template <class I>
@@ -36,7 +36,7 @@ class StackService : public I {
       return 0;
     }
     *out = nullptr;
-    return static_cast<zel::result_t>(0x80000001u);
+    return zel::result::InterfaceNotSupported;
   }
   // References handed out and not yet given back.
   std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
@@ -72,7 +72,7 @@ class FakeBinarySerializer final : public StackService<zel::IBinarySerializer> {
     return serializeResult;
   }
   zel::result_t SerializeTo(const zel::anydescrptr&, unsigned char*, std::uint32_t&, zel::SerializationMode) override {
-    return static_cast<zel::result_t>(0x80000043u);
+    return zel::result::NotImplemented;
   }
   zel::result_t Deserialize(const zel::byte_range_t& blob, const zel::anydescrptr& data, std::uint32_t& len,
                             zel::SerializationMode) override {
@@ -105,7 +105,7 @@ class FakeStorageNode final : public zel::IStorageNode {
       return 0;
     }
     *out = nullptr;
-    return static_cast<zel::result_t>(0x80000001u);
+    return zel::result::InterfaceNotSupported;
   }
 
   zel::result_t GetName(const char**) override { return kNotUsed; }
@@ -128,7 +128,7 @@ class FakeStorageNode final : public zel::IStorageNode {
 
  private:
   static constexpr zel::iid_t iid_t_value = zel::IStorageNode::iid;
-  static constexpr zel::result_t kNotUsed = static_cast<zel::result_t>(0x80000043u);
+  static constexpr zel::result_t kNotUsed = zel::result::NotImplemented;
 
   ~FakeStorageNode() { --*m_alive; }
 
@@ -184,13 +184,13 @@ class FakeStorageSerializer2 final : public StackService<zel::IStorageSerializer
   zel::result_t Serialize(const zel::anydescrptr& data, zel::IStorageNode* node, std::uint32_t, void*) override {
     ++serializeCalls;
     lastObject = data.get();
-    if (node == nullptr) return static_cast<zel::result_t>(0x80000046u);
+    if (node == nullptr) return zel::result::InvalidArgument;
     return serializeResult;
   }
   zel::result_t Deserialize(const zel::anydescrptr& data, zel::IStorageNode* node, Flags, void*) override {
     ++deserializeCalls;
     lastObject = data.get();
-    if (node == nullptr) return static_cast<zel::result_t>(0x80000046u);
+    if (node == nullptr) return zel::result::InvalidArgument;
     return deserializeResult;
   }
 };
@@ -202,14 +202,14 @@ class FakeMetaInfoProvider final : public StackService<zel::IMetaInfoProvider> {
   int findCalls = 0;
   zel::result_t FindDescriptor(std::uint32_t serId, const zel::TypeDescriptor** descriptor) override {
     ++findCalls;
-    if (known == nullptr || known->serId != serId) return static_cast<zel::result_t>(0x8000004Cu);
+    if (known == nullptr || known->serId != serId) return zel::result::NotFound;
     *descriptor = known;
     return 0;
   }
   zel::result_t FindDescriptorByName(const char*, const zel::TypeDescriptor**) override {
-    return static_cast<zel::result_t>(0x80000043u);
+    return zel::result::NotImplemented;
   }
-  zel::result_t GetDescriptorCount(std::uint32_t*) override { return static_cast<zel::result_t>(0x80000043u); }
+  zel::result_t GetDescriptorCount(std::uint32_t*) override { return zel::result::NotImplemented; }
 };
 
 }  // namespace testsupport

@@ -39,7 +39,7 @@ class RecordingSink final : public app_ctrl::IApplicationStartLogEvents {
       return 0;
     }
     *out = nullptr;
-    return static_cast<zel::result_t>(0x80000001u);
+    return zel::result::InterfaceNotSupported;
   }
 
   zel::result_t OnApplicationStartLogged(const void* event) override { return Record("logged", event); }

@@ -74,7 +74,7 @@ TEST_F(BlobToolsTest, AnyToBlobCopiesExactlyTheBytesAndFreesThem) {
 
 TEST_F(BlobToolsTest, AnyToBlobFailuresLeaveTheBlob) {
   const zel::anydescrptr empty;
-  EXPECT_EQ(tools::AnyToBlob(&locator, empty, old), static_cast<zel::result_t>(0x80000046u));
+  EXPECT_EQ(tools::AnyToBlob(&locator, empty, old), zel::result::InvalidArgument);
   EXPECT_EQ(binary.serializeCalls, 0) << "the serialiser is not asked for";
   EXPECT_NE(OnlyLine().find("blob_tools.cpp:"), std::string::npos);
   EXPECT_NE(OnlyLine().find("(data.IsValid()),(bool) failed: result = falseData refers to nullptr"),
@@ -100,7 +100,7 @@ TEST_F(BlobToolsTest, AnyToBlobFailuresLeaveTheBlob) {
 
   locator.Refuse(zel::IBinarySerializer::iid);
   locator.Refuse(zel::ITracer::iid);  // no tracer: silent, same result
-  EXPECT_EQ(tools::AnyToBlob(&locator, data, old), static_cast<zel::result_t>(0x80000001u));
+  EXPECT_EQ(tools::AnyToBlob(&locator, data, old), zel::result::InterfaceNotSupported);
   EXPECT_TRUE(tracer.Lines().empty());
   locator.Allow(zel::ITracer::iid);
   locator.Allow(zel::IBinarySerializer::iid);
@@ -140,12 +140,12 @@ TEST_F(BlobToolsTest, AnyToXmlBlobFillsTheBufferOnlyOnSuccess) {
 
   factory.flushResult = 0;
   factory.giveNode = false;  // the serialiser meets a null node and fails
-  EXPECT_EQ(tools::AnyToXmlBlob(&locator, data, old), static_cast<zel::result_t>(0x80000046u));
+  EXPECT_EQ(tools::AnyToXmlBlob(&locator, data, old), zel::result::InvalidArgument);
   EXPECT_NE(OnlyLine().find("(serializer->Serialize(data, node, 0, 0))"), std::string::npos);
   tracer.Clear();
 
   locator.Refuse(zel::IXmlStorageFactory::iid);
-  EXPECT_EQ(tools::AnyToXmlBlob(&locator, data, old), static_cast<zel::result_t>(0x80000046u));
+  EXPECT_EQ(tools::AnyToXmlBlob(&locator, data, old), zel::result::InvalidArgument);
   locator.Allow(zel::IXmlStorageFactory::iid);
   EXPECT_EQ(Old(), "<root>x</root>");
   EXPECT_EQ(zel::ModuleLockCount.load(), lockBefore);

@@ -24,7 +24,7 @@ struct SettingsHolder {
 };
 
 // The stored revision moved on since the caller read it: read again.
-inline constexpr zel::result_t kSettingsRevisionChanged = static_cast<zel::result_t>(0xA6430004u);
+inline constexpr zel::result_t kSettingsRevisionChanged = zel::result::SettingsRevisionChanged;
 
 class IServiceManager : public zel::IObject {
  public:

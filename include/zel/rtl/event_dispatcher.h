@@ -39,11 +39,11 @@ result_t GuardListChange(F&& change) {
   try {
     return change();
   } catch (const std::bad_alloc&) {
-    return static_cast<result_t>(0x80000041u);
+    return result::OutOfMemory;
   } catch (const std::length_error&) {
-    return static_cast<result_t>(0x8000005Cu);
+    return result::InvalidSize;
   } catch (const std::exception&) {
-    return static_cast<result_t>(0x80000151u);
+    return result::ExceptionHasNoResultCode;
   }
   // Anything else is not ours to convert and goes on to the caller.
 }
@@ -75,7 +75,7 @@ class EventDispatcher : public Subscription {
 
   result_t Subscribe(Events* sink) override {
     // A null sink would only fail later, inside somebody else's delivery.
-    if (sink == nullptr) return static_cast<result_t>(0x80000046u);
+    if (sink == nullptr) return result::InvalidArgument;
     RefPtr<Events> hold(sink);
     SubscriberList* old = nullptr;
     const result_t r = detail::GuardListChange([&]() -> result_t {
@@ -106,7 +106,7 @@ class EventDispatcher : public Subscription {
       auto& sinks = m_list->sinks;
       std::size_t index = 0;
       while (index < sinks.size() && sinks[index] != sink) ++index;
-      if (index == sinks.size()) return static_cast<result_t>(0x8000004Cu);
+      if (index == sinks.size()) return result::NotFound;
       if (m_list->count.load(std::memory_order_seq_cst) == 1) {
         Events* removed = sinks[index];
         for (std::size_t i = index + 1; i < sinks.size(); ++i) sinks[i - 1] = sinks[i];

@@ -139,7 +139,7 @@ class ObjectImpl final : public Lifetime<ObjectImpl<T, Allocator, Lifetime>, T>,
 
   result_t QueryInterface(iid_t iid, void** out) override {
     IObject* face = Table::Find(this, iid);
-    if (face == nullptr) return static_cast<result_t>(0x80000001u);  // *out stays as it was
+    if (face == nullptr) return result::InterfaceNotSupported;  // *out stays as it was
     this->IncrementRef();
     *out = face;
     return 0;
@@ -310,7 +310,7 @@ class Object final : public ObjectModuleAutoLockTyped<T>, public T {
   result_t QueryInterface(iid_t iid, void** out) override {
     IObject* face = Table::Find(this, iid);
     *out = face;
-    if (face == nullptr) return static_cast<result_t>(0x80000001u);
+    if (face == nullptr) return result::InterfaceNotSupported;
     face->AddRef();
     return 0;
   }
@@ -333,7 +333,7 @@ class GenericObjectFactory : public ObjectRootEx<NoServiceStrategy>, public IObj
   using interfaces = InterfaceList<IObjectFactory>;
 
   result_t CreateInstance(IServiceLocator* serviceLocator, iid_t iid, void** out) override {
-    if (serviceLocator == nullptr) return static_cast<result_t>(0x80000046u);
+    if (serviceLocator == nullptr) return result::InvalidArgument;
     try {
       RefPtr<IAllocator> allocator;
       const result_t r = GetInterface(serviceLocator, allocator.Ref());

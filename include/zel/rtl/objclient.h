@@ -83,6 +83,16 @@ result_t GetInterface(IServiceLocator* serviceLocator, std::uint32_t serviceKey,
   return GetInterface(serviceLocator, out, serviceKey);
 }
 
+// Asks `from` for I into a holder's slot (RefPtr::Ref()); *out is null on
+// failure. The result is the object's own.
+template <class From, class I>
+result_t QueryInterface(const RefPtr<From>& from, I** out) {
+  void* p = nullptr;
+  const result_t r = from->QueryInterface(I::iid, &p);
+  *out = ZEL_SUCCEEDED(r) ? static_cast<I*>(p) : nullptr;
+  return r;
+}
+
 namespace detail {
 [[noreturn]] void ThrowGetInterfaceException(const char* file, int line, iid_t iid, std::uint32_t serviceKey,
                                              result_t result);
@@ -106,7 +116,7 @@ class RequiredInterfaceHolder : NonCopyable {
   explicit RequiredInterfaceHolder(IServiceLocator* serviceLocator) {
     if constexpr (std::is_same_v<Y, IServiceLocator>) {
       if (serviceLocator == nullptr) {
-        ThrowGetInterfaceException(__FILE__, __LINE__, 0, 0, static_cast<result_t>(0x80000046u));
+        ThrowGetInterfaceException(__FILE__, __LINE__, 0, 0, result::InvalidArgument);
       }
       m_ptr = RefPtr<Y>(serviceLocator);
     } else {

@@ -38,9 +38,6 @@ struct ExternalStorageTraits {
 
 namespace detail {
 
-inline constexpr result_t kAccessDenied = static_cast<result_t>(0x80000042u);
-inline constexpr result_t kInvalidArgument = static_cast<result_t>(0x80000046u);
-
 template <class Store>
 class MemoryIOStorageReadOnly {
  public:
@@ -53,7 +50,7 @@ class MemoryIOStorageReadOnly {
     const std::uint64_t remaining = size - m_position;
     const std::uint32_t n = remaining < count ? static_cast<std::uint32_t>(remaining) : count;
     if (n == 0) return 0;
-    if (buffer == nullptr) return kInvalidArgument;
+    if (buffer == nullptr) return result::InvalidArgument;
     std::memcpy(buffer, Data() + m_position, n);
     m_position += n;
     if (read != nullptr) *read = n;
@@ -62,7 +59,7 @@ class MemoryIOStorageReadOnly {
 
   result_t Write(const void*, std::uint32_t, std::uint32_t* written) noexcept {
     if (written != nullptr) *written = 0;
-    return kAccessDenied;
+    return result::NotSupported;
   }
 
   result_t Seek(std::uint32_t origin, std::int64_t offset, std::uint64_t* position) noexcept {
@@ -73,7 +70,7 @@ class MemoryIOStorageReadOnly {
       case seek_origin::End: {
         base = origin == seek_origin::Current ? m_position : Size();
         std::uint64_t target = 0;
-        if (!AddOffset(base, offset, target)) return kInvalidArgument;
+        if (!AddOffset(base, offset, target)) return result::InvalidArgument;
         m_position = target;
         break;
       }
@@ -84,18 +81,18 @@ class MemoryIOStorageReadOnly {
   }
 
   result_t Tell(std::uint64_t* position) noexcept {
-    if (position == nullptr) return kInvalidArgument;
+    if (position == nullptr) return result::InvalidArgument;
     *position = m_position;
     return 0;
   }
 
   result_t GetSize(std::uint64_t* size) noexcept {
-    if (size == nullptr) return kInvalidArgument;
+    if (size == nullptr) return result::InvalidArgument;
     *size = Size();
     return 0;
   }
 
-  result_t SetSize(std::uint64_t) noexcept { return kAccessDenied; }
+  result_t SetSize(std::uint64_t) noexcept { return result::NotSupported; }
 
   result_t Flush() noexcept { return 0; }
 
@@ -128,7 +125,7 @@ class MemoryIOStorageWritable : public MemoryIOStorageReadOnly<Store> {
   using MemoryIOStorageReadOnly<Store>::MemoryIOStorageReadOnly;
 
   result_t Write(const void* buffer, std::uint32_t count, std::uint32_t* written) noexcept {
-    return WriteWith(buffer, count, written, [](std::uint64_t) noexcept { return kAccessDenied; });
+    return WriteWith(buffer, count, written, [](std::uint64_t) noexcept { return result::NotSupported; });
   }
 
  protected:
@@ -138,7 +135,7 @@ class MemoryIOStorageWritable : public MemoryIOStorageReadOnly<Store> {
   result_t WriteWith(const void* buffer, std::uint32_t count, std::uint32_t* written, SetSizeFn setSize) noexcept {
     if (written != nullptr) *written = 0;
     std::uint64_t end = 0;
-    if (!this->AddOffset(this->m_position, count, end)) return kInvalidArgument;
+    if (!this->AddOffset(this->m_position, count, end)) return result::InvalidArgument;
     const std::uint64_t size = this->Size();
     if (end > size) {
       result_t r;
@@ -147,7 +144,7 @@ class MemoryIOStorageWritable : public MemoryIOStorageReadOnly<Store> {
       } catch (...) {
         return ResultFromCurrentException(nullptr, nullptr);
       }
-      if (r == kAccessDenied) {
+      if (r == result::NotSupported) {
         if (this->m_position >= size) return r;
         count = static_cast<std::uint32_t>(size - this->m_position);
       } else if (ZEL_FAILED(r)) {
@@ -155,7 +152,7 @@ class MemoryIOStorageWritable : public MemoryIOStorageReadOnly<Store> {
       }
     }
     if (count == 0) return 0;
-    if (buffer == nullptr) return kInvalidArgument;
+    if (buffer == nullptr) return result::InvalidArgument;
     std::memcpy(this->m_store->begin() + this->m_position, buffer, count);
     this->m_position += count;
     if (written != nullptr) *written = count;
@@ -216,7 +213,7 @@ class MemoryIO : public IIO, public Storage {
 
 template <class Storage, class Store>
 result_t CreateIo(Store* store, IIO** io) {
-  if (io == nullptr) return kInvalidArgument;
+  if (io == nullptr) return result::InvalidArgument;
   *io = nullptr;
   try {
     *io = new Object<MemoryIO<Storage>, SimpleObjectFactory>(store);

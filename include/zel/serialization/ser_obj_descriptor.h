@@ -62,12 +62,10 @@ class SerObjDescriptorImpl : public SerObjDescriptorHelper {
 template <class V>
 class SerVectorHelperImpl : public SerVectorHelper {
   using Element = typename V::value_type;
-  static constexpr result_t kInvalidArgument = static_cast<result_t>(0x80000046u);
-  static constexpr result_t kNotFound = static_cast<result_t>(0x8000004Cu);
 
  public:
   result_t Resize(void* vector, std::uint32_t count) override {
-    if (vector == nullptr) return kInvalidArgument;
+    if (vector == nullptr) return result::InvalidArgument;
     try {
       // vector_t grows to max(2 * old count, new count), at least 4, and
       // value-initialises the new elements.
@@ -79,32 +77,32 @@ class SerVectorHelperImpl : public SerVectorHelper {
   }
 
   result_t GetCount(const void* vector, std::uint32_t* count) override {
-    if (vector == nullptr || count == nullptr) return kInvalidArgument;
+    if (vector == nullptr || count == nullptr) return result::InvalidArgument;
     *count = static_cast<std::uint32_t>(static_cast<const V*>(vector)->size());
     return 0;
   }
 
   result_t GetElement(void* vector, std::uint32_t index, void** element) override {
-    if (vector == nullptr || element == nullptr) return kInvalidArgument;
+    if (vector == nullptr || element == nullptr) return result::InvalidArgument;
     V& v = *static_cast<V*>(vector);
-    if (index >= v.size()) return kInvalidArgument;
+    if (index >= v.size()) return result::InvalidArgument;
     *element = &v[index];
     return 0;
   }
 
   result_t GetElementDescriptor(const TypeDescriptor** descriptor) override {
-    if (descriptor == nullptr) return kInvalidArgument;
+    if (descriptor == nullptr) return result::InvalidArgument;
     if constexpr (requires { StaticTypeDescriptor<Element>::Get(); }) {
       *descriptor = StaticTypeDescriptor<Element>::Get();
       return 0;
     } else {
       *descriptor = nullptr;
-      return kNotFound;
+      return result::NotFound;
     }
   }
 
   result_t GetElementSize(std::uint32_t* size) override {
-    if (size == nullptr) return kInvalidArgument;
+    if (size == nullptr) return result::InvalidArgument;
     *size = static_cast<std::uint32_t>(sizeof(Element));
     return 0;
   }

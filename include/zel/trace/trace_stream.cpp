@@ -37,7 +37,7 @@ bool TraceStream::Reserve(std::uint64_t n) noexcept {
   const std::uint64_t newCapacity = std::max(need, doubled);
   ITracer* tracer = m_record->tracer;
   const result_t r = tracer != nullptr ? tracer->AllocLine(kGrowLevel, m_record, newCapacity)
-                                       : static_cast<result_t>(0x80000042u);
+                                       : result::NotSupported;
   if (r == 0 && m_record->buffer != nullptr) {
     m_capacity = newCapacity;
     m_buffer = m_record->buffer;

@@ -16,7 +16,7 @@ using namespace engine_test;
 using app_core::task_manager::task::ITask;
 using app_ctrl::EnginePrincipal;
 
-constexpr zel::result_t kRefused = static_cast<zel::result_t>(0x80000045u);
+constexpr zel::result_t kRefused = zel::result::AccessDenied;
 
 app_ctrl::EnterpriseApplicationControlSettings BlockToolsSettings() {
   app_ctrl::EnterpriseApplicationControlSettings s;
@@ -58,15 +58,15 @@ TEST_F(EngineTest, CreatorChecksClassAndHolder) {
   EngineObjectParameters holder{&settings, app_ctrl::kEacSettingsSerId, nullptr};
   void* out = reinterpret_cast<void*>(1);
   EXPECT_EQ(services.creator.CreateObject(0x12345678, ITask::iid, nullptr, &holder, 0, &out),
-            static_cast<zel::result_t>(0x80000100u));
+            zel::result::ClassNotFound);
   EXPECT_EQ(out, nullptr);
   EngineObjectParameters wrongType{&settings, 0x471C26B1 /* the product settings: a wrong type */, nullptr};
   EXPECT_EQ(services.creator.CreateObject(app_ctrl::kEacTaskClassId, ITask::iid, nullptr, &wrongType, 0, &out),
-            static_cast<zel::result_t>(0x80000103u));
+            zel::result::WrongSettingsType);
   EXPECT_EQ(services.creator.CreateObject(app_ctrl::kEacTaskClassId, ITask::iid, nullptr, nullptr, 0, &out),
-            static_cast<zel::result_t>(0x80000101u));
+            zel::result::SettingsAreRequired);
   EXPECT_EQ(services.creator.CreateObject(app_ctrl::kEacTaskClassId, 0x0BADF00D, nullptr, &holder, 0, &out),
-            static_cast<zel::result_t>(0x80000001u));
+            zel::result::InterfaceNotSupported);
   EXPECT_EQ(services.engine.LiveTasks(), 0u);  // the task refused by its iid is gone again
 }
 
@@ -100,7 +100,7 @@ TEST_F(EngineTest, TaskHoldsACopyOfItsRulesAndTakesNewOnes) {
 TEST_F(EngineTest, DeliversDecisionsOnTheEngineThread) {
   ASSERT_EQ(services.engine.Subscribe(&sink), 0);
   zel::RefPtr<ITask> task = CreateTask(BlockToolsSettings());
-  ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, 0}), static_cast<zel::result_t>(0x80000063u));
+  ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, 0}), zel::result::NotReady);
   ASSERT_EQ(task->Start(1, nullptr), 0);
   EXPECT_EQ(task->Start(1, nullptr), 1);  // already running
 
@@ -132,7 +132,7 @@ TEST_F(EngineTest, DeliversDecisionsOnTheEngineThread) {
   ASSERT_EQ(task->Resume(), 0);
 
   ASSERT_EQ(services.engine.Unsubscribe(&sink), 0);
-  EXPECT_EQ(services.engine.Unsubscribe(&sink), static_cast<zel::result_t>(0x8000004Cu));
+  EXPECT_EQ(services.engine.Unsubscribe(&sink), zel::result::NotFound);
   ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, 0}), 0);
   services.engine.WaitIdle();
   EXPECT_EQ(sink.Calls().size(), 2u);
@@ -189,7 +189,7 @@ TEST_F(EngineTest, FaultInjection) {
   // A second task cannot start while the first one runs.
   zel::RefPtr<ITask> second = CreateTask(BlockToolsSettings());
   ASSERT_EQ(task->Start(1, nullptr), 0);
-  EXPECT_EQ(second->Start(2, nullptr), static_cast<zel::result_t>(0x8000006Au));
+  EXPECT_EQ(second->Start(2, nullptr), zel::result::InvalidState);
   ASSERT_EQ(task->Stop(), 0);
 }
 
@@ -214,7 +214,7 @@ TEST_F(EngineTest, ServicesThroughTheLocator) {
   EXPECT_EQ(d.taskType.view(), u"AppControl");
   EXPECT_EQ(services.tasks.LastCredentials()->userName.view(), u"root");
   EXPECT_EQ(registry->GetTaskByName(zel::wstring_t(u"application_control"), &d, credentials),
-            static_cast<zel::result_t>(0x8000004Cu));
+            zel::result::NotFound);
   services.tasks.FailWith(kRefused);
   EXPECT_EQ(registry->GetTaskById(21, &d, credentials), kRefused);
   registry.Reset();

@@ -128,7 +128,7 @@ class RecordingSink final : public app_ctrl::IEnterpriseApplicationControlEvents
   std::uint32_t Release() override { return --m_refs; }
   zel::result_t QueryInterface(zel::iid_t, void** out) override {
     *out = nullptr;
-    return static_cast<zel::result_t>(0x80000001u);
+    return zel::result::InterfaceNotSupported;
   }
   zel::result_t OnApplicationControl(const app_ctrl::ApplicationStartInfo* info,
                                      const app_ctrl::ApplicationCategoryInfo* category,

@@ -81,17 +81,17 @@ TEST(EventPublisher, WritesOneExactJsonLine) {
 TEST(EventPublisher, FaultInjectionLosesTheEvent) {
   host::EventPublisher publisher;
   tov::RuntimeEvent event = SampleEvent();
-  publisher.FailWith(static_cast<zel::result_t>(0x80000059u), 2);
-  EXPECT_EQ(publisher.PublishEvent(&event), static_cast<zel::result_t>(0x80000059u));
-  EXPECT_EQ(publisher.PublishEvent(&event), static_cast<zel::result_t>(0x80000059u));
+  publisher.FailWith(zel::result::MediaError, 2);
+  EXPECT_EQ(publisher.PublishEvent(&event), zel::result::MediaError);
+  EXPECT_EQ(publisher.PublishEvent(&event), zel::result::MediaError);
   EXPECT_EQ(publisher.Count(), 0u);
   EXPECT_EQ(publisher.PublishEvent(&event), 0);  // the count ran out
-  publisher.FailWith(static_cast<zel::result_t>(0x80000040u));
+  publisher.FailWith(zel::result::Unexpected);
   for (int i = 0; i < 3; ++i) EXPECT_LT(publisher.PublishEvent(&event), 0);
   publisher.StopFailing();
   EXPECT_EQ(publisher.PublishEvent(&event), 0);
   EXPECT_EQ(publisher.Count(), 2u);
-  EXPECT_EQ(publisher.PublishEvent(nullptr), static_cast<zel::result_t>(0x80000046u));
+  EXPECT_EQ(publisher.PublishEvent(nullptr), zel::result::InvalidArgument);
 }
 
 }  // namespace

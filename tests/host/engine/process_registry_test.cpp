@@ -48,10 +48,10 @@ TEST(ProcessRegistry, DescribesTheTestProcess) {
   // Same pid, another start time: a different process.
   const std::uint64_t stale = self + (1ull << host::ProcessRegistry::kPidBits);
   zel::RefPtr<IProcessObject> none;
-  EXPECT_EQ(registry.GetProcess(&stale, none.Ref()), static_cast<zel::result_t>(0x8000004Cu));
+  EXPECT_EQ(registry.GetProcess(&stale, none.Ref()), zel::result::NotFound);
   EXPECT_FALSE(none);
   const std::uint64_t zero = 0;
-  EXPECT_EQ(registry.GetProcess(&zero, none.Ref()), static_cast<zel::result_t>(0x8000004Cu));
+  EXPECT_EQ(registry.GetProcess(&zero, none.Ref()), zel::result::NotFound);
 }
 
 TEST(ProcessRegistry, ParsesCommandNamesWithParenthesesAndBlanks) {
@@ -76,8 +76,8 @@ TEST(ProcessRegistry, ParsesCommandNamesWithParenthesesAndBlanks) {
   EXPECT_EQ(d.parentUniqueId, 0u);
 
   proc.Write("43/stat", "43 (truncated) S 1 2");
-  EXPECT_EQ(registry.GetUniqueId(43, &id), static_cast<zel::result_t>(0x8000004Cu));
-  EXPECT_EQ(registry.GetUniqueId(44, &id), static_cast<zel::result_t>(0x8000004Cu));
+  EXPECT_EQ(registry.GetUniqueId(43, &id), zel::result::NotFound);
+  EXPECT_EQ(registry.GetUniqueId(44, &id), zel::result::NotFound);
 }
 
 }  // namespace

@@ -28,18 +28,18 @@ class MetaInfo final : public zel::IMetaInfoProvider {
   std::uint32_t Release() override { return 1; }
   zel::result_t QueryInterface(zel::iid_t, void** out) override {
     *out = nullptr;
-    return static_cast<zel::result_t>(0x80000001u);
+    return zel::result::InterfaceNotSupported;
   }
   zel::result_t FindDescriptor(std::uint32_t serId, const zel::TypeDescriptor** descriptor) override {
     const auto it = m_known.find(serId);
-    if (it == m_known.end()) return static_cast<zel::result_t>(0x8000004Cu);
+    if (it == m_known.end()) return zel::result::NotFound;
     *descriptor = it->second;
     return 0;
   }
   zel::result_t FindDescriptorByName(const char*, const zel::TypeDescriptor**) override {
-    return static_cast<zel::result_t>(0x80000043u);
+    return zel::result::NotImplemented;
   }
-  zel::result_t GetDescriptorCount(std::uint32_t*) override { return static_cast<zel::result_t>(0x80000043u); }
+  zel::result_t GetDescriptorCount(std::uint32_t*) override { return zel::result::NotImplemented; }
 
   void Forget(std::uint32_t serId) { m_known.erase(serId); }
 

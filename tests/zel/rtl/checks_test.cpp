@@ -13,8 +13,8 @@ namespace {
 using host::CollectingTracer;
 using zel::result_t;
 
-constexpr result_t kInvalidArgument = static_cast<result_t>(0x80000046u);
-constexpr result_t kInvalidState = static_cast<result_t>(0x8000006Au);
+constexpr result_t kInvalidArgument = zel::result::InvalidArgument;
+constexpr result_t kInvalidState = zel::result::InvalidState;
 
 std::string At(int line) { return std::string(__FILE__) + ":" + std::to_string(line); }
 

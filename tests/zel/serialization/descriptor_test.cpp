@@ -83,7 +83,7 @@ TEST(SerVectorHelperImplTest, BoundsNullsAndGrowth) {
   std::uint32_t n = 99;
   void* element = nullptr;
   const zel::TypeDescriptor* d = &g_pointDescriptor;
-  constexpr zel::result_t kInvalid = static_cast<zel::result_t>(0x80000046u);
+  constexpr zel::result_t kInvalid = zel::result::InvalidArgument;
 
   EXPECT_EQ(h.Resize(nullptr, 1), kInvalid);
   EXPECT_EQ(h.GetCount(&v, nullptr), kInvalid);
@@ -99,7 +99,7 @@ TEST(SerVectorHelperImplTest, BoundsNullsAndGrowth) {
   EXPECT_EQ(h.GetElement(&v, 10, &element), kInvalid);
   EXPECT_EQ(h.GetElement(&v, 9, &element), 0);
   EXPECT_EQ(element, &v[9]);
-  EXPECT_EQ(h.GetElementDescriptor(&d), static_cast<zel::result_t>(0x8000004Cu));
+  EXPECT_EQ(h.GetElementDescriptor(&d), zel::result::NotFound);
   EXPECT_EQ(d, nullptr);
   EXPECT_EQ(h.GetElementSize(&n), 0);
   EXPECT_EQ(n, 8u);
@@ -107,7 +107,7 @@ TEST(SerVectorHelperImplTest, BoundsNullsAndGrowth) {
   host::CountingAllocator alloc;
   zel::types::vector_t<unsigned long> refused(&alloc);
   alloc.FailAfter(0);
-  EXPECT_EQ(h.Resize(&refused, 1), static_cast<zel::result_t>(0x80000041u)) << "out of memory becomes a code";
+  EXPECT_EQ(h.Resize(&refused, 1), zel::result::OutOfMemory) << "out of memory becomes a code";
 }
 
 TEST(AnyDescrPtrTest, CopyRules) {
@@ -154,7 +154,7 @@ class FakeRegistry final : public testsupport::StackService<zel::IStructMetaInfo
   const zel::TypeDescriptor* known = nullptr;
   zel::result_t GetRegisteredIds(zel::types::vector_t<std::uint32_t>*) override { return 0; }
   zel::result_t FindDescriptor(std::uint32_t serId, const zel::TypeDescriptor** d) override {
-    if (known == nullptr || known->serId != serId) return static_cast<zel::result_t>(0x8000004Cu);
+    if (known == nullptr || known->serId != serId) return zel::result::NotFound;
     *d = known;
     return 0;
   }
@@ -190,7 +190,7 @@ TEST(TypeLookup, ProviderFirstThenRegistryThenTexts) {
     FAIL() << "expected an exception";
   } catch (const zel::CheckResultFailedException& e) {
     EXPECT_EQ(e.GetText(), "This structure is not registered at meta info provider");
-    EXPECT_EQ(zel::GetResult(e), static_cast<zel::result_t>(0x8000004Cu));
+    EXPECT_EQ(zel::GetResult(e), zel::result::NotFound);
     EXPECT_NE(std::string(e.what()).find("zel.typeid=0x00c0ffee"), std::string::npos) << e.what();
   }
   EXPECT_EQ(provider.findCalls, 1);

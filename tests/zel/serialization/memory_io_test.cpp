@@ -12,8 +12,8 @@
 namespace {
 
 using Traits = zel::memory_io::ExternalStorageTraits;
-constexpr zel::result_t kAccessDenied = static_cast<zel::result_t>(0x80000042u);
-constexpr zel::result_t kInvalid = static_cast<zel::result_t>(0x80000046u);
+constexpr zel::result_t kAccessDenied = zel::result::NotSupported;
+constexpr zel::result_t kInvalid = zel::result::InvalidArgument;
 
 zel::RefPtr<zel::IIO> ReadWrite(Traits::Vector& v) {
   zel::RefPtr<zel::IIO> io;
@@ -41,7 +41,7 @@ TEST(MemoryIoTest, ReadIsShortAtTheEndNeverAnError) {
   EXPECT_EQ(io->Write(bytes, 1, &n), kAccessDenied);
   EXPECT_EQ(io->SetSize(3), kAccessDenied);
   void* other = &n;
-  EXPECT_EQ(io->QueryInterface(11, &other), static_cast<zel::result_t>(0x80000001u));
+  EXPECT_EQ(io->QueryInterface(11, &other), zel::result::InterfaceNotSupported);
   EXPECT_EQ(other, nullptr);
 }
 
@@ -120,10 +120,10 @@ TEST(MemoryIoTest, FailuresOfMemoryAreCodesAndLeaveTheStore) {
     auto io = ReadWrite(v);
     alloc.FailAfter(0);
     std::uint32_t n = 9;
-    EXPECT_EQ(io->Write("abc", 3, &n), static_cast<zel::result_t>(0x80000041u));
+    EXPECT_EQ(io->Write("abc", 3, &n), zel::result::OutOfMemory);
     EXPECT_EQ(n, 0u);
     EXPECT_TRUE(v.empty());
-    EXPECT_EQ(io->SetSize(std::numeric_limits<std::uint64_t>::max()), static_cast<zel::result_t>(0x8000005Cu));
+    EXPECT_EQ(io->SetSize(std::numeric_limits<std::uint64_t>::max()), zel::result::InvalidSize);
     alloc.FailAfter(-1);
   }
   EXPECT_EQ(alloc.LiveBlocks(), 0);

@@ -157,7 +157,7 @@ TEST(TraceStream, WideTextAsUtf8WithWidthInUnits) {
 
 TEST(TraceStream, ResultFormatIgnoresStreamFormat) {
   RunCases({
-      {"with text", [](TraceStream& s) { s << zel::FormatResult(static_cast<zel::result_t>(0x80000046u)); },
+      {"with text", [](TraceStream& s) { s << zel::FormatResult(zel::result::InvalidArgument); },
        "0x80000046 (Invalid argument)"},
       {"zero padded", [](TraceStream& s) { s << zel::FormatResult(1); }, "0x00000001 (False)"},
       {"null lookup", [](TraceStream& s) { s << zel::ResultFormat{0, nullptr}; }, "0x00000000"},

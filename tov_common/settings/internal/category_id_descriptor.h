@@ -24,7 +24,7 @@ template <class V>
 class CategoryIdVectorHelper final : public zel::SerVectorHelperImpl<V> {
  public:
   zel::result_t GetElementDescriptor(const zel::TypeDescriptor** descriptor) override {
-    if (descriptor == nullptr) return static_cast<zel::result_t>(0x80000046u);
+    if (descriptor == nullptr) return zel::result::InvalidArgument;
     *descriptor = CategoryIdDescriptor();
     return 0;
   }

@@ -19,18 +19,6 @@ namespace zel {
 
 namespace {
 
-constexpr result_t kNoCurrentException = static_cast<result_t>(0x80000150u);
-constexpr result_t kNoResultCode = static_cast<result_t>(0x80000151u);
-constexpr result_t kSuccessfulResultCode = static_cast<result_t>(0x80000152u);
-constexpr result_t kUnknownException = static_cast<result_t>(0x80000072u);
-constexpr result_t kOutOfMemory = static_cast<result_t>(0x80000041u);
-constexpr result_t kBadCast = static_cast<result_t>(0x80000047u);
-constexpr result_t kInvalidSize = static_cast<result_t>(0x8000005Cu);
-constexpr result_t kOutOfRange = static_cast<result_t>(0x8000005Eu);
-constexpr result_t kInvalidArgument = static_cast<result_t>(0x80000046u);
-constexpr result_t kSymbolNotFound = static_cast<result_t>(0x80010107u);
-constexpr result_t kUnspecifiedPlatformError = static_cast<result_t>(0x80010100u);
-
 // Lower-case hex digits of `value`, zero-filled to `digits`; returns the end.
 char* WriteHex(char* out, std::uint64_t value, int digits) {
   char tmp[16];
@@ -298,8 +286,8 @@ result_t ResultFromModuleError(std::string_view text) noexcept {
   const std::size_t length = std::strlen(buffer);
   if (length == 0) return 0;
   constexpr std::string_view kUndefinedSymbol = "undefined symbol:";
-  if (std::string_view(buffer, length).starts_with(kUndefinedSymbol)) return kSymbolNotFound;
-  return kUnspecifiedPlatformError;
+  if (std::string_view(buffer, length).starts_with(kUndefinedSymbol)) return result::SymbolNotFound;
+  return result::UnspecifiedPlatformError;
 }
 
 }  // namespace detail
@@ -315,12 +303,12 @@ result_t GetResult(const exception& e) noexcept {
       p != nullptr && p->typeCode == property_type::NarrowString) {
     if (auto* v = std::get_if<string_t>(&p->value)) return detail::ResultFromModuleError(v->view());
   }
-  return kNoResultCode;
+  return result::ExceptionHasNoResultCode;
 }
 
 namespace {
 
-result_t FailureOrSuccessfulCode(result_t r) noexcept { return ZEL_FAILED(r) ? r : kSuccessfulResultCode; }
+result_t FailureOrSuccessfulCode(result_t r) noexcept { return ZEL_FAILED(r) ? r : result::ExceptionWithSuccessfulResultCode; }
 
 void PrintWhat(TraceStream* stream, const char* text) noexcept {
   if (stream != nullptr) *stream << text;
@@ -336,31 +324,31 @@ result_t ResultFromException(std::exception_ptr e, TraceStream* stream) noexcept
     return FailureOrSuccessfulCode(GetResult(x));
   } catch (const Exception& x) {
     if (stream != nullptr) *stream << x;
-    return kNoResultCode;
+    return result::ExceptionHasNoResultCode;
   } catch (const exception& x) {
     PrintWhat(stream, x.what());
     return FailureOrSuccessfulCode(GetResult(x));
   } catch (const std::bad_alloc& x) {
     PrintWhat(stream, x.what());
-    return kOutOfMemory;
+    return result::OutOfMemory;
   } catch (const std::bad_cast& x) {
     PrintWhat(stream, x.what());
-    return kBadCast;
+    return result::BadCast;
   } catch (const std::length_error& x) {
     PrintWhat(stream, x.what());
-    return kInvalidSize;
+    return result::InvalidSize;
   } catch (const std::out_of_range& x) {
     PrintWhat(stream, x.what());
-    return kOutOfRange;
+    return result::OutOfRange;
   } catch (const std::invalid_argument& x) {
     PrintWhat(stream, x.what());
-    return kInvalidArgument;
+    return result::InvalidArgument;
   } catch (const std::exception& x) {
     PrintWhat(stream, x.what());
-    return kNoResultCode;
+    return result::ExceptionHasNoResultCode;
   } catch (...) {
     PrintWhat(stream, "unknown exception");
-    return kUnknownException;
+    return result::UnknownException;
   }
 }
 
@@ -386,7 +374,7 @@ result_t ResultFromCurrentException(ITracer* tracer, const char* prefix) noexcep
     }
   }
   if (tracing) TraceFlush(stream);
-  return result != 0 ? result : kNoCurrentException;
+  return result != 0 ? result : result::NoCurrentException;
 }
 
 result_t ResultFromCurrentExceptionWithLocator(IServiceLocator* serviceLocator, const char* prefix) noexcept {

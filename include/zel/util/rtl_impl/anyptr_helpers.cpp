@@ -23,7 +23,7 @@ const TypeDescriptor* GetTypeDescriptor(IServiceLocator* sl, std::uint32_t serId
   const result_t r = registry->FindDescriptor(serId, &descriptor);
   if (ZEL_FAILED(r) || descriptor == nullptr) {
     throw CheckResultFailedException(__FILE__, __LINE__, "This structure is not registered at meta info provider",
-                                     ZEL_FAILED(r) ? r : static_cast<result_t>(0x8000004Cu), serId);
+                                     ZEL_FAILED(r) ? r : result::NotFound, serId);
   }
   return descriptor;
 }
