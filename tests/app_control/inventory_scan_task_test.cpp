@@ -33,7 +33,7 @@ using tov::settings::InventoryScanSettings;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
 
-constexpr zel::result_t kFailure = static_cast<zel::result_t>(0x80000005u);
+constexpr zel::result_t kFailure = zel::result::MediaError;
 
 std::string Narrow(const zel::wstring_t& w) {
   std::string s;
@@ -190,7 +190,7 @@ TEST_F(InventoryScanTaskTest, RootsThatAreFilesLinksOrSpecialFiles) {
   // A missing root last: its failure is the notice's.
   auto second = MakeTask(Settings({Path("plain"), Path("missing")}));
   task = nullptr;
-  EXPECT_EQ(RunToEnd(second.Get()), static_cast<zel::result_t>(0x8000004Bu));
+  EXPECT_EQ(RunToEnd(second.Get()), zel::result::UnspecifiedError);
 }
 
 TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
@@ -325,7 +325,7 @@ TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo
   engine.HoldAt("hold-here");
   auto task = MakeTask(Settings({root}));
   auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
-  EXPECT_EQ(task->Resume(), static_cast<zel::result_t>(0x8000006Au));
+  EXPECT_EQ(task->Resume(), zel::result::InvalidState);
   ASSERT_EQ(task->Start(1, &stops), 0);
   engine.WaitHeld();
 
@@ -346,8 +346,8 @@ TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo
   const int calls = engine.callCount.load();
   ::usleep(20000);
   EXPECT_EQ(engine.callCount.load(), calls) << "no file while parked";
-  EXPECT_EQ(task->Pause(), static_cast<zel::result_t>(0x8000006Au));
-  EXPECT_EQ(task->Stop(), static_cast<zel::result_t>(0x8000006Au)) << "a suspended task is resumed first";
+  EXPECT_EQ(task->Pause(), zel::result::InvalidState);
+  EXPECT_EQ(task->Stop(), zel::result::InvalidState) << "a suspended task is resumed first";
 
   EXPECT_EQ(task->Resume(), 0);
   EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Started);
@@ -384,19 +384,19 @@ TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOut) {
   auto second = MakeTask(Settings({root}));
   ASSERT_EQ(first->Start(1, &stops), 0);
   engine.WaitHeld();
-  EXPECT_EQ(second->Start(2, &stops), static_cast<zel::result_t>(0x8000004Bu));
-  EXPECT_EQ(first->Start(3, &stops), static_cast<zel::result_t>(0x8000004Bu)) << "the lock answers first";
+  EXPECT_EQ(second->Start(2, &stops), zel::result::UnspecifiedError);
+  EXPECT_EQ(first->Start(3, &stops), zel::result::UnspecifiedError) << "the lock answers first";
   EXPECT_TRUE(Traced("Task with type 'InventoryScan' already runs."));
   EXPECT_TRUE(Traced("Task start is locked by another concurrent action"));
   engine.Let();
   stops.WaitFor(1);
   EXPECT_EQ(first->Stop(), 0);
   EXPECT_EQ(RunToEnd(second.Get()), 0);
-  EXPECT_EQ(first->Stop(), static_cast<zel::result_t>(0x8000006Au));
+  EXPECT_EQ(first->Stop(), zel::result::InvalidState);
 
   // Without the service nothing starts.
   locator.Refuse(ITaskTryMutex::iid);
-  EXPECT_EQ(first->Start(4, &stops), static_cast<zel::result_t>(0x8000004Bu));
+  EXPECT_EQ(first->Start(4, &stops), zel::result::UnspecifiedError);
   EXPECT_TRUE(Traced("Cannot get service for ITaskTryMutex."));
 }
 
@@ -406,7 +406,7 @@ TEST_F(InventoryScanTaskTest, StartAfterTheWorkerEndedButBeforeStopIsRefusedAndG
   ASSERT_EQ(task->Start(1, &stops), 0);
   stops.WaitFor(1);
   WaitTypeUnlocked();
-  EXPECT_EQ(task->Start(2, &stops), static_cast<zel::result_t>(0x8000006Au));
+  EXPECT_EQ(task->Start(2, &stops), zel::result::InvalidState);
   EXPECT_TRUE(Traced("Task is not stopped, session id: 2"));
   EXPECT_EQ(task->Stop(), 0);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
@@ -418,7 +418,7 @@ TEST_F(InventoryScanTaskTest, AllScopesDisabledClearsAndReportsTheUntouchedResul
   for (auto& s : settings.scanScopes) s.enabled = false;
   auto task = MakeTask(settings);
   storage.records.push_back(tov::ApplicationInfo{});  // a previous run's
-  EXPECT_EQ(RunToEnd(task.Get()), static_cast<zel::result_t>(0x8000004Bu));
+  EXPECT_EQ(RunToEnd(task.Get()), zel::result::UnspecifiedError);
   EXPECT_TRUE(storage.records.empty());
   EXPECT_EQ(engine.callCount.load(), 0);
   EXPECT_EQ(categories.puts.size(), 1u);
@@ -474,7 +474,7 @@ TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
     const int calls = engine.callCount.load();
     auto task = MakeTask(Settings({root}));
     const zel::result_t r = RunToEnd(task.Get());
-    EXPECT_EQ(r, c.walked ? 0 : static_cast<zel::result_t>(0x8000004Bu));
+    EXPECT_EQ(r, c.walked ? 0 : zel::result::UnspecifiedError);
     EXPECT_TRUE(Traced(c.traced));
     EXPECT_EQ(engine.callCount.load() > calls, c.walked);
     EXPECT_EQ(std::count(storage.journal.begin(), storage.journal.end(), "Flush"), c.flushed ? 1 : 0);
