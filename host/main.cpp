@@ -7,6 +7,10 @@
 //   run --settings S.json [--categories C.json] [--starts FILE] [PATH[:USER[:PID]]...]
 //                        application control on the given program starts
 //   categories import FILE | categories export
+//   scan [ROOT...] [--settings S.json] [--golden-image add|remove] ...
+//                        the inventory scan; SIGINT stops, SIGUSR1/SIGUSR2 pause and resume
+//   inventory [--json] [--from N --count M] [--id ID]
+//                        what the scans stored
 //
 // The commands live in host/cli/.
 #include <cstdio>
@@ -27,7 +31,10 @@ void Usage() {
                "  demo\n"
                "  run --settings SETTINGS.json [--categories CATEGORIES.json] [--starts FILE] "
                "[PATH[:USER[:PID]]...]\n"
-               "  categories import FILE | categories export\n");
+               "  categories import FILE | categories export\n"
+               "  scan [ROOT...] [--settings SCAN.json] [--mask GLOB]... [--no-first-group] [--no-second-group]\n"
+               "       [--no-exec-bit] [--golden-image add|remove] [--interval SECONDS] [--json]\n"
+               "  inventory [--json] [--from N] [--count M] [--id ID]\n");
 }
 
 }  // namespace
@@ -68,6 +75,8 @@ int main(int argc, char** argv) {
     if (command == "demo") return host::cli::RunDemo(options, args);
     if (command == "run") return host::cli::RunRules(options, args);
     if (command == "categories") return host::cli::RunCategories(options, args);
+    if (command == "scan") return host::cli::RunScan(options, args);
+    if (command == "inventory") return host::cli::RunInventory(options, args);
     std::fprintf(stderr, "acctl: unknown command '%s'\n", command.c_str());
     Usage();
     return 2;
