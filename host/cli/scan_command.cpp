@@ -399,6 +399,8 @@ int RunScan(const GlobalOptions& options, const std::vector<std::string>& argume
     description.sessionId = kScanSession;
     session.engine->tasks.Add(description, std::string());
 
+    const ModuleRecords records(module, &session.locator, *session.serialization.metaInfo);
+    if (!records.Ok()) return 1;
     auto storage = CreateModuleObject<tov::app_control::IInventoryStorage>(
         module, &session.locator, tov::app_control::kInventoryStorageClassId, "creating the inventory storage");
     if (!storage) return 1;
