@@ -23,6 +23,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <json/json.h>
@@ -95,7 +96,9 @@ class CountingInventory final : public OwnedObject<CountingInventory, tov::app_c
   }
   zel::result_t Clear() override {
     stored.store(0);
-    return m_inner->Clear();
+    const zel::result_t r = m_inner->Clear();
+    cleared.store(true);
+    return r;
   }
   // The task does not look at this result; acctl does.
   zel::result_t Flush() override {
@@ -105,6 +108,7 @@ class CountingInventory final : public OwnedObject<CountingInventory, tov::app_c
     return r;
   }
   std::atomic<std::uint64_t> stored{0};
+  std::atomic<bool> cleared{false};
   std::atomic<bool> flushed{false};
   std::atomic<zel::result_t> flushResult{0};
 
@@ -434,6 +438,12 @@ int RunScan(const GlobalOptions& options, const std::vector<std::string>& argume
         const int s = ::sigtimedwait(&signals.set, nullptr, &wait);
         if (s == SIGINT || s == SIGTERM) {
           interrupted = true;
+          // The task's Stop holds its lock across the join, and its worker
+          // takes that lock once before it clears the inventory: wait until
+          // it is past that point (or over) before stopping.
+          while (!inventory.cleared.load() && session.engine->taskStops.Count() == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+          }
           if (paused) static_cast<void>(task->Resume());  // a suspended task is resumed before it stops
           break;
         }
