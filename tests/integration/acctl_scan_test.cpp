@@ -181,6 +181,9 @@ TEST_F(AcctlScanTest, CommandLineErrors) {
   };
   const std::string settings = dir + "/bad.json";
   std::ofstream(settings) << "{\"scanScopes\": [{\"path\": \"/usr/bin\", \"colour\": 1}]}";
+  std::ofstream(dir + "/action.json") << "{\"goldenImageAction\": \"Sometimes\"}";
+  std::ofstream(dir + "/nopath.json") << "{\"scanScopes\": [{\"masks\": [\"*\"]}]}";
+  std::ofstream(dir + "/noscope.json") << "{\"scanScopes\": [{\"path\": \"/usr/bin\", \"enabled\": false}]}";
   const std::vector<Case> cases = {
       {"scan '" + dir + "/missing'", 2, dir + "/missing: No such file or directory"},
       {"scan '" + dir + "/image/true'", 2, dir + "/image/true: not a directory"},
@@ -188,6 +191,9 @@ TEST_F(AcctlScanTest, CommandLineErrors) {
       {"scan --frobnicate", 2, "unknown option --frobnicate"},
       {"scan --settings '" + settings + "'", 1, "scanScopes[0]: unknown key \"colour\""},
       {"inventory --from x", 2, "bad --from 'x'"},
+      {"scan --settings '" + dir + "/action.json'", 1, "goldenImageAction: unknown value \"Sometimes\""},
+      {"scan --settings '" + dir + "/nopath.json'", 1, "scanScopes[0]: missing key \"path\""},
+      {"scan --settings '" + dir + "/noscope.json'", 2, "no enabled scope"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args);
@@ -199,6 +205,28 @@ TEST_F(AcctlScanTest, CommandLineErrors) {
   const Outcome help = Run("scan --help");
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_NE(help.out.find("usage: acctl"), std::string::npos);
+}
+
+TEST_F(AcctlScanTest, SettingsDocumentChoosesScopesMasksAndExclusions) {
+  fs::create_directories(dir + "/image/skipped");
+  std::ofstream(dir + "/image/skipped/other.sh") << "#!/bin/sh\n";
+  std::ofstream(dir + "/scan.json") << "{\"goldenImageAction\": \"Add\", \"scanScopes\": [{\"path\": \"" + dir +
+                                           "/image\", \"masks\": [\"*.sh\"]}, {\"path\": \"/nonexistent\", "
+                                           "\"enabled\": false}], \"secondaryScopes\": [{\"path\": \"" + dir +
+                                           "/image/skipped\"}]}";
+  const Outcome scan = Run("scan --settings '" + dir + "/scan.json' --json");
+  ASSERT_EQ(scan.exitCode, 0) << scan.err;
+  const Outcome list = Run("inventory --json");
+  EXPECT_EQ(Count(list.out, "\"filePath\""), 1u) << list.out;
+  EXPECT_NE(list.out.find(dir + "/image/sub/hello.sh"), std::string::npos) << list.out;
+  EXPECT_EQ(Count(list.out, "eac00500"), 1u) << list.out;
+
+  // Roots on the command line replace the document's scopes; --mask narrows them.
+  const Outcome cli = Run("scan --settings '" + dir + "/scan.json' '" + dir + "/image' --mask 'tr*' --json");
+  ASSERT_EQ(cli.exitCode, 0) << cli.err;
+  const Outcome after = Run("inventory --json");
+  EXPECT_EQ(Count(after.out, "\"filePath\""), 1u) << after.out;
+  EXPECT_NE(after.out.find(dir + "/image/true"), std::string::npos) << after.out;
 }
 
 TEST_F(AcctlScanTest, SignalsPauseResumeAndStopTheScan) {
