@@ -26,6 +26,15 @@ bool StatAnyLength(const char* path, struct stat& st, int flags) noexcept {
   return ::fstatat(cursor.fd, cursor.Name(), &st, flags) == 0;
 }
 
+// Owns a node until the stack does, closing its directory if it never gets there.
+struct NodeCloser {
+  void operator()(DirNode* node) const noexcept {
+    if (node->dir != nullptr) ::closedir(node->dir);
+    delete node;
+  }
+};
+using NodeHolder = std::unique_ptr<DirNode, NodeCloser>;
+
 tov::NativePath Join(const tov::NativePath& directory, const char* name) {
   tov::NativePath joined;
   const std::size_t nameLength = std::strlen(name);
@@ -42,10 +51,7 @@ DirectoryEnumerator::~DirectoryEnumerator() {
   if (m_strategy != nullptr) m_strategy->Release();
 }
 
-void DirectoryEnumerator::CloseNode(DirNode* node) noexcept {
-  if (node->dir != nullptr) ::closedir(node->dir);
-  delete node;
-}
+void DirectoryEnumerator::CloseNode(DirNode* node) noexcept { NodeCloser()(node); }
 
 void DirectoryEnumerator::Close() noexcept {
   while (!m_stack.empty()) {
@@ -92,7 +98,7 @@ zel::result_t DirectoryEnumerator::Open(const tov::NativePath& path, IPathMatche
   if (m_strategy != nullptr) m_strategy->Release();
   m_strategy = strategy;
 
-  auto node = std::make_unique<DirNode>();
+  NodeHolder node(new DirNode());
   const zel::result_t r = OpenDirectory(*node, path);
   if (ZEL_FAILED(r)) return r;
   m_stack.push_back(StackEntry{node.get(), path});
@@ -137,7 +143,7 @@ bool DirectoryEnumerator::Examine() {
   if (tools::IsScannableFilesystem(AT_FDCWD, joined.c_str()) == 0) return false;
   if (m_strategy != nullptr && m_strategy->Match(joined, 1) != 0) return false;
 
-  auto node = std::make_unique<DirNode>();
+  NodeHolder node(new DirNode());
   if (ZEL_FAILED(OpenDirectory(*node, joined))) return false;
   m_stack.push_back(StackEntry{node.get(), std::move(joined)});
   node.release();
