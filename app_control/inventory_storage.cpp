@@ -72,7 +72,8 @@ InventoryStorage::InventoryStorage(zel::IServiceLocator* serviceLocator) : Objec
   ZEL_TRACE(GetTracer(), Info) << kConstructorSignature;
   const zel::result_t r = zel::GetInterface(GetServiceLocator(), m_storage.Ref());
   if (ZEL_FAILED(r)) {
-    throw zel::ResultCodeException(__FILE__, __LINE__, "Cannot get app_core::component::IKeyValueStorage", r);
+    throw zel::ResultCodeException(__FILE__, __LINE__, "Expression failed", r)
+        << "Cannot get app_core::component::IKeyValueStorage";
   }
   LoadTimestamp();
   LoadIdList();

@@ -257,7 +257,7 @@ TEST_F(InventoryStorageTest, CategoryNamesFromTheControllerSettings) {
        {u"GoldenImage", browsersText, u"not-a-category", upper, u"GoldenImage"}, nullptr},
       {"settings unreadable", {}, true, zel::result::MediaError, false, {},
        "(esm->GetServiceSettings2( app_ctrl::CLSID_ENT_APP_CONTROLLER, &settings, revision)),"
-       "(ZEL_SUCCEEDED(_result)) failed: result = 0x8000005a"},
+       "(ZEL_SUCCEEDED(_result)) failed: result = 0x80000059 (Media error)"},
       {"no service manager", {}, true, 0, true, {},
        "(zel::GetInterface(sl, esm.Ref())),(ZEL_SUCCEEDED(_result)) failed: result = "},
   };
@@ -439,8 +439,12 @@ TEST_F(InventoryStorageTest, SpoiltListOrTimestampStartsEmptyAndStillWorks) {
     SCOPED_TRACE(c.name);
     ASSERT_EQ(host.store.RemoveValue(Key("appIdList")) >= 0, true);
     ASSERT_EQ(host.store.RemoveValue(Key("timestamp")) >= 0, true);
-    if (!c.idList.empty()) ASSERT_EQ(host.store.SetValue(Key("appIdList"), Val(c.idList)), 0);
-    if (!c.timestamp.empty()) ASSERT_EQ(host.store.SetValue(Key("timestamp"), Val(c.timestamp)), 0);
+    if (!c.idList.empty()) {
+      ASSERT_EQ(host.store.SetValue(Key("appIdList"), Val(c.idList)), 0);
+    }
+    if (!c.timestamp.empty()) {
+      ASSERT_EQ(host.store.SetValue(Key("timestamp"), Val(c.timestamp)), 0);
+    }
     ASSERT_EQ(host.store.Commit(), 0);
     host.tracer.Clear();
 
@@ -475,7 +479,7 @@ TEST_F(InventoryStorageTest, NoStoreNoObject) {
   EXPECT_EQ(host.allocator.LiveBlocks(), blocks);
   const auto texts = host.tracer.Texts();
   EXPECT_TRUE(std::any_of(texts.begin(), texts.end(), [](const std::string& t) {
-    return t.find("Cannot get app_core::component::IKeyValueStorage") != std::string::npos;
+    return t.find("Cannot get app_core::component::IKeyValueStorage: 0x80000001") != std::string::npos;
   }));
   host.locator.Register<Store>(&host.store);
 }
@@ -484,10 +488,12 @@ TEST_F(InventoryStorageTest, ARecordTypeTheHostDoesNotKnowFailsTheCallNotTheProc
   Inventory inv = MakeInventory(&host.locator);
   ASSERT_TRUE(inv);
   ASSERT_EQ(host.services.metaInfo->UnregisterDescriptor(tov::ApplicationInfo::SerId), 0);
-  EXPECT_LT(inv.writer->AddInfo(App(1, u"a")), 0);
+  EXPECT_EQ(inv.writer->AddInfo(App(1, u"a")), zel::result::NotFound);
   const auto failures = host.Failures();
   ASSERT_FALSE(failures.empty());
-  EXPECT_THAT(failures.back(), HasSubstr("This structure is not registered at meta info provider"));
+  EXPECT_THAT(failures.back(),
+              testing::StartsWith("virtual result_t tov::app_control::InventoryStorage::AddInfo(const "
+                                  "tov::ApplicationInfo&) 0x8000004c (Not found). At include/zel/util/rtl_impl/"));
   host.services.metaInfo->RegisterDescriptor(zel::StaticTypeDescriptor<tov::ApplicationInfo>::Get());
 }
 
