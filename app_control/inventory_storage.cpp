@@ -72,7 +72,8 @@ InventoryStorage::InventoryStorage(zel::IServiceLocator* serviceLocator) : Objec
   ZEL_TRACE(GetTracer(), Info) << kConstructorSignature;
   const zel::result_t r = zel::GetInterface(GetServiceLocator(), m_storage.Ref());
   if (ZEL_FAILED(r)) {
-    throw zel::ResultCodeException(__FILE__, __LINE__, "Cannot get app_core::component::IKeyValueStorage", r);
+    throw zel::ResultCodeException(__FILE__, __LINE__, "Expression failed", r)
+        << "Cannot get app_core::component::IKeyValueStorage";
   }
   LoadTimestamp();
   LoadIdList();
@@ -80,12 +81,8 @@ InventoryStorage::InventoryStorage(zel::IServiceLocator* serviceLocator) : Objec
 
 InventoryStorage::~InventoryStorage() {
   ZEL_TRACE(GetTracer(), Info) << "tov::app_control::InventoryStorage::~InventoryStorage()";
-  try {
-    std::lock_guard lock(m_mutex);
-    static_cast<void>(FlushLocked());
-  } catch (...) {
-    static_cast<void>(zel::ResultFromCurrentException(GetTracer(), "tov::app_control::InventoryStorage::~InventoryStorage()"));
-  }
+  // Flush converts its own exceptions; what the store says can't change here.
+  static_cast<void>(Flush());
 }
 
 void InventoryStorage::LoadTimestamp() {
