@@ -150,8 +150,8 @@ int RunInventory(const GlobalOptions& options, const std::vector<std::string>& a
   int status = 0;
   {
     HostSession session(options.traceLevel, db, nullptr);
-    const ModuleRecords records(module, &session.locator, *session.serialization.metaInfo);
-    if (!records.Ok()) return 1;
+    const ModuleRecords moduleRecords(module, &session.locator, *session.serialization.metaInfo);
+    if (!moduleRecords.Ok()) return 1;
     auto reader = CreateModuleObject<tov::IInventoryInfoProvider>(
         module, &session.locator, tov::app_control::kInventoryStorageClassId, "opening the inventory");
     if (!reader) return 1;

@@ -33,6 +33,7 @@
 #include "app_control/interfaces/iinventory_scan_task_construct.h"
 #include "app_control/interfaces/iinventory_storage.h"
 #include "app_control/interfaces/itask.h"
+#include "app_control/interfaces/itask_registry.h"
 #include "app_control/interfaces/itask_try_mutex.h"
 #include "app_control/module_entry.h"
 #include "host/cli/cli.h"
@@ -403,8 +404,8 @@ int RunScan(const GlobalOptions& options, const std::vector<std::string>& argume
     description.sessionId = kScanSession;
     session.engine->tasks.Add(description, std::string());
 
-    const ModuleRecords records(module, &session.locator, *session.serialization.metaInfo);
-    if (!records.Ok()) return 1;
+    const ModuleRecords moduleRecords(module, &session.locator, *session.serialization.metaInfo);
+    if (!moduleRecords.Ok()) return 1;
     auto storage = CreateModuleObject<tov::app_control::IInventoryStorage>(
         module, &session.locator, tov::app_control::kInventoryStorageClassId, "creating the inventory storage");
     if (!storage) return 1;
