@@ -72,7 +72,7 @@ class Reader {
     const std::string name = Text(v, where, "name", false);
     scope.path = zel::string_t(path.c_str());
     scope.name = zel::Utf8ToWide(name.empty() ? path : name);
-    scope.matcherFlags = Flag(v, where, "topLevelOnly", false) ? host::kTopLevelOnly : 0;
+    scope.matcherFlags = Flag(v, where, "topLevelOnly", false) ? host::path_matcher_flags::kTopLevelOnly : 0;
   }
 
  private:
