@@ -64,6 +64,14 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
   void TearDown() override {
     std::error_code ec;
     fs::remove_all(root, ec);
+    // The fakes die before the locator: take them out of it first.
+    locator.Remove(app_ctrl::IEnterpriseApplicationController::iid);
+    locator.Remove(zel::IFileFactory::iid, qurn::CLSID_FileFactories);
+    for (zel::iid_t iid : {ac::IInventoryStorage::iid, ITaskTryMutex::iid, ITaskInfoProvider::iid,
+                           ICgroupsManager::iid, ICategoriesManager::iid, IPathMatcherFactory::iid,
+                           FormatRecognizerFactory::iid}) {
+      locator.Remove(iid);
+    }
     serialization = {};
   }
 
