@@ -148,8 +148,8 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
   testsupport::FakeTaskInfoProvider taskInfo;
   testsupport::FakeCgroupsManager cgroups;
   testsupport::RecordingCategoriesManager categories;
-  testsupport::FakePathMatcherFactory pathMatchers;
-  testsupport::FakeRecognizerFactory recognizers;
+  testsupport::PassAllPathMatcherFactory pathMatchers;
+  testsupport::UnknownFormatRecognizerFactory recognizers;
   testsupport::RecordingStopEvents stops;
   std::string root;
 };

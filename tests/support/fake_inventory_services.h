@@ -290,7 +290,7 @@ class RecordingCategoriesManager final : public OwnedFake<ICategoriesManager> {
 };
 
 // Every path is in scope unless a test names a part of it to refuse.
-class FakePathMatcher final : public OwnedFake<IPathMatcher> {
+class PassAllPathMatcher final : public OwnedFake<IPathMatcher> {
  public:
   zel::result_t Match(const tov::NativePath& path, std::uint32_t) override {
     return !refuse.empty() && path.view().find(refuse) != std::string_view::npos ? zel::result::False
@@ -299,7 +299,7 @@ class FakePathMatcher final : public OwnedFake<IPathMatcher> {
   std::string refuse;
 };
 
-class FakePathMatcherFactory final : public OwnedFake<IPathMatcherFactory> {
+class PassAllPathMatcherFactory final : public OwnedFake<IPathMatcherFactory> {
  public:
   zel::result_t CreateMaskMatcher(const zel::types::vector_t<zel::string_t>&, const PathMatcherOptions&,
                                   IPathMatcher**) override {
@@ -315,12 +315,12 @@ class FakePathMatcherFactory final : public OwnedFake<IPathMatcherFactory> {
     *out = &matcher;
     return zel::result::NoError;
   }
-  FakePathMatcher matcher;
+  PassAllPathMatcher matcher;
 };
 
 // A recogniser that knows no file: everything is "unrecognised" and so
 // inventoried.
-class FakeRecognizer final : public OwnedFake<FormatRecognizer> {
+class UnknownFormatRecognizer final : public OwnedFake<FormatRecognizer> {
  public:
   zel::result_t Recognize(const FormatPropertyList&, zel::IIO*, FormatRecord*, FormatResult** result) override {
     *result = nullptr;
@@ -328,7 +328,7 @@ class FakeRecognizer final : public OwnedFake<FormatRecognizer> {
   }
 };
 
-class FakeRecognizerFactory final : public OwnedFake<FormatRecognizerFactory> {
+class UnknownFormatRecognizerFactory final : public OwnedFake<FormatRecognizerFactory> {
  public:
   zel::result_t CreateRecognizerForAll(FormatRecognizer**) override { return zel::result::NotImplemented; }
   zel::result_t GetFormatRecord(FormatId, FormatRecord&) override { return zel::result::NotImplemented; }
@@ -337,7 +337,7 @@ class FakeRecognizerFactory final : public OwnedFake<FormatRecognizerFactory> {
     *out = &recognizer;
     return zel::result::NoError;
   }
-  FakeRecognizer recognizer;
+  UnknownFormatRecognizer recognizer;
 };
 
 // Counts the stop notices and keeps the last.
