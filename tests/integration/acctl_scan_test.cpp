@@ -230,7 +230,7 @@ TEST_F(AcctlScanTest, SettingsDocumentChoosesScopesMasksAndExclusions) {
 }
 
 TEST_F(AcctlScanTest, SignalsPauseResumeAndStopTheScan) {
-  const std::string root = BigTree(20000);
+  const std::string root = BigTree(5000);
   const pid_t pid = Spawn("scan '" + root + "' --interval 0.05", "scan");
   ASSERT_TRUE(WaitForText(dir + "/scan.err", "files seen")) << Slurp(dir + "/scan.err");
   ::kill(pid, SIGUSR1);
@@ -247,7 +247,7 @@ TEST_F(AcctlScanTest, SignalsPauseResumeAndStopTheScan) {
 }
 
 TEST_F(AcctlScanTest, ASecondScanOnTheSameStoreIsRefusedByTheTaskTypeLock) {
-  const std::string root = BigTree(20000);
+  const std::string root = BigTree(5000);
   const pid_t first = Spawn("scan '" + root + "' --interval 0.05", "first");
   ASSERT_TRUE(WaitForText(dir + "/first.err", "files seen")) << Slurp(dir + "/first.err");
   ::kill(first, SIGUSR1);  // hold it running while the second tries
@@ -259,7 +259,7 @@ TEST_F(AcctlScanTest, ASecondScanOnTheSameStoreIsRefusedByTheTaskTypeLock) {
   ::kill(first, SIGUSR2);
   EXPECT_EQ(Wait(first), 0) << Slurp(dir + "/first.err");
   const std::string out = Slurp(dir + "/first.out");
-  EXPECT_NE(out.find("20000 inventoried"), std::string::npos) << out;
+  EXPECT_NE(out.find("5000 inventoried"), std::string::npos) << out;
 }
 
 }  // namespace
