@@ -73,7 +73,8 @@ int AppControlTaskCallbacks::CreateEngineTask(const app_ctrl::EnterpriseApplicat
   const zel::result_t r =
       creator->CreateObject(app_ctrl::kEacTaskClassId, app_core::task_manager::task::ITask::iid,
                             Get<zel::IServiceLocator>(), &parameters, 0, reinterpret_cast<void**>(m_pdkTask.Ref()));
-  if (parameters.descriptor != nullptr) parameters.descriptor->Release();
+  // A descriptor the creator filled in is ours to release.
+  const auto descriptor = zel::RefPtr<zel::IObject>::Adopt(std::exchange(parameters.descriptor, nullptr));
   creator.Reset();
   ZEL_CHECK_RESULT_THROW(r, "Cannot create EAC task");
   return 0;
@@ -256,14 +257,14 @@ AppControlTask::AppControlTask(zel::IServiceLocator* serviceLocator, const tov::
     : zel::ServiceProvider<zel::IServiceLocator, app_ctrl::IEnterpriseApplicationControlEvents2Subscription>(
           serviceLocator),
       zel::TracerProvider(serviceLocator, "AppControlTask") {
-  m_callbacks = zel::detail::CreateObjectImplWith<AppControlTaskCallbacks, zel::abi_v2_allocator>(serviceLocator,
-                                                                                                 settings);
+  m_callbacksHolder = zel::RefPtr<AppControlTaskCallbacks>::Adopt(
+      zel::detail::CreateObjectImplWith<AppControlTaskCallbacks, zel::abi_v2_allocator>(serviceLocator, settings));
+  m_callbacks = m_callbacksHolder.Get();
   ZEL_TRACE(GetTracer(), Info) << "AppControlTask" << "() ";
 }
 
 AppControlTask::~AppControlTask() {
   ZEL_TRACE(GetTracer(), Info) << "~AppControlTask" << "() ";
-  if (AppControlTaskCallbacks* callbacks = std::exchange(m_callbacks, nullptr)) callbacks->Release();
 }
 
 void AppControlTask::UnsubscribeCallbacks() noexcept {

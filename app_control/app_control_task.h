@@ -22,10 +22,10 @@
 #include "app_control/interfaces/itask_registry.h"
 #include "tov_common/settings/app_control_settings.h"
 #include "tov_common/settings/enterprise_application_control_settings.h"
+#include "tov_tracing/tracer_provider.h"
 #include "zel/noncopyable.h"
 #include "zel/rtl/objbase.h"
 #include "zel/rtl/objclient.h"
-#include "zel/trace/tracer_provider.h"
 
 namespace tov::app_control {
 
@@ -115,7 +115,10 @@ class AppControlTask : public zel::object::Ifaces<app_core::task_manager::task::
   zel::result_t DisableZyph();
   void UnsubscribeCallbacks() noexcept;
 
-  AppControlTaskCallbacks* m_callbacks = nullptr;  // owned reference
+  // The holder owns the reference; m_callbacks is the plain pointer the
+  // call sites (and their logged expressions) use, valid as long as it.
+  zel::RefPtr<AppControlTaskCallbacks> m_callbacksHolder;
+  AppControlTaskCallbacks* m_callbacks = nullptr;
 };
 
 }  // namespace tov::app_control

@@ -9,6 +9,7 @@
 #include "app_control/interfaces/iapplication_start_log_events.h"
 #include "app_control/module_entry.h"
 #include "host/services/counting_allocator.h"
+#include "host/services/host_object.h"
 #include "host/services/service_locator.h"
 #include "zel/rtl/objclient.h"
 
@@ -18,23 +19,14 @@ using app_ctrl::IApplicationStartLogEvents;
 using app_ctrl::IApplicationStartLogEventsSubscription;
 
 // Does as little as a sink can, so the dispatcher's own cost shows.
-class NullSink final : public IApplicationStartLogEvents {
+class NullSink final : public host::OwnedObject<NullSink, IApplicationStartLogEvents> {
  public:
-  std::uint32_t AddRef() override { return ++m_refs; }
-  std::uint32_t Release() override { return --m_refs; }
-  zel::result_t QueryInterface(zel::iid_t, void** out) override {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
   zel::result_t OnApplicationStartLogged(const void* e) override {
     benchmark::DoNotOptimize(e);
     return 0;
   }
   zel::result_t OnApplicationStartBacklog(const void*) override { return 0; }
   zel::result_t OnApplicationStartLogLost(const void*) override { return 0; }
-
- private:
-  std::uint32_t m_refs = 1;
 };
 
 void BM_DispatcherDelivery(benchmark::State& state) {

@@ -15,10 +15,9 @@
 #include "app_control/module_entry.h"
 #include "host/services/collecting_tracer.h"
 #include "host/services/counting_allocator.h"
+#include "host/services/host_object.h"
 #include "host/services/service_locator.h"
-#include "host/services/task_registry.h"
-#include "tests/support/fake_engine_services.h"
-#include "tests/support/fake_settings_services.h"
+#include "tests/support/app_control_task_services.h"
 
 // Every heap block of this program, counted while a measurement asks for it.
 namespace {
@@ -41,32 +40,18 @@ namespace {
 
 namespace ac = tov::app_control;
 
-class CountingPublisher final : public tov::INonRemoteEventPublisher {
+class CountingPublisher final : public host::OwnedObject<CountingPublisher, tov::INonRemoteEventPublisher> {
  public:
-  std::uint32_t AddRef() override { return ++m_refs; }
-  std::uint32_t Release() override { return --m_refs; }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
   zel::result_t PublishEvent(tov::RuntimeEvent* event) override {
     benchmark::DoNotOptimize(event->runtimeFields.size());
     ++published;
     return 0;
   }
   std::uint64_t published = 0;
-
- private:
-  std::uint32_t m_refs = 1;
 };
 
 void BM_OnApplicationControl(benchmark::State& state) {
-  testsupport::CallJournal journal;
-  testsupport::FakeEngineTask engineTask{journal};
-  testsupport::FakeEngineObjectCreator creator{journal, engineTask};
-  testsupport::FakeSubscription subscription{journal};
-  testsupport::FakeServiceManager serviceManager{journal};
-  testsupport::FakeProcessRegistry processes;
-  testsupport::FakeCategoriesManager categories;
-  testsupport::FakePwdb pwdb;
-  host::TaskRegistry taskRegistry;
+  testsupport::AppControlTaskServices services;
   host::CountingAllocator allocator;
   host::CollectingTracer tracer(zel::trace_level::Notice);  // entry lines off
   tracer.SetRecording(false);
@@ -74,16 +59,9 @@ void BM_OnApplicationControl(benchmark::State& state) {
   host::ServiceLocator locator;
   locator.Register<zel::IAllocator>(&allocator);
   locator.Register<zel::ITracer>(&tracer);
-  locator.Register<IEngineObjectCreator>(&creator);
-  locator.Register<app_ctrl::IEnterpriseApplicationControlEvents2Subscription>(&subscription);
-  locator.Register<app_core::facade::IServiceManager>(&serviceManager);
-  locator.Register<tov::INonRemoteEventPublisher>(&publisher);
-  locator.Register<ITaskRegistry>(&taskRegistry);
-  locator.Register<IProcessRegistry>(&processes);
-  locator.Register<ICategoriesManager>(&categories);
-  locator.Register<IPwdb>(&pwdb);
-  processes.Add(500, 4321, 400, u"/usr/bin/firefox-esr");
-  processes.Add(400, 1200, 1, u"/usr/bin/gnome-shell");
+  services.RegisterWith(locator, &publisher);
+  services.processes.Add(500, 4321, 400, u"/usr/bin/firefox-esr");
+  services.processes.Add(400, 1200, 1, u"/usr/bin/gnome-shell");
 
   tov::settings::AppControlSettings settings;
   void* arguments[2] = {&locator, &settings};
@@ -93,12 +71,12 @@ void BM_OnApplicationControl(benchmark::State& state) {
     return;
   }
   auto* task = static_cast<app_core::task_manager::task::ITask*>(object);
-  if (task->Start(1, nullptr) != 0 || subscription.sinks.size() != 1) {
+  if (task->Start(1, nullptr) != 0 || services.subscription.sinks.size() != 1) {
     state.SkipWithError("no subscription");
     task->Release();
     return;
   }
-  app_ctrl::IEnterpriseApplicationControlEvents2* sink = subscription.sinks[0];
+  app_ctrl::IEnterpriseApplicationControlEvents2* sink = services.subscription.sinks[0];
 
   app_ctrl::ApplicationStartInfo info;
   info.moduleId = 0x1234;

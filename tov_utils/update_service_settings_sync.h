@@ -70,6 +70,8 @@ zel::result_t ReadModifyWrite(app_core::facade::IServiceManager* esm, std::uint3
     app_core::facade::SettingsHolder holder{&record, zel::SerObjId<Settings>::value, nullptr};
     std::uint32_t revision = 0;
     const zel::result_t read = esm->GetServiceSettings2(serviceKey, &holder, &revision);
+    // A descriptor the service filled in is ours to release, whatever the result.
+    const auto descriptor = zel::RefPtr<zel::IObject>::Adopt(std::exchange(holder.descriptor, nullptr));
     if (ZEL_FAILED(read)) return read;
     if (!static_cast<bool>(modifier(record))) return zel::result::False;
     const zel::result_t written = esm->UpdateServiceSettings2(serviceKey, sync ? 1u : 0u, &holder, revision);

@@ -1,9 +1,9 @@
 #include "host/engine/category_matcher.h"
 
 #include <fnmatch.h>
+#include <regex.h>
 
 #include <algorithm>
-#include <regex>
 #include <string>
 #include <string_view>
 
@@ -23,6 +23,18 @@ std::string Lower(std::string_view text) {
   return out;
 }
 
+// POSIX extended regular expression over the whole text; an invalid
+// pattern matches nothing. The C library's matcher needs no exceptions and
+// no recursion over the subject's length.
+bool WholeTextMatches(const std::string& pattern, const std::string& subject) {
+  const std::string anchored = "^(" + pattern + ")$";
+  ::regex_t compiled;
+  if (::regcomp(&compiled, anchored.c_str(), REG_EXTENDED | REG_NOSUB) != 0) return false;
+  const bool matched = ::regexec(&compiled, subject.c_str(), 0, nullptr, 0) == 0;
+  ::regfree(&compiled);
+  return matched;
+}
+
 bool ApplyOperation(CategoryStringOperation op, const std::string& subject, const std::string& value) {
   switch (op) {
     case CategoryStringOperation::Equal: return subject == value;
@@ -31,12 +43,7 @@ bool ApplyOperation(CategoryStringOperation op, const std::string& subject, cons
     case CategoryStringOperation::Contains: return subject.find(value) != std::string::npos;
     case CategoryStringOperation::StartsWith: return subject.starts_with(value);
     case CategoryStringOperation::EndsWith: return subject.ends_with(value);
-    case CategoryStringOperation::RegExp:
-      try {
-        return std::regex_match(subject, std::regex(value, std::regex::ECMAScript));
-      } catch (const std::regex_error&) {
-        return false;
-      }
+    case CategoryStringOperation::RegExp: return WholeTextMatches(value, subject);
   }
   return false;
 }

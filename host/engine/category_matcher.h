@@ -5,7 +5,7 @@
 //
 // String operations: "==", "!=", "like" (a glob as fnmatch reads it, "*"
 // crossing "/"), "contains", "startswith", "endswith", "regexp"
-// (ECMAScript, whole text; an invalid pattern matches nothing). Paths and
+// (POSIX extended, whole text; an invalid pattern matches nothing). Paths and
 // names compare case-sensitively, as the file system does; hashes compare
 // without regard to case. A linked category matches when the category it
 // names matches; a cycle of links matches nothing.

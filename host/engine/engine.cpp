@@ -151,6 +151,11 @@ void Engine::WaitIdle() {
   m_idle.wait(lock, [this] { return (m_queue.empty() && !m_busy) || m_quit; });
 }
 
+bool Engine::WaitIdleFor(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(m_mutex);
+  return m_idle.wait_for(lock, timeout, [this] { return (m_queue.empty() && !m_busy) || m_quit; });
+}
+
 CategoryList Engine::CurrentCategories() const {
   zel::RefPtr<ICategoriesManager> manager;
   {

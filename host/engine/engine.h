@@ -108,6 +108,9 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   void SubmitOfflineHistoryLost();
   // Returns when the queue is empty and no delivery is under way.
   void WaitIdle();
+  // As WaitIdle, giving up after `timeout`: false when still busy then, so
+  // that a test of a stuck engine fails instead of hanging.
+  bool WaitIdleFor(std::chrono::milliseconds timeout);
 
   // Decides on the caller's thread with `settings`; reports nothing.
   ProgramDecision DecideNow(const ProgramStart& start, const EacSettings& settings) const;

@@ -2,24 +2,15 @@
 
 #include <cstdlib>
 
+#include "host/services/host_object.h"
+
 namespace host {
 namespace {
 
 // Stands in for a host allocator when the locator has none. Static and
 // uncounted: it outlives everything that may hold it.
-class MallocAllocator final : public zel::IAllocator {
+class MallocAllocator final : public OwnedObject<MallocAllocator, zel::IAllocator> {
  public:
-  std::uint32_t AddRef() override { return 2; }
-  std::uint32_t Release() override { return 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
-    if (out == nullptr) return zel::result::InvalidArgument;
-    if (iid != 0 && iid != zel::IAllocator::iid) {
-      *out = nullptr;
-      return zel::result::InterfaceNotSupported;
-    }
-    *out = static_cast<zel::IAllocator*>(this);
-    return zel::result::NoError;
-  }
   void* Alloc(std::size_t size) override { return std::malloc(size == 0 ? 1 : size); }
   void* Realloc(void* pointer, std::size_t size) override { return std::realloc(pointer, size == 0 ? 1 : size); }
   void Free(void* pointer) override { std::free(pointer); }

@@ -1,15 +1,12 @@
 #include "host/services/collecting_tracer.h"
 
 #include <cstdlib>
+#include <optional>
+#include <utility>
 
 #include "zel/result.h"
 
 namespace host {
-
-CollectingTracer::~CollectingTracer() {
-  // Lines a test left open would otherwise leak.
-  for (auto& [buffer, level] : m_open) std::free(buffer);
-}
 
 zel::result_t CollectingTracer::QueryInterface(zel::iid_t iid, void** out) {
   if (iid == zel::trace::ITraceLevelLimit::iid && !m_exposeLimit.load(std::memory_order_acquire) && out != nullptr) {
@@ -37,46 +34,35 @@ zel::result_t CollectingTracer::AllocLine(std::uint32_t level, zel::TraceRecord*
 
   std::lock_guard lock(m_mutex);
   if (mode == AllocMode::Open) {
-    auto* buffer = static_cast<char*>(std::malloc(size == 0 ? 1 : size));
+    char* buffer = m_open.Open(size, level);
     if (buffer == nullptr) return zel::result::OutOfMemory;
-    m_open.emplace(buffer, level);
     record->buffer = buffer;
     return zel::result::NoError;
   }
 
-  const auto it = m_open.find(record->buffer);
-  if (it == m_open.end()) return zel::result::InvalidArgument;
+  if (!m_open.Contains(record->buffer)) return zel::result::InvalidArgument;
   switch (m_growth.load(std::memory_order_relaxed)) {
     case Growth::Grant:
       break;
     case Growth::RefuseKeep:
       return zel::result::OutOfMemory;
     case Growth::RefuseDrop:
-      std::free(it->first);
-      m_open.erase(it);
-      record->buffer = nullptr;
+      m_open.Discard(std::exchange(record->buffer, nullptr));
       return zel::result::OutOfMemory;
   }
-  const std::uint32_t openedAt = it->second;
-  auto* grown = static_cast<char*>(std::realloc(it->first, size == 0 ? 1 : size));
-  if (grown == nullptr) return zel::result::OutOfMemory;
-  m_open.erase(it);
-  m_open.emplace(grown, openedAt);
-  record->buffer = grown;
-  return zel::result::NoError;
+  return m_open.Grow(record->buffer, size);
 }
 
 zel::result_t CollectingTracer::CommitLine(char* buffer, std::uint64_t length) {
   m_commitCount.fetch_add(1, std::memory_order_relaxed);
   std::lock_guard lock(m_mutex);
-  const auto it = m_open.find(buffer);
-  if (it == m_open.end()) {
+  const std::optional<std::uint32_t> level = m_open.Close(buffer);
+  if (!level) {
     m_unknownCommits.fetch_add(1, std::memory_order_relaxed);
     return zel::result::InvalidArgument;
   }
-  if (m_recording.load(std::memory_order_relaxed)) m_lines.push_back({it->second, std::string(buffer, length)});
+  if (m_recording.load(std::memory_order_relaxed)) m_lines.push_back({*level, std::string(buffer, length)});
   std::free(buffer);
-  m_open.erase(it);
   return zel::result::NoError;
 }
 
@@ -109,7 +95,7 @@ std::vector<CollectingTracer::AllocCall> CollectingTracer::AllocCalls() const {
 
 std::size_t CollectingTracer::OpenLines() const {
   std::lock_guard lock(m_mutex);
-  return m_open.size();
+  return m_open.Count();
 }
 
 void CollectingTracer::Clear() {

@@ -11,10 +11,10 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "host/services/host_object.h"
+#include "host/services/internal/open_lines.h"
 #include "zel/itracer.h"
 #include "zel/trace/itrace_level_limit.h"
 
@@ -44,7 +44,6 @@ class CollectingTracer final : public OwnedObject<CollectingTracer, zel::ITracer
   explicit CollectingTracer(std::uint32_t levelFilter = zel::trace_level::Max) : m_filter(levelFilter) {}
   CollectingTracer(const CollectingTracer&) = delete;
   CollectingTracer& operator=(const CollectingTracer&) = delete;
-  ~CollectingTracer();
 
   // Answers 0 and ITracer; ITraceLevelLimit only after ExposeLevelLimit.
   zel::result_t QueryInterface(zel::iid_t iid, void** out) override;
@@ -89,7 +88,7 @@ class CollectingTracer final : public OwnedObject<CollectingTracer, zel::ITracer
   std::atomic<std::uint64_t> m_unknownCommits{0};
 
   mutable std::mutex m_mutex;
-  std::unordered_map<char*, std::uint32_t> m_open;  // buffer -> level it was opened at
+  detail::OpenLines m_open;
   std::vector<Line> m_lines;
   std::vector<AllocCall> m_allocCalls;
 };

@@ -72,26 +72,9 @@ std::string ReadCommandLine(const std::string& path) {
 }
 
 // A snapshot of one process, counted; it dies with its last reference.
-class ProcessObject final : public IProcessObject {
+class ProcessObject final : public HeapObject<ProcessObject, IProcessObject> {
  public:
-  explicit ProcessObject(ProcessDescription description) : m_description(std::move(description)) {}
 
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-  std::uint32_t Release() override {
-    const std::uint32_t n = m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    if (n == 0) delete this;
-    return n;
-  }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
-    if (out == nullptr) return zel::result::InvalidArgument;
-    if (iid != 0) {
-      *out = nullptr;
-      return zel::result::InterfaceNotSupported;
-    }
-    AddRef();
-    *out = static_cast<IProcessObject*>(this);
-    return zel::result::NoError;
-  }
 
   zel::result_t GetDescription(ProcessDescription* description) override {
     if (description == nullptr) return zel::result::InvalidArgument;
@@ -104,10 +87,11 @@ class ProcessObject final : public IProcessObject {
   }
 
  private:
+  friend class host::HeapAccess;
+  explicit ProcessObject(ProcessDescription description) : m_description(std::move(description)) {}
   ~ProcessObject() = default;
 
   const ProcessDescription m_description;
-  std::atomic<std::uint32_t> m_refs{1};
 };
 
 zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, const StatLine& stat,
@@ -123,7 +107,7 @@ zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, 
     d.imagePath = zel::Utf8ToWide(ReadLink(base + "/exe"));
     d.commandLine = zel::Utf8ToWide(ReadCommandLine(base + "/cmdline"));
     d.currentDirectory = zel::Utf8ToWide(ReadLink(base + "/cwd"));
-    *process = new ProcessObject(std::move(d));
+    *process = MakeHeapObject<ProcessObject>(std::move(d)).Detach();
     return zel::result::NoError;
   } catch (const std::bad_alloc&) {
     return zel::result::OutOfMemory;

@@ -3,14 +3,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "zel/result.h"
 
 namespace host {
-
-StderrTracer::~StderrTracer() {
-  for (auto& [buffer, level] : m_open) std::free(buffer);
-}
 
 void StderrTracer::SetLevelFilter(std::uint32_t level) {
   std::atomic_ref<std::uint32_t>(m_level).store(level, std::memory_order_relaxed);
@@ -27,21 +24,10 @@ zel::result_t StderrTracer::AllocLine(std::uint32_t level, zel::TraceRecord* rec
   if (size > kMaxLineSize) return zel::result::OutOfMemory;
 
   std::lock_guard lock(m_mutex);
-  if (!grow) {
-    auto* buffer = static_cast<char*>(std::malloc(size == 0 ? 1 : size));
-    if (buffer == nullptr) return zel::result::OutOfMemory;
-    m_open.emplace(buffer, level);
-    record->buffer = buffer;
-    return zel::result::NoError;
-  }
-  const auto it = m_open.find(record->buffer);
-  if (it == m_open.end()) return zel::result::InvalidArgument;
-  const std::uint32_t openedAt = it->second;
-  auto* grown = static_cast<char*>(std::realloc(it->first, size == 0 ? 1 : size));
-  if (grown == nullptr) return zel::result::OutOfMemory;
-  m_open.erase(it);
-  m_open.emplace(grown, openedAt);
-  record->buffer = grown;
+  if (grow) return m_open.Grow(record->buffer, size);
+  char* buffer = m_open.Open(size, level);
+  if (buffer == nullptr) return zel::result::OutOfMemory;
+  record->buffer = buffer;
   return zel::result::NoError;
 }
 
@@ -49,10 +35,9 @@ zel::result_t StderrTracer::CommitLine(char* buffer, std::uint64_t length) {
   std::uint32_t level;
   {
     std::lock_guard lock(m_mutex);
-    const auto it = m_open.find(buffer);
-    if (it == m_open.end()) return zel::result::InvalidArgument;
-    level = it->second;
-    m_open.erase(it);
+    const std::optional<std::uint32_t> opened = m_open.Close(buffer);
+    if (!opened) return zel::result::InvalidArgument;
+    level = *opened;
   }
   // Whole lines under the lock, so lines of concurrent threads never interleave.
   {

@@ -10,9 +10,9 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <unordered_map>
 
 #include "host/services/host_object.h"
+#include "host/services/internal/open_lines.h"
 #include "zel/itracer.h"
 #include "zel/trace/itrace_level_limit.h"
 
@@ -23,7 +23,6 @@ class StderrTracer final : public OwnedObject<StderrTracer, zel::ITracer, zel::t
   explicit StderrTracer(std::uint32_t levelFilter = zel::trace_level::Notice) : m_level(levelFilter) {}
   StderrTracer(const StderrTracer&) = delete;
   StderrTracer& operator=(const StderrTracer&) = delete;
-  ~StderrTracer();
 
   zel::result_t AllocLine(std::uint32_t level, zel::TraceRecord* record, std::uint64_t size) override;
   zel::result_t CommitLine(char* buffer, std::uint64_t length) override;
@@ -39,7 +38,7 @@ class StderrTracer final : public OwnedObject<StderrTracer, zel::ITracer, zel::t
 
   mutable std::uint32_t m_level;  // written and read atomically
   std::mutex m_mutex;
-  std::unordered_map<char*, std::uint32_t> m_open;  // buffer -> level it was opened at
+  detail::OpenLines m_open;
 };
 
 }  // namespace host

@@ -14,8 +14,7 @@
 #include "app_control/module_entry.h"
 #include "host/services/event_publisher.h"
 #include "host/services/task_registry.h"
-#include "support/fake_engine_services.h"
-#include "support/fake_settings_services.h"
+#include "support/app_control_task_services.h"
 #include "app_control/module_fixture.h"
 
 namespace {
@@ -27,18 +26,11 @@ using testing::ElementsAre;
 constexpr zel::result_t kFailure = zel::result::UnspecifiedError;
 constexpr app_ctrl::CategoryId kBrowsers{{1, 2, 3, 4}};
 
-class AppControlTaskTest : public testsupport::ModuleFixture {
+class AppControlTaskTest : public testsupport::ModuleFixture, public testsupport::AppControlTaskServices {
  protected:
   void SetUp() override {
     ModuleFixture::SetUp();
-    locator.Register<IEngineObjectCreator>(&creator);
-    locator.Register<app_ctrl::IEnterpriseApplicationControlEvents2Subscription>(&subscription);
-    locator.Register<app_core::facade::IServiceManager>(&serviceManager);
-    locator.Register<tov::INonRemoteEventPublisher>(&publisher);
-    locator.Register<ITaskRegistry>(&taskRegistry);
-    locator.Register<IProcessRegistry>(&processes);
-    locator.Register<ICategoriesManager>(&categories);
-    locator.Register<IPwdb>(&pwdb);
+    RegisterWith(locator, &publisher);
     categories.Add(kBrowsers, u"Browsers");
     pwdb.users["root"] = 0;
     settings.mode = tov::AppControlMode::AllowList;
@@ -56,12 +48,7 @@ class AppControlTaskTest : public testsupport::ModuleFixture {
     EXPECT_EQ(subscription.ExtraRefs(), 1) << "the locator's own";
     EXPECT_EQ(publisher.OutstandingRefs(), 1) << "the locator's own";
     EXPECT_EQ(processes.ObjectRefs(), 0);
-    // The locator outlives these fakes: let go of them first.
-    for (zel::iid_t iid : {IEngineObjectCreator::iid, app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid,
-                           app_core::facade::IServiceManager::iid, tov::INonRemoteEventPublisher::iid,
-                           ITaskRegistry::iid, IProcessRegistry::iid, ICategoriesManager::iid, IPwdb::iid}) {
-      locator.Remove(iid);
-    }
+    RemoveFrom(locator);  // the locator outlives these fakes
     ModuleFixture::TearDown();
   }
 
@@ -82,16 +69,7 @@ class AppControlTaskTest : public testsupport::ModuleFixture {
 
 
  public:  // the case tables arrange through these
-  testsupport::CallJournal journal;
-  testsupport::FakeEngineTask engineTask{journal};
-  testsupport::FakeEngineObjectCreator creator{journal, engineTask};
-  testsupport::FakeSubscription subscription{journal};
-  testsupport::FakeServiceManager serviceManager{journal};
-  testsupport::FakeProcessRegistry processes;
-  testsupport::FakeCategoriesManager categories;
-  testsupport::FakePwdb pwdb;
   host::EventPublisher publisher;
-  host::TaskRegistry taskRegistry;
   tov::settings::AppControlSettings settings;
   zel::RefPtr<ITask> task;
 };
@@ -214,8 +192,8 @@ TEST_F(AppControlTaskTest, DisableZyphFailureIsLoggedTwiceWithItsExpressions) {
   EXPECT_EQ(task->Start(1, nullptr), kFailure);
   EXPECT_TRUE(Traced("(tools::UpdateServiceSettingsSync(GetTracer(), GetServiceLocator(), "
                      "app_ctrl::CLSID_ENT_APP_CONTROLLER, modifier)),(ZEL_SUCCEEDED(_result)) failed: result = "
-                     "0x80000005"));
-  EXPECT_TRUE(Traced("(DisableZyph()),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000005"));
+                     "0x8000004b"));
+  EXPECT_TRUE(Traced("(DisableZyph()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
 }
 
 TEST_F(AppControlTaskTest, PositiveEngineStartCountsAsSuccessAndKeepsTheSubscription) {
@@ -233,7 +211,7 @@ TEST_F(AppControlTaskTest, StopKeepsTheSubscriptionWhileTheEngineRefusesToStop) 
   engineTask.stopResult = kFailure;
   EXPECT_EQ(task->Stop(), kFailure);
   EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop"));
-  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000005"));
+  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
   EXPECT_TRUE(Traced("Cannot stop EAC task"));
   EXPECT_EQ(subscription.sinks.size(), 1u);
   engineTask.stopResult = 1;
@@ -277,7 +255,7 @@ TEST_F(AppControlTaskTest, NewSettingsReachTheRunningEngineTask) {
   categories.failWith = 0;
   engineTask.setSettingsResult = kFailure;
   EXPECT_EQ(SettingsFace()->SetSettings(&settings), kFailure);
-  EXPECT_TRUE(Traced("(modifier(&eacSettings)),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000005"));
+  EXPECT_TRUE(Traced("(modifier(&eacSettings)),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
 
   engineTask.offersSettings = false;
   EXPECT_EQ(SettingsFace()->SetSettings(&settings), zel::result::InterfaceNotSupported);

@@ -10,6 +10,7 @@
 
 #include "app_control/fail_new.h"
 #include "app_control/module_fixture.h"
+#include "host/services/host_object.h"
 #include "support/recording_sink.h"
 
 namespace {
@@ -174,19 +175,12 @@ TEST_F(DispatcherTest, SubscribersLeftAtTheEndAreReleasedWithTheDispatcher) {
 }
 
 // A sink that only counts, for the threaded test.
-class CountingSink final : public IApplicationStartLogEvents {
+class CountingSink final : public host::OwnedObject<CountingSink, IApplicationStartLogEvents> {
  public:
-  std::uint32_t AddRef() override { return ++refs; }
-  std::uint32_t Release() override { return --refs; }
-  zel::result_t QueryInterface(zel::iid_t, void** out) override {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
   zel::result_t OnApplicationStartLogged(const void*) override { return ++calls, 0; }
   zel::result_t OnApplicationStartBacklog(const void*) override { return ++calls, 0; }
   zel::result_t OnApplicationStartLogLost(const void*) override { return ++calls, 0; }
 
-  std::atomic<std::uint32_t> refs{1};
   std::atomic<std::uint64_t> calls{0};
 };
 
@@ -223,10 +217,10 @@ TEST_F(DispatcherTest, DeliveriesRunWhileOthersSubscribeAndUnsubscribe) {
   for (auto& s : churn) {
     while (subscription->Unsubscribe(&s) == 0) {
     }
-    EXPECT_EQ(s.refs.load(), 1u);
+    EXPECT_EQ(s.OutstandingRefs(), 0);
   }
   ASSERT_EQ(subscription->Unsubscribe(&steady), 0);
-  EXPECT_EQ(steady.refs.load(), 1u);
+  EXPECT_EQ(steady.OutstandingRefs(), 0);
 }
 
 }  // namespace

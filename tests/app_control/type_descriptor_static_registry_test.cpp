@@ -5,6 +5,7 @@
 #include "app_control/module_entry.h"
 #include "app_control/type_descriptor_static_registry.h"
 #include "host/services/counting_allocator.h"
+#include "host/services/host_object.h"
 #include "host/services/service_locator.h"
 #include "zel/module_lock.h"
 #include "zel/rtl/error_handling/exceptions.h"
@@ -103,15 +104,9 @@ TEST_F(RegistryTest, RegisteredIds) {
 
 TEST_F(RegistryTest, ConstructorNeedsTheAllocatorASecondTime) {
   // The factory's own request succeeds; the constructor's is refused.
-  struct OnceAllocatorLocator final : zel::IServiceLocator {
+  struct OnceAllocatorLocator final : host::OwnedObject<OnceAllocatorLocator, zel::IServiceLocator> {
     zel::IAllocator* alloc;
     int served = 0;
-    std::uint32_t AddRef() override { return 2; }
-    std::uint32_t Release() override { return 1; }
-    zel::result_t QueryInterface(zel::iid_t, void** out) override {
-      *out = nullptr;
-      return zel::result::InterfaceNotSupported;
-    }
     zel::result_t GetInterface(zel::iid_t iid, std::uint32_t, void** out) override {
       *out = nullptr;
       if (iid != zel::IAllocator::iid || served++ > 0) return zel::result::InterfaceNotSupported;

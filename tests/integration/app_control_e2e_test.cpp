@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -94,7 +95,8 @@ class AppControlE2eTest : public ::testing::Test {
   std::vector<tov::RuntimeEvent> Run(const fs::path& path, std::uint32_t uid) {
     services.publisher.Clear();
     EXPECT_EQ(services.engine.SubmitProgramStart({path.string(), uid, 0}), 0);
-    services.engine.WaitIdle();
+    // A stuck engine fails the test instead of hanging it.
+    EXPECT_TRUE(services.engine.WaitIdleFor(std::chrono::seconds(10)));
     return services.publisher.Events();
   }
 

@@ -25,6 +25,7 @@
 #include "app_control/interfaces/ienterprise_application_control_events2_subscription.h"
 #include "app_control/interfaces/iprocess_registry.h"
 #include "app_control/interfaces/itask.h"
+#include "host/services/host_object.h"
 #include "tov_common/settings/enterprise_application_control_settings.h"
 #include "tov_utils/interfaces/iservice_manager.h"
 
@@ -44,35 +45,22 @@ struct CallJournal {
 };
 
 // Reference counting that never destroys: the test owns the object.
-template <class... I>
-class TestOwned : public I... {
+template <class Derived, class... I>
+class TestOwned : public host::OwnedObject<Derived, I...> {
  public:
-  std::int64_t ExtraRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
-
- protected:
-  std::uint32_t Count(int delta) { return m_refs.fetch_add(static_cast<std::uint32_t>(delta)) + delta; }
-
- private:
-  std::atomic<std::uint32_t> m_refs{1};
+  std::int64_t ExtraRefs() const { return this->OutstandingRefs(); }
 };
 
 // The engine's task: ITask and ISettings, with results a test sets.
-class FakeEngineTask final : public TestOwned<app_core::task_manager::task::ITask, app_ctrl::ISettings> {
+class FakeEngineTask final
+    : public TestOwned<FakeEngineTask, app_core::task_manager::task::ITask, app_ctrl::ISettings> {
  public:
   explicit FakeEngineTask(CallJournal& journal) : m_journal(journal) {}
 
-  std::uint32_t AddRef() override { return Count(1); }
-  std::uint32_t Release() override { return Count(-1); }
+  // ISettings only while offersSettings is on.
   zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
-    if (iid == 0 || iid == ITask::iid) {
-      *out = static_cast<ITask*>(this);
-    } else if (iid == app_ctrl::ISettings::iid && offersSettings) {
-      *out = static_cast<app_ctrl::ISettings*>(this);
-    } else {
-      return zel::result::InterfaceNotSupported;
-    }
-    AddRef();
-    return 0;
+    if (iid == app_ctrl::ISettings::iid && !offersSettings) return zel::result::InterfaceNotSupported;
+    return OwnedObject::QueryInterface(iid, out);
   }
 
   zel::result_t Start(app_core::task_manager::task::TaskSessionId sessionId,
@@ -106,13 +94,10 @@ class FakeEngineTask final : public TestOwned<app_core::task_manager::task::ITas
   CallJournal& m_journal;
 };
 
-class FakeEngineObjectCreator final : public TestOwned<IEngineObjectCreator> {
+class FakeEngineObjectCreator final : public TestOwned<FakeEngineObjectCreator, IEngineObjectCreator> {
  public:
   FakeEngineObjectCreator(CallJournal& journal, FakeEngineTask& task) : m_journal(journal), m_task(task) {}
 
-  std::uint32_t AddRef() override { return Count(1); }
-  std::uint32_t Release() override { return Count(-1); }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
 
   zel::result_t CreateObject(std::uint32_t classId, zel::iid_t iid, zel::IServiceLocator*,
                              const EngineObjectParameters* parameters, std::uintptr_t, void** out) override {
@@ -137,13 +122,11 @@ class FakeEngineObjectCreator final : public TestOwned<IEngineObjectCreator> {
 };
 
 // Keeps subscribed sinks (with a reference) so a test can play the engine.
-class FakeSubscription final : public TestOwned<app_ctrl::IEnterpriseApplicationControlEvents2Subscription> {
+class FakeSubscription final
+    : public TestOwned<FakeSubscription, app_ctrl::IEnterpriseApplicationControlEvents2Subscription> {
  public:
   explicit FakeSubscription(CallJournal& journal) : m_journal(journal) {}
 
-  std::uint32_t AddRef() override { return Count(1); }
-  std::uint32_t Release() override { return Count(-1); }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
 
   zel::result_t Subscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override {
     m_journal.Add("Subscribe");
@@ -173,13 +156,10 @@ class FakeSubscription final : public TestOwned<app_ctrl::IEnterpriseApplication
 
 // Stored settings of the engine controller and of the exclusion service,
 // kept as records, with revisions and one-shot faults.
-class FakeServiceManager final : public TestOwned<app_core::facade::IServiceManager> {
+class FakeServiceManager final : public TestOwned<FakeServiceManager, app_core::facade::IServiceManager> {
  public:
   explicit FakeServiceManager(CallJournal& journal) : m_journal(journal) {}
 
-  std::uint32_t AddRef() override { return Count(1); }
-  std::uint32_t Release() override { return Count(-1); }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
 
   zel::result_t GetServiceSettings(std::uint32_t, app_core::facade::SettingsHolder*) override { return Unused(); }
   zel::result_t SetServiceSettings(std::uint32_t, std::uint32_t, const app_core::facade::SettingsHolder*) override {
@@ -249,12 +229,9 @@ class FakeServiceManager final : public TestOwned<app_core::facade::IServiceMana
   zel::result_t lastFault = 0;
 };
 
-class FakeProcessObject final : public TestOwned<IProcessObject> {
+class FakeProcessObject final : public TestOwned<FakeProcessObject, IProcessObject> {
  public:
   explicit FakeProcessObject(ProcessDescription description) : description(std::move(description)) {}
-  std::uint32_t AddRef() override { return Count(1); }
-  std::uint32_t Release() override { return Count(-1); }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
   zel::result_t GetDescription(ProcessDescription* out) override {
     if (failWith < 0) return failWith;
     *out = description;
@@ -265,11 +242,8 @@ class FakeProcessObject final : public TestOwned<IProcessObject> {
 };
 
 // Processes by unique id; unknown ids answer 0x8000004C.
-class FakeProcessRegistry final : public TestOwned<IProcessRegistry> {
+class FakeProcessRegistry final : public TestOwned<FakeProcessRegistry, IProcessRegistry> {
  public:
-  std::uint32_t AddRef() override { return Count(1); }
-  std::uint32_t Release() override { return Count(-1); }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
 
   zel::result_t GetUniqueId(std::uint32_t, std::uint64_t*) override { return zel::result::NotImplemented; }
   zel::result_t GetProcessByPid(std::uint32_t, IProcessObject**) override {

@@ -17,35 +17,18 @@
 #include "zel/rtl/objclient.h"
 #include "zel/serialization/iio.h"
 #include "zel/serialization/imeta_info.h"
+#include "host/services/host_object.h"
 #include "zel/serialization/iserializers.h"
 
 namespace testsupport {
 
 inline constexpr zel::result_t kFakeFailure = zel::result::UnspecifiedError;
 
-// AddRef/Release/QueryInterface for a service that the test owns.
-template <class I>
-class StackService : public I {
- public:
-  std::uint32_t AddRef() override { return ++m_refs; }
-  std::uint32_t Release() override { return --m_refs; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
-    if (iid == 0 || iid == I::iid) {
-      AddRef();
-      *out = static_cast<I*>(this);
-      return 0;
-    }
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
-  // References handed out and not yet given back.
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
+// A service that the test owns: counted, never destroyed by a release.
+template <class Derived, class I>
+using StackService = host::OwnedObject<Derived, I>;
 
- private:
-  std::atomic<std::uint32_t> m_refs{1};
-};
-
-class FakeBinarySerializer final : public StackService<zel::IBinarySerializer> {
+class FakeBinarySerializer final : public StackService<FakeBinarySerializer, zel::IBinarySerializer> {
  public:
   zel::result_t serializeResult = 0;
   zel::result_t deserializeResult = 0;
@@ -85,29 +68,8 @@ class FakeBinarySerializer final : public StackService<zel::IBinarySerializer> {
 };
 
 // A document node over a stream: Flush writes `document` through the stream.
-class FakeStorageNode final : public zel::IStorageNode {
+class FakeStorageNode final : public host::HeapObject<FakeStorageNode, zel::IStorageNode> {
  public:
-  FakeStorageNode(zel::IIO* io, std::string document, zel::result_t flushResult, std::atomic<int>* alive)
-      : m_io(io), m_document(std::move(document)), m_flushResult(flushResult), m_alive(alive) {
-    ++*m_alive;
-  }
-
-  std::uint32_t AddRef() override { return ++m_refs; }
-  std::uint32_t Release() override {
-    const std::uint32_t n = --m_refs;
-    if (n == 0) delete this;
-    return n;
-  }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
-    if (iid == 0 || iid == iid_t_value) {
-      AddRef();
-      *out = static_cast<zel::IStorageNode*>(this);
-      return 0;
-    }
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
-
   zel::result_t GetName(const char**) override { return kNotUsed; }
   zel::result_t GetChildCount(std::uint32_t*) override { return kNotUsed; }
   zel::result_t GetChild(std::uint32_t, IStorageNode**) override { return kNotUsed; }
@@ -127,19 +89,22 @@ class FakeStorageNode final : public zel::IStorageNode {
   }
 
  private:
-  static constexpr zel::iid_t iid_t_value = zel::IStorageNode::iid;
   static constexpr zel::result_t kNotUsed = zel::result::NotImplemented;
 
+  friend class host::HeapAccess;
+  FakeStorageNode(zel::IIO* io, std::string document, zel::result_t flushResult, std::atomic<int>* alive)
+      : m_io(io), m_document(std::move(document)), m_flushResult(flushResult), m_alive(alive) {
+    ++*m_alive;
+  }
   ~FakeStorageNode() { --*m_alive; }
 
-  std::atomic<std::uint32_t> m_refs{1};
   zel::RefPtr<zel::IIO> m_io;
   std::string m_document;
   zel::result_t m_flushResult;
   std::atomic<int>* m_alive;
 };
 
-class FakeXmlStorageFactory final : public StackService<zel::IXmlStorageFactory> {
+class FakeXmlStorageFactory final : public StackService<FakeXmlStorageFactory, zel::IXmlStorageFactory> {
  public:
   bool giveNode = true;
   std::string document = "<root/>";  // what a node's Flush writes
@@ -167,12 +132,12 @@ class FakeXmlStorageFactory final : public StackService<zel::IXmlStorageFactory>
       *node = nullptr;
       return kFakeFailure;
     }
-    *node = new FakeStorageNode(io, document, flushResult, &nodesAlive);
+    *node = host::MakeHeapObject<FakeStorageNode>(io, document, flushResult, &nodesAlive).Detach();
     return 0;
   }
 };
 
-class FakeStorageSerializer2 final : public StackService<zel::IStorageSerializer2> {
+class FakeStorageSerializer2 final : public StackService<FakeStorageSerializer2, zel::IStorageSerializer2> {
  public:
   zel::result_t serializeResult = 0;
   zel::result_t deserializeResult = 0;
@@ -196,7 +161,7 @@ class FakeStorageSerializer2 final : public StackService<zel::IStorageSerializer
 };
 
 // A lookup that knows one descriptor.
-class FakeMetaInfoProvider final : public StackService<zel::IMetaInfoProvider> {
+class FakeMetaInfoProvider final : public StackService<FakeMetaInfoProvider, zel::IMetaInfoProvider> {
  public:
   const zel::TypeDescriptor* known = nullptr;
   int findCalls = 0;

@@ -4,7 +4,6 @@
 // what was asked and that nothing was kept.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -12,28 +11,15 @@
 
 #include "app_control/interfaces/icategories_manager.h"
 #include "app_control/interfaces/ipwdb.h"
+#include "host/services/host_object.h"
 
 namespace testsupport {
 
 // Test-owned; the counts are bookkeeping only.
-template <class I>
-class CountedFake : public I {
- public:
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
-    if (iid != 0 && iid != I::iid) return zel::result::InterfaceNotSupported;
-    *out = static_cast<I*>(this);
-    AddRef();
-    return zel::result::NoError;
-  }
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
+template <class Derived, class I>
+using CountedFake = host::OwnedObject<Derived, I>;
 
- private:
-  std::atomic<std::uint32_t> m_refs{1};
-};
-
-class FakeCategoriesManager final : public CountedFake<ICategoriesManager> {
+class FakeCategoriesManager final : public CountedFake<FakeCategoriesManager, ICategoriesManager> {
  public:
   zel::result_t PutCategories(const CategoryIdList&, const CategoryList& list, const NameList&,
                               tov::types::CategoriesAction) override {
@@ -65,7 +51,7 @@ class FakeCategoriesManager final : public CountedFake<ICategoriesManager> {
 };
 
 // Users and groups by exact name. A lookup that misses answers `missCode`.
-class FakePwdb final : public CountedFake<IPwdb> {
+class FakePwdb final : public CountedFake<FakePwdb, IPwdb> {
  public:
   zel::result_t GetPrimaryGroupId(std::uint32_t, std::uint32_t*) override { return zel::result::NotImplemented; }
   zel::result_t GetUserId(const char* userName, std::uint32_t* uid) override {

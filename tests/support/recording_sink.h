@@ -3,7 +3,6 @@
 // a delivery (to subscribe or unsubscribe while the dispatcher delivers).
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "app_control/interfaces/iapplication_start_log_events.h"
+#include "host/services/host_object.h"
 
 namespace testsupport {
 
@@ -23,31 +23,18 @@ struct Journal {
   }
 };
 
-class RecordingSink final : public app_ctrl::IApplicationStartLogEvents {
+class RecordingSink final : public host::OwnedObject<RecordingSink, app_ctrl::IApplicationStartLogEvents> {
  public:
   RecordingSink(std::string name, Journal& journal) : m_name(std::move(name)), m_journal(journal) {}
   RecordingSink(const RecordingSink&) = delete;
   RecordingSink& operator=(const RecordingSink&) = delete;
-
-  // The test owns the sink; counts only record what the dispatcher holds.
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
-    if (iid == 0 || iid == IApplicationStartLogEvents::iid) {
-      AddRef();
-      *out = static_cast<IApplicationStartLogEvents*>(this);
-      return 0;
-    }
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
 
   zel::result_t OnApplicationStartLogged(const void* event) override { return Record("logged", event); }
   zel::result_t OnApplicationStartBacklog(const void* events) override { return Record("backlog", events); }
   zel::result_t OnApplicationStartLogLost(const void* info) override { return Record("lost", info); }
 
   // Held beyond the test's own reference.
-  std::int64_t ExtraRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
+  std::int64_t ExtraRefs() const { return OutstandingRefs(); }
 
   std::function<void()> onEvent;   // runs inside each delivery, after recording
   zel::result_t answer = 0;        // what the sink returns
@@ -63,7 +50,6 @@ class RecordingSink final : public app_ctrl::IApplicationStartLogEvents {
 
   std::string m_name;
   Journal& m_journal;
-  std::atomic<std::uint32_t> m_refs{1};
 };
 
 }  // namespace testsupport

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/services/collecting_tracer.h"
+#include "host/services/host_object.h"
 #include "host/services/service_locator.h"
 #include "host/services/service_manager.h"
 #include "tov_utils/update_service_settings_sync.h"
@@ -196,6 +197,54 @@ TEST_F(UpdateServiceSettingsSyncTest, NoTextIsBuiltForUnwantedLevels) {
   EXPECT_EQ(Run([](Counter&) { return false; }), 1);
   EXPECT_TRUE(m_tracer.Texts().empty());
   EXPECT_EQ(m_tracer.OpenLines(), 0u);
+}
+
+// The host's store, with a descriptor reference handed out at each read, as
+// a store may: the caller owns it and must let go of it.
+class StoreWithDescriptors final : public host::OwnedObject<StoreWithDescriptors, IServiceManager> {
+ public:
+  StoreWithDescriptors(IServiceManager& store, zel::IObject& descriptor) : m_store(store), m_descriptor(descriptor) {}
+  zel::result_t GetServiceSettings(std::uint32_t key, SettingsHolder* settings) override {
+    return m_store.GetServiceSettings(key, settings);
+  }
+  zel::result_t SetServiceSettings(std::uint32_t key, std::uint32_t sync, const SettingsHolder* settings) override {
+    return m_store.SetServiceSettings(key, sync, settings);
+  }
+  zel::result_t GetServiceSettingsRevision(std::uint32_t key, std::uint32_t* revision) override {
+    return m_store.GetServiceSettingsRevision(key, revision);
+  }
+  zel::result_t GetServiceSettings2(std::uint32_t key, SettingsHolder* settings, std::uint32_t* revision) override {
+    const zel::result_t r = m_store.GetServiceSettings2(key, settings, revision);
+    m_descriptor.AddRef();
+    settings->descriptor = &m_descriptor;
+    return r;
+  }
+  zel::result_t HasServiceSettings(std::uint32_t key) override { return m_store.HasServiceSettings(key); }
+  zel::result_t UpdateServiceSettings2(std::uint32_t key, std::uint32_t sync, const SettingsHolder* settings,
+                                       std::uint32_t revision) override {
+    return m_store.UpdateServiceSettings2(key, sync, settings, revision);
+  }
+  zel::result_t RemoveServiceSettings(std::uint32_t key) override { return m_store.RemoveServiceSettings(key); }
+  zel::result_t FlushSettings() override { return m_store.FlushSettings(); }
+
+ private:
+  IServiceManager& m_store;
+  zel::IObject& m_descriptor;
+};
+
+TEST_F(UpdateServiceSettingsSyncTest, DescriptorsTheStoreHandsOutAreReleased) {
+  host::CollectingTracer descriptor;  // any counted object stands in for one
+  StoreWithDescriptors store(m_store, static_cast<zel::ITracer&>(descriptor));
+  host::ServiceLocator locator;
+  locator.Register<IServiceManager>(&store);
+  Seed(1);
+  m_store.ForceRevisionConflicts(1);  // two reads: one retry
+  EXPECT_EQ(tools::UpdateServiceSettingsSync<Counter>(&m_tracer, &locator, kKey,
+                                                      [](Counter& c) { return ++c.value, true; }),
+            0);
+  EXPECT_EQ(m_store.Reads(), 2u);
+  EXPECT_EQ(descriptor.OutstandingRefs(), 0);
+  EXPECT_EQ(Stored().value, 2u);
 }
 
 }  // namespace

@@ -809,6 +809,36 @@ struct EnumNames<FieldName> {
   static constexpr std::span<const EnumName> table{kFieldNameNames};
 };
 
+namespace detail {
+// Lookup relies on rows sorted by value; a repeated value or name would make
+// FindEnumName or FindEnumValue ambiguous.
+constexpr bool SortedAndUnique(std::span<const EnumName> table) noexcept {
+  for (std::size_t i = 0; i < table.size(); ++i) {
+    if (i > 0 && table[i - 1].value >= table[i].value) return false;
+    for (std::size_t j = i + 1; j < table.size(); ++j)
+      if (table[i].name == table[j].name) return false;
+  }
+  return true;
+}
+// Row i holds value i, so FindEnumName indexes directly.
+constexpr bool Dense(std::span<const EnumName> table) noexcept {
+  for (std::size_t i = 0; i < table.size(); ++i)
+    if (table[i].value != static_cast<std::int32_t>(i)) return false;
+  return true;
+}
+template <class... E>
+constexpr bool AllSortedAndUnique() noexcept {
+  return (SortedAndUnique(EnumNames<E>::table) && ...);
+}
+}  // namespace detail
+
+static_assert(detail::AllSortedAndUnique<YesNo, Severity, DetectCertainty, DetectDanger, TaskState, ApplicationKind,
+                                         AppControlMode, AppControlEnforcement, RuleStatus, UserAccess, EventType,
+                                         FieldName>(),
+              "a name table is out of order or repeats a value or a name");
+static_assert(std::size(kEventTypeNames) == 268 && detail::Dense(kEventTypeNames), "event types must stay dense");
+static_assert(std::size(kFieldNameNames) == 190 && detail::Dense(kFieldNameNames), "field names must stay dense");
+
 // Printed name of an enumerator, empty for a value outside its table.
 template <class E>
 constexpr std::string_view EnumToString(E value) noexcept {

@@ -68,7 +68,6 @@ class EventDispatcher : public Subscription {
   }
 
   ~EventDispatcher() {
-    if (m_reference != nullptr) m_reference->Release();
     pthread_mutex_destroy(&m_mutex);
     ReleaseList(m_list);
   }
@@ -169,7 +168,9 @@ class EventDispatcher : public Subscription {
     delete list;
   }
 
-  IObject* m_reference = nullptr;  // unused by the dispatchers of this module
+  // Null in the dispatchers of this module; the slot stays so that the
+  // members keep their place, and a holder releases whatever it may hold.
+  RefPtr<IObject> m_reference;
   SubscriberList* m_list;
   pthread_mutex_t m_mutex;
 };

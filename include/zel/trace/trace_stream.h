@@ -5,7 +5,8 @@
 // A site first asks the tracer for a line with TraceTest; only when a line
 // was granted does it make a stream, write, and hand the line back with
 // TraceFlush. A disabled level therefore costs one virtual call and no text
-// work. The stream never touches the heap or the standard streams: it writes
+// work; through a TraceHandle, which knows the tracer's live level limit, it
+// costs a load and a compare. The stream never touches the heap or the standard streams: it writes
 // into the tracer's buffer and asks the tracer to grow it when it runs out.
 // Tracing never fails its caller: a line that cannot grow loses its text and
 // is committed empty.
@@ -216,6 +217,38 @@ TraceStream& operator<<(TraceStream& stream, const std::optional<T>& value) noex
 // bytes and the tracer; the caller must then stream and TraceFlush. A null
 // tracer answers no.
 bool TraceTest(TraceRecord& record, ITracer* tracer, std::uint32_t level) noexcept;
+
+// A tracer together with the live level limit it offers (ITraceLevelLimit),
+// or the ceiling when it offers none. A site that traces through a handle
+// tests the level inline against that number, so a level that is off costs a
+// load and a compare: no call, no reference count. The handle holds no
+// reference; whoever made it keeps the tracer, and with it the limit, alive.
+class TraceHandle {
+ public:
+  constexpr TraceHandle() noexcept = default;
+  // `levelLimit` must stay valid while `tracer` lives; null means no limit.
+  constexpr TraceHandle(ITracer* tracer, const std::uint32_t* levelLimit) noexcept
+      : m_tracer(tracer), m_levelLimit(levelLimit != nullptr ? levelLimit : &kNoLevelLimit) {}
+
+  ITracer* Get() const noexcept { return m_tracer; }
+  operator ITracer*() const noexcept { return m_tracer; }  // NOLINT: hands on to plain tracer parameters
+  // The host may change the number at any moment; a relaxed load suffices,
+  // as the tracer itself decides again for every line it grants.
+  bool Wants(std::uint32_t level) const noexcept { return level <= __atomic_load_n(m_levelLimit, __ATOMIC_RELAXED); }
+
+ private:
+  static constexpr std::uint32_t kNoLevelLimit = trace_level::Max;
+
+  ITracer* m_tracer = nullptr;
+  const std::uint32_t* m_levelLimit = &kNoLevelLimit;
+};
+
+// TraceTest through a handle: a level above the limit is refused before the
+// tracer is asked.
+inline bool TraceTest(TraceRecord& record, const TraceHandle& handle, std::uint32_t level) noexcept {
+  if (!handle.Wants(level)) return false;
+  return TraceTest(record, handle.Get(), level);
+}
 
 // Commits the line, also an empty one, and leaves the stream without a
 // buffer. Does nothing when the record no longer holds a line.

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "app_control/tools/principals.h"
+#include "host/services/host_object.h"
 #include "host/services/pwdb.h"
 
 namespace {
@@ -24,11 +25,8 @@ using tov::app_control::ResolvePrincipal;
 using tov::app_control::ToEnginePrincipal;
 
 // Records every call; answers from its settings.
-class RecordingPwdb final : public IPwdb {
+class RecordingPwdb final : public host::OwnedObject<RecordingPwdb, IPwdb> {
  public:
-  std::uint32_t AddRef() override { return 2; }
-  std::uint32_t Release() override { return 1; }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
   zel::result_t GetPrimaryGroupId(std::uint32_t, std::uint32_t*) override {
     calls.push_back("GetPrimaryGroupId");
     return zel::result::NotImplemented;

@@ -60,6 +60,8 @@ TEST(CategoryMatcher, StringOperationsTable) {
       {CategoryFileInfoField::FilePath, CategoryStringOperation::EndsWith, "tool.sh", false},
       {CategoryFileInfoField::FilePath, CategoryStringOperation::RegExp, "/opt/[a-z]+/bin/.*", true},
       {CategoryFileInfoField::FilePath, CategoryStringOperation::RegExp, "([", false},  // invalid pattern
+      {CategoryFileInfoField::FilePath, CategoryStringOperation::RegExp, "/opt/[a-z]+", false},  // whole text only
+      {CategoryFileInfoField::FilePath, CategoryStringOperation::RegExp, "x|/opt/app/bin/tool", true},  // both sides anchored
       {CategoryFileInfoField::CertificateIssuer, CategoryStringOperation::NotEqual, "x", false},  // not observed
   };
   for (const Case& c : cases) {

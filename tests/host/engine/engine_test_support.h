@@ -17,6 +17,7 @@
 #include "app_control/interfaces/ienterprise_application_control_events2.h"
 #include "tov_common/settings/enterprise_application_control_settings.h"
 #include "host/services/counting_allocator.h"
+#include "host/services/host_object.h"
 #include "tov_common/categories/category_types.h"
 #include "zel/serialization/ser_obj_descriptor.h"
 #include "zel/strings/conversions.h"
@@ -115,7 +116,7 @@ class ScratchDir {
 };
 
 // Records every call and the thread it came on; may be told to throw.
-class RecordingSink final : public app_ctrl::IEnterpriseApplicationControlEvents2 {
+class RecordingSink final : public host::OwnedObject<RecordingSink, app_ctrl::IEnterpriseApplicationControlEvents2> {
  public:
   struct Call {
     std::thread::id thread;
@@ -124,12 +125,6 @@ class RecordingSink final : public app_ctrl::IEnterpriseApplicationControlEvents
     app_ctrl::ApplicationCategoryInfo category;
   };
 
-  std::uint32_t AddRef() override { return ++m_refs; }
-  std::uint32_t Release() override { return --m_refs; }
-  zel::result_t QueryInterface(zel::iid_t, void** out) override {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
   zel::result_t OnApplicationControl(const app_ctrl::ApplicationStartInfo* info,
                                      const app_ctrl::ApplicationCategoryInfo* category,
                                      const std::int32_t* verdict) override {
@@ -154,7 +149,6 @@ class RecordingSink final : public app_ctrl::IEnterpriseApplicationControlEvents
     return m_calls;
   }
 
-  std::atomic<std::uint32_t> m_refs{1};
   std::atomic<int> m_failSafe{0};
   std::atomic<int> m_historyLost{0};
   bool m_throw = false;

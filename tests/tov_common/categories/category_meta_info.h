@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 
+#include "host/services/host_object.h"
 #include "tov_common/categories/category_descriptors.h"
 #include "zel/serialization/imeta_info.h"
 #include "zel/serialization/ser_obj_descriptor.h"
@@ -19,16 +20,10 @@ struct Described {
 };
 
 // Serves the descriptors of the expression classes; counted for bookkeeping only.
-class MetaInfo final : public zel::IMetaInfoProvider {
+class MetaInfo final : public host::OwnedObject<MetaInfo, zel::IMetaInfoProvider> {
  public:
   MetaInfo() {
     for (const zel::TypeDescriptor* d : tov::tools::CategoryExpressionDescriptors()) m_known[d->serId] = d;
-  }
-  std::uint32_t AddRef() override { return 2; }
-  std::uint32_t Release() override { return 1; }
-  zel::result_t QueryInterface(zel::iid_t, void** out) override {
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
   }
   zel::result_t FindDescriptor(std::uint32_t serId, const zel::TypeDescriptor** descriptor) override {
     const auto it = m_known.find(serId);

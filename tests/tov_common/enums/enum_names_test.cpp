@@ -1,11 +1,9 @@
 // The name tables are a published contract: the listed rows must print
-// exactly, the two large tables must stay dense, and no table may repeat a
-// value or a name (a repeated name would make FindEnumValue ambiguous).
+// exactly and read back. Density, order and uniqueness are static_asserts
+// next to the tables.
 #include <gtest/gtest.h>
 
-#include <set>
 #include <span>
-#include <string>
 #include <string_view>
 
 #include "tov_common/enums/enum_names.h"
@@ -26,10 +24,7 @@ void ExpectRows(std::span<const EnumName> table, std::initializer_list<Row> rows
   }
 }
 
-TEST(EnumNames, EventTypeIsDenseAndKeepsTheListedRows) {
-  ASSERT_EQ(std::size(tov::kEventTypeNames), 268u);
-  for (std::size_t i = 0; i < std::size(tov::kEventTypeNames); ++i)
-    ASSERT_EQ(tov::kEventTypeNames[i].value, static_cast<std::int32_t>(i));
+TEST(EnumNames, EventTypeKeepsTheListedRows) {
   ExpectRows(tov::kEventTypeNames,
              {{1, "TaskStateChanged"},
               {2, "TaskSettingsChanged"},
@@ -50,10 +45,7 @@ TEST(EnumNames, EventTypeIsDenseAndKeepsTheListedRows) {
   EXPECT_EQ(tov::FindEnumName(tov::kEventTypeNames, -1), "");
 }
 
-TEST(EnumNames, FieldNameIsDenseAndKeepsTheListedRows) {
-  ASSERT_EQ(std::size(tov::kFieldNameNames), 190u);
-  for (std::size_t i = 0; i < std::size(tov::kFieldNameNames); ++i)
-    ASSERT_EQ(tov::kFieldNameNames[i].value, static_cast<std::int32_t>(i));
+TEST(EnumNames, FieldNameKeepsTheListedRows) {
   ExpectRows(tov::kFieldNameNames,
              {{0, "FileName"},          {1, "ObjectName"},       {5, "TaskName"},         {7, "RuntimeTaskId"},
               {8, "TaskId"},            {9, "TaskState"},        {10, "PrevTaskState"},   {11, "DetectName"},
@@ -77,34 +69,6 @@ TEST(EnumNames, SmallTablesPrintRetiredRowsToo) {
   EXPECT_EQ(tov::EnumToString(tov::UserAccess::Allow), "Allow");
   EXPECT_EQ(tov::EnumToString(static_cast<tov::AppControlMode>(2)), "");
   EXPECT_EQ(static_cast<int>(tov::AppControlEnforcement::TestRules), 0);
-}
-
-template <class E>
-void ExpectUnique(const char* what) {
-  std::set<std::int32_t> values;
-  std::set<std::string_view> names;
-  std::int32_t previous = -1;
-  for (const EnumName& row : tov::EnumNames<E>::table) {
-    EXPECT_TRUE(values.insert(row.value).second) << what << " repeats " << row.value;
-    EXPECT_TRUE(names.insert(row.name).second) << what << " repeats " << row.name;
-    EXPECT_GT(row.value, previous) << what << " is out of order at " << row.name;
-    previous = row.value;
-  }
-}
-
-TEST(EnumNames, NoTableRepeatsAValueOrAName) {
-  ExpectUnique<tov::YesNo>("YesNo");
-  ExpectUnique<tov::Severity>("Severity");
-  ExpectUnique<tov::DetectCertainty>("DetectCertainty");
-  ExpectUnique<tov::DetectDanger>("DetectDanger");
-  ExpectUnique<tov::TaskState>("TaskState");
-  ExpectUnique<tov::ApplicationKind>("ApplicationKind");
-  ExpectUnique<tov::AppControlMode>("AppControlMode");
-  ExpectUnique<tov::AppControlEnforcement>("AppControlEnforcement");
-  ExpectUnique<tov::RuleStatus>("RuleStatus");
-  ExpectUnique<tov::UserAccess>("UserAccess");
-  ExpectUnique<tov::EventType>("EventType");
-  ExpectUnique<tov::FieldName>("FieldName");
 }
 
 }  // namespace

@@ -14,7 +14,6 @@
 #include "host/services/service_locator.h"
 #include "zel/rtl/objbase.h"
 #include "zel/rtl/objclient.h"
-#include "zel/system/datetime.h"
 #include "zel/trace/trace_stream.h"
 
 namespace {
@@ -292,16 +291,6 @@ TEST(Exception, ThrowingGetInterfaceCarriesTheRequest) {
     EXPECT_EQ(iid->typeId, 0x7B884055u);
     EXPECT_EQ(std::get<std::uint32_t>(key->value), 7u);
   }
-}
-
-TEST(DateTime, EpochAndClock) {
-  EXPECT_EQ(zel::datetime::FromTimespec({0, 0}), 0x019DB1DED53E8000ull);
-  EXPECT_EQ(zel::datetime::FromTimespec({946684800, 999}), 125911584000000009ull);  // 2000-01-01
-  const std::uint64_t now = zel::datetime::now();
-  EXPECT_GT(now, zel::datetime::FromTimespec({1700000000, 0}));
-
-  const zel::datetime::TimeSystemError e("f", 1, 22);
-  EXPECT_TRUE(e.GetDescription().view() == u"Cannot get system time: 0x80000046 (Invalid argument)");
 }
 
 }  // namespace

@@ -149,7 +149,7 @@ TEST(AnyDescrPtrTest, CopyRules) {
 }
 
 // The registry interface is faked by a small adapter over a provider.
-class FakeRegistry final : public testsupport::StackService<zel::IStructMetaInfoRegistry> {
+class FakeRegistry final : public testsupport::StackService<FakeRegistry, zel::IStructMetaInfoRegistry> {
  public:
   const zel::TypeDescriptor* known = nullptr;
   zel::result_t GetRegisteredIds(zel::types::vector_t<std::uint32_t>*) override { return 0; }

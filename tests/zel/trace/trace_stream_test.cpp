@@ -12,6 +12,7 @@
 #include <string>
 
 #include "host/services/collecting_tracer.h"
+#include "host/services/host_object.h"
 #include "zel/types/string.h"
 
 namespace {
@@ -284,11 +285,8 @@ TEST(TraceStreamGrowth, WideTextAsksForRoomOnce) {
 // ---- TraceTest / TraceFlush ---------------------------------------------------------
 
 // Grants nothing but says yes: a tracer that must not be trusted blindly.
-class SaysYesGivesNothing final : public zel::ITracer {
+class SaysYesGivesNothing final : public host::OwnedObject<SaysYesGivesNothing, zel::ITracer> {
  public:
-  std::uint32_t AddRef() override { return 1; }
-  std::uint32_t Release() override { return 1; }
-  zel::result_t QueryInterface(zel::iid_t, void**) override { return zel::result::InterfaceNotSupported; }
   zel::result_t AllocLine(std::uint32_t, TraceRecord*, std::uint64_t) override { return 0; }
   zel::result_t CommitLine(char*, std::uint64_t) override {
     ++commits;

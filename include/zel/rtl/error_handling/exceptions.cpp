@@ -378,14 +378,10 @@ result_t ResultFromCurrentException(ITracer* tracer, const char* prefix) noexcep
 }
 
 result_t ResultFromCurrentExceptionWithLocator(IServiceLocator* serviceLocator, const char* prefix) noexcept {
-  ITracer* tracer = nullptr;
-  if (serviceLocator != nullptr) {
-    void* p = nullptr;
-    if (ZEL_SUCCEEDED(serviceLocator->GetInterface(ITracer::iid, 0, &p))) tracer = static_cast<ITracer*>(p);
-  }
-  const result_t r = ResultFromCurrentException(tracer, prefix);
-  if (tracer != nullptr) tracer->Release();
-  return r;
+  // Without a locator or a tracer the conversion runs untraced.
+  RefPtr<ITracer> tracer;
+  if (serviceLocator != nullptr) static_cast<void>(GetInterface(serviceLocator, tracer.Ref()));
+  return ResultFromCurrentException(tracer.Get(), prefix);
 }
 
 TraceStream& operator<<(TraceStream& stream, const Exception& e) noexcept {

@@ -1,4 +1,4 @@
-#include "zel/trace/prefix_tracer.h"
+#include "tov_tracing/prefix_tracer.h"
 
 #include <cstring>
 #include <limits>
@@ -67,7 +67,7 @@ result_t PrefixTracer::CommitLine(char* buffer, std::uint64_t length) {
   return m_tracer->CommitLine(line, length + shift);
 }
 
-RefPtr<ITracer> MakePrefixTracer(IServiceLocator* serviceLocator, std::size_t prefixLength, const char* prefix) {
+PrefixTracerSetUp SetUpPrefixTracer(IServiceLocator* serviceLocator, std::size_t prefixLength, const char* prefix) {
   RefPtr<ITracer> tracer;
   result_t r = serviceLocator != nullptr ? GetInterface(serviceLocator, tracer.Ref()) : result::InvalidArgument;
   if (ZEL_SUCCEEDED(r) && !tracer) r = result::InvalidArgument;  // a locator that says yes and gives nothing
@@ -83,7 +83,16 @@ RefPtr<ITracer> MakePrefixTracer(IServiceLocator* serviceLocator, std::size_t pr
   const std::uint32_t* levelLimit = LevelLimitOf(tracer.Get());
   PrefixTracer* created = detail::CreateObjectImplWith<PrefixTracer, abi_v2_allocator>(
       std::move(tracer), levelLimit, std::string_view(text));
-  return RefPtr<ITracer>::Adopt(static_cast<ITracer*>(created));
+  return {RefPtr<ITracer>::Adopt(static_cast<ITracer*>(created)), levelLimit};
+}
+
+RefPtr<ITracer> MakePrefixTracer(IServiceLocator* serviceLocator, std::size_t prefixLength, const char* prefix) {
+  return SetUpPrefixTracer(serviceLocator, prefixLength, prefix).tracer;
+}
+
+TraceHandle MakeTraceHandle(ITracer* tracer) noexcept {
+  if (tracer == nullptr) return {};
+  return {tracer, LevelLimitOf(tracer)};
 }
 
 }  // namespace zel::trace

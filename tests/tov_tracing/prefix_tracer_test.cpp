@@ -1,7 +1,8 @@
 // PrefixTracer and MakePrefixTracer over a collecting host tracer: the
 // level limit at line opening, the buffer shift, the walk past enclosing
-// prefixes, lifetime, and TracerProvider.
-#include "zel/trace/prefix_tracer.h"
+// prefixes, lifetime, TracerProvider, and the trace handles that test the
+// level before any call.
+#include "tov_tracing/prefix_tracer.h"
 
 #include <gtest/gtest.h>
 
@@ -13,11 +14,11 @@
 #include "host/services/collecting_tracer.h"
 #include "host/services/service_locator.h"
 #include "support/fake_tracers.h"
+#include "tov_tracing/tracer_provider.h"
 #include "zel/module_lock.h"
 #include "zel/rtl/error_handling/exceptions.h"
 #include "zel/trace/itrace_level_limit.h"
 #include "zel/trace/trace_stream.h"
-#include "zel/trace/tracer_provider.h"
 
 namespace {
 
@@ -249,6 +250,62 @@ TEST(TracerProvider, TracesWithTheClassName) {
 
   host::ServiceLocator empty;
   EXPECT_THROW(Traced{&empty}, zel::CheckResultFailedException);
+}
+
+// ---- trace handles ----------------------------------------------------------------
+
+TEST(TraceHandle, LevelAboveTheLiveLimitNeverReachesTheTracer) {
+  Host host;
+  host.tracer.ExposeLevelLimit(700);
+  const std::int64_t refs = host.tracer.OutstandingRefs();
+  const zel::TraceHandle handle = zel::trace::MakeTraceHandle(&host.tracer);
+  EXPECT_EQ(host.tracer.OutstandingRefs(), refs);  // the handle holds no reference
+  host.tracer.Clear();
+
+  ZEL_TRACE(handle, 800) << "off";
+  EXPECT_EQ(host.tracer.AllocLineCount(), 0u);
+  ZEL_TRACE(handle, 700) << "on";
+  host.tracer.SetLevelLimit(800);  // a host change counts from the next site on
+  ZEL_TRACE(handle, 800) << "on now";
+  host.tracer.SetLevelLimit(300);
+  ZEL_TRACE(handle, 301) << "off again";
+  EXPECT_EQ(host.tracer.Texts(), (std::vector<std::string>{"on", "on now"}));
+  EXPECT_EQ(host.tracer.AllocLineCount(), 2u);
+}
+
+TEST(TraceHandle, WithoutALimitTheTracerDecidesEveryLevel) {
+  Host host;
+  host.tracer.SetLevelFilter(700);
+  const zel::TraceHandle handle = zel::trace::MakeTraceHandle(&host.tracer);
+  host.tracer.Clear();
+  ZEL_TRACE(handle, 800) << "refused by the tracer";
+  ZEL_TRACE(handle, 1000) << "refused by the tracer";
+  ZEL_TRACE(handle, 700) << "kept";
+  EXPECT_EQ(host.tracer.AllocLineCount(), 3u);
+  EXPECT_EQ(host.tracer.Texts(), std::vector<std::string>{"kept"});
+  TraceRecord record;
+  EXPECT_FALSE(zel::TraceTest(record, handle, 1001));  // above the ceiling: not even asked
+  EXPECT_EQ(host.tracer.AllocLineCount(), 3u);
+}
+
+TEST(TraceHandle, WithoutATracerNothingIsTraced) {
+  TraceRecord record;
+  EXPECT_FALSE(zel::TraceTest(record, zel::trace::MakeTraceHandle(nullptr), 300));
+  EXPECT_FALSE(zel::TraceTest(record, zel::TraceHandle{}, 300));
+  EXPECT_EQ(record.buffer, nullptr);
+}
+
+TEST(TracerProvider, LevelsAboveTheHostLimitStopAtTheSite) {
+  Host host;
+  host.tracer.ExposeLevelLimit(700);
+  Traced traced(&host.locator);
+  host.tracer.Clear();
+  ZEL_TRACE(traced.GetTracer(), 800) << "off";
+  EXPECT_EQ(host.tracer.AllocLineCount(), 0u);
+  ZEL_TRACE(traced.GetTracer(), 300) << "Failed";
+  host.tracer.SetLevelLimit(800);
+  ZEL_TRACE(traced.GetTracer(), 800) << "on";
+  EXPECT_EQ(host.tracer.Texts(), (std::vector<std::string>{"Traced::Failed", "Traced::on"}));
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
-// zel::trace::PrefixTracer: a tracer that puts a fixed prefix, such as
-// "AppControlTaskCallbacks::", in front of every line of the tracer
-// underneath, and MakePrefixTracer, which builds one from a service locator.
+// The product's prefix-tracer set-up: zel::trace::PrefixTracer, a tracer
+// that puts a fixed prefix, such as "AppControlTaskCallbacks::", in front of
+// every line of the tracer underneath; MakePrefixTracer, which builds one from
+// a service locator; and MakeTraceHandle, which pairs a host tracer with the
+// level limit it offers so that sites test the level inline.
 //
 // The prefix costs no copy of the text: every buffer asked from the tracer
 // underneath is larger by the prefix length, the caller gets the address
@@ -17,6 +19,7 @@
 #include "zel/rtl/objbase.h"
 #include "zel/rtl/objclient.h"
 #include "zel/trace/iprefix_tracer.h"
+#include "zel/trace/trace_stream.h"
 #include "zel/types/allocator.h"
 #include "zel/types/string.h"
 
@@ -49,6 +52,21 @@ class PrefixTracer : public object::Ifaces<ITracer, IPrefixTracer> {
   const std::uint32_t* m_levelLimit;
   basic_string_t<char> m_prefix;
 };
+
+// A new prefix tracer and the limit it applies to new lines, which stays
+// valid for the tracer's life.
+struct PrefixTracerSetUp {
+  RefPtr<ITracer> tracer;
+  const std::uint32_t* levelLimit;
+};
+
+// As MakePrefixTracer, also giving the limit, so that the owner can test
+// levels inline through a TraceHandle{tracer, levelLimit}.
+PrefixTracerSetUp SetUpPrefixTracer(IServiceLocator* serviceLocator, std::size_t prefixLength, const char* prefix);
+
+// `tracer` with the level limit it offers, or with none; null gives a handle
+// that traces nothing. Asks the tracer once; the handle holds no reference.
+TraceHandle MakeTraceHandle(ITracer* tracer) noexcept;
 
 // Builds a prefix tracer with `prefix` (its first `prefixLength` bytes)
 // followed by "::" over the locator's tracer. Enclosing prefix tracers whose
