@@ -125,6 +125,9 @@ void BM_AddInfo100kAndFlush(benchmark::State& state) {
 
     state.PauseTiming();
     storage = nullptr;
+    std::uintmax_t bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(host->dir)) bytes += entry.file_size();
+    state.counters["store_MB"] = static_cast<double>(bytes) / 1e6;
     host.reset();
     state.ResumeTiming();
   }

@@ -278,11 +278,17 @@ zel::result_t Engine::InventoryModule(zel::IIO* io, std::uint32_t flags, tov::Ap
       known = ZEL_SUCCEEDED(file->Stat(st));
     }
     const auto hash = [io](std::string* hex) { return Sha256Stream(io, hex); };
-    const zel::result_t r =
-        known && !m_contentHashing.load() ? (facts.sha256 = IdentityStamp(st), zel::result::NoError)
-        : known ? CachedHash(st, hash, [&file](struct stat& again) { return ZEL_SUCCEEDED(file->Stat(again)); },
-                           &facts.sha256)
-              : (m_hashesComputed.fetch_add(1), hash(&facts.sha256));
+    zel::result_t r = zel::result::NoError;
+    if (known && !m_contentHashing.load()) {
+      facts.sha256 = IdentityStamp(st);
+    } else if (known) {
+      r = CachedHash(st, hash, [&file](struct stat& again) { return ZEL_SUCCEEDED(file->Stat(again)); },
+                     &facts.sha256);
+    } else {
+      // Without an identity there is nothing to remember the hash by.
+      m_hashesComputed.fetch_add(1);
+      r = hash(&facts.sha256);
+    }
     if (ZEL_FAILED(r)) return r;
     if (known) facts.removable = DeviceRemovable(st.st_dev);
 

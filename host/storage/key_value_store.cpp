@@ -59,10 +59,16 @@ zel::result_t KeyValueStore::Open(const std::string& path, const Options& option
   if (ZEL_SUCCEEDED(r)) r = m_db.Exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;");
   if (ZEL_SUCCEEDED(r)) {
     r = m_db.Exec(
-        "CREATE TABLE IF NOT EXISTS main.key_value (key BLOB PRIMARY KEY, value BLOB NOT NULL) WITHOUT ROWID;"
+        // Rowid tables: a record of a kilobyte or two stays inside its page,
+        // where an index-organised row would spill most of it to an
+        // overflow page of its own.
+        "CREATE TABLE IF NOT EXISTS main.key_value (key BLOB PRIMARY KEY, value BLOB NOT NULL);"
         // A NULL value stages a removal.
-        "CREATE TEMP TABLE IF NOT EXISTS key_value_stage (key BLOB PRIMARY KEY, value BLOB) WITHOUT ROWID;");
+        "CREATE TEMP TABLE IF NOT EXISTS key_value_stage (key BLOB PRIMARY KEY, value BLOB);");
   }
+  // The staging table is scratch: its rollback journal can live in memory,
+  // and a larger cache keeps a scan's worth of records from spilling often.
+  if (ZEL_SUCCEEDED(r)) r = m_db.Exec("PRAGMA temp.journal_mode=MEMORY; PRAGMA temp.cache_size=-65536;");
   if (ZEL_SUCCEEDED(r) && options.readOnly) r = m_db.Exec("PRAGMA query_only=1");
   if (ZEL_SUCCEEDED(r) && options.maxPageCount > 0) {
     r = m_db.Exec(("PRAGMA main.max_page_count=" + std::to_string(options.maxPageCount)).c_str());
@@ -97,6 +103,7 @@ void KeyValueStore::Close() {
 }
 
 void KeyValueStore::FinalizeAll() noexcept {
+  m_staging = false;  // a connection that closes drops its staging transaction with it
   // Statements go before the connection they belong to.
   for (storage::Statement* s :
        {&m_get, &m_getStaged, &m_stage, &m_applyRemovals, &m_applyWrites, &m_clearStage, &m_countStaged}) {
@@ -116,8 +123,12 @@ zel::result_t KeyValueStore::LookupStaged(const KeyRange& key, bool& found, bool
 }
 
 zel::result_t KeyValueStore::LookupCommitted(const KeyRange& key, bool& found, Value* value) {
+  // A read of the file inside the staging transaction would pin its
+  // snapshot until the next Commit.
+  zel::result_t r = EndStaging();
+  if (ZEL_FAILED(r)) return r;
   StatementRun run(m_get);
-  zel::result_t r = m_get.Bind(1, Bytes(key));
+  r = m_get.Bind(1, Bytes(key));
   if (ZEL_FAILED(r)) return r;
   found = m_get.Step(&r);
   if (ZEL_FAILED(r)) return r;
@@ -125,9 +136,27 @@ zel::result_t KeyValueStore::LookupCommitted(const KeyRange& key, bool& found, V
   return zel::result::NoError;
 }
 
+zel::result_t KeyValueStore::BeginStaging() {
+  if (m_staging) return zel::result::NoError;
+  // Touches the temporary database only, so it takes no lock on the file.
+  const zel::result_t r = m_db.Exec("BEGIN");
+  m_staging = ZEL_SUCCEEDED(r);
+  return r;
+}
+
+zel::result_t KeyValueStore::EndStaging() {
+  if (!m_staging) return zel::result::NoError;
+  m_staging = false;
+  const zel::result_t r = m_db.Exec("COMMIT");
+  if (ZEL_FAILED(r)) m_db.Exec("ROLLBACK");
+  return r;
+}
+
 zel::result_t KeyValueStore::Stage(const KeyRange& key, const ValueRange* value) {
+  zel::result_t r = BeginStaging();
+  if (ZEL_FAILED(r)) return r;
   StatementRun run(m_stage);
-  zel::result_t r = m_stage.Bind(1, Bytes(key));
+  r = m_stage.Bind(1, Bytes(key));
   // Left unbound, the value is NULL: a removal.
   if (ZEL_SUCCEEDED(r) && value != nullptr) r = m_stage.Bind(2, Bytes(*value));
   if (ZEL_SUCCEEDED(r)) r = m_stage.Run();
@@ -178,8 +207,10 @@ zel::result_t KeyValueStore::Commit() {
   std::lock_guard lock(m_mutex);
   if (m_failCommit.Fire()) return m_failCommit.code;
   if (!m_db.IsOpen()) return zel::result::NotInitialized;
+  zel::result_t r = EndStaging();
+  if (ZEL_FAILED(r)) return r;
   storage::Transaction tx(m_db);
-  zel::result_t r = tx.Begin();
+  r = tx.Begin();
   if (ZEL_SUCCEEDED(r)) r = m_applyRemovals.Run();
   m_applyRemovals.Reset();
   if (ZEL_SUCCEEDED(r)) r = m_applyWrites.Run();

@@ -4,7 +4,8 @@
 //
 // Writes and removals are staged in a temporary table private to this
 // connection and moved into the real table at Commit, inside one
-// BEGIN IMMEDIATE ... COMMIT. So the database's write lock is held only for
+// BEGIN IMMEDIATE ... COMMIT. Consecutive writes share one transaction of
+// the temporary database, so staging a record costs no journal round. So the database's write lock is held only for
 // the length of a Commit (the settings and categories services share the
 // file and must not wait for a whole inventory scan), staged data that no
 // longer fits the page cache spills to a temporary file instead of memory,
@@ -82,6 +83,10 @@ class KeyValueStore final : public OwnedObject<KeyValueStore, app_core::componen
   zel::result_t LookupStaged(const KeyRange& key, bool& found, bool& removed, Value* value);
   zel::result_t LookupCommitted(const KeyRange& key, bool& found, Value* value);
   zel::result_t Stage(const KeyRange& key, const ValueRange* value);
+  // Staged writes run in one transaction of the temporary database, ended
+  // before any read of the file and at Commit.
+  zel::result_t BeginStaging();
+  zel::result_t EndStaging();
   void FinalizeAll() noexcept;
 
   std::mutex m_mutex;
@@ -93,6 +98,7 @@ class KeyValueStore final : public OwnedObject<KeyValueStore, app_core::componen
   storage::Statement m_applyWrites;
   storage::Statement m_clearStage;
   storage::Statement m_countStaged;
+  bool m_staging = false;
   Fault m_failSet;
   Fault m_failCommit;
   std::atomic<std::uint64_t> m_commits{0};
