@@ -11,7 +11,7 @@
 #include "app_control/interfaces/format_recognizer.h"
 #include "app_control/interfaces/format_record.h"
 #include "app_control/interfaces/ipath_matcher.h"
-#include "app_control/interfaces/scan_scope.h"
+#include "tov_common/settings/scan_scope.h"
 #include "tov_common/native_path.h"
 #include "zel/iservice_locator.h"
 #include "zel/itracer.h"

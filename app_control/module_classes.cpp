@@ -7,6 +7,8 @@
 
 #include "app_control/app_control_task.h"
 #include "app_control/app_start_log_events_dispatcher.h"
+#include "app_control/inventory_scan_task.h"
+#include "app_control/inventory_storage.h"
 #include "app_control/module_entry.h"
 #include "app_control/type_descriptor_static_registry.h"
 #include "zel/module_lock.h"
@@ -44,9 +46,11 @@ zel::result_t GetObjectFactory(zel::IServiceLocator* serviceLocator, std::uint32
       *factory = NewFactory<AppStartLogEventsDispatcher>();
       return zel::result::NoError;
     } else if (classId == kInventoryScanTaskClassId) {
-      // InventoryScanTask: its row goes here.
+      *factory = NewFactory<InventoryScanTask>();
+      return zel::result::NoError;
     } else if (classId == kInventoryStorageClassId) {
-      // InventoryStorage: its row goes here.
+      *factory = NewFactory<InventoryStorage>();
+      return zel::result::NoError;
     }
 
     if (classId == kSentinelClassId) std::terminate();

@@ -9,6 +9,10 @@
 //   categories import FILE | categories export
 //   enforce --settings S.json [--categories C.json] (--watch DIR | --mount PATH)...
 //                        application control on this machine's program starts
+//   scan [ROOT...] [--settings S.json] [--golden-image add|remove] ...
+//                        the inventory scan; SIGINT stops, SIGUSR1/SIGUSR2 pause and resume
+//   inventory [--json] [--from N --count M] [--id ID]
+//                        what the scans stored
 //
 // The commands live in host/cli/.
 #include <cstdio>
@@ -31,7 +35,10 @@ void Usage() {
                "[PATH[:USER[:PID]]...]\n"
                "  categories import FILE | categories export\n"
                "  enforce --settings SETTINGS.json [--categories CATEGORIES.json] (--watch DIR | --mount PATH)...\n"
-               "          [--on-timeout allow|deny] [--decision-timeout MS] [--events FILE] [--json]\n");
+               "          [--on-timeout allow|deny] [--decision-timeout MS] [--events FILE] [--json]\n"
+               "  scan [ROOT...] [--settings SCAN.json] [--mask GLOB]... [--no-first-group] [--no-second-group]\n"
+               "       [--no-exec-bit] [--golden-image add|remove] [--interval SECONDS] [--json]\n"
+               "  inventory [--json] [--from N] [--count M] [--id ID]\n");
 }
 
 }  // namespace
@@ -73,6 +80,8 @@ int main(int argc, char** argv) {
     if (command == "run") return host::cli::RunRules(options, args);
     if (command == "categories") return host::cli::RunCategories(options, args);
     if (command == "enforce") return host::cli::RunEnforce(options, args);
+    if (command == "scan") return host::cli::RunScan(options, args);
+    if (command == "inventory") return host::cli::RunInventory(options, args);
     std::fprintf(stderr, "acctl: unknown command '%s'\n", command.c_str());
     Usage();
     return 2;

@@ -5,7 +5,7 @@
 
 #include "app_control/interfaces/ipath_matcher.h"
 #include "app_control/interfaces/path_matcher_options.h"
-#include "app_control/interfaces/scan_scope.h"
+#include "tov_common/settings/scan_scope.h"
 #include "zel/iobject.h"
 #include "zel/types/string.h"
 #include "zel/types/vector.h"

@@ -36,9 +36,15 @@ std::string ReadFile(const std::string& path);
 // $XDG_STATE_HOME/acctl/acctl.db, or ~/.local/state/acctl/acctl.db.
 std::string DefaultStatePath();
 
+// The store of a command that keeps state: --db, or DefaultStatePath() with
+// its directory made.
+std::string StorePath(const GlobalOptions& options);
+
 int RunDemo(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunRules(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunCategories(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunEnforce(const GlobalOptions& options, const std::vector<std::string>& args);
+int RunScan(const GlobalOptions& options, const std::vector<std::string>& args);
+int RunInventory(const GlobalOptions& options, const std::vector<std::string>& args);
 
 }  // namespace host::cli

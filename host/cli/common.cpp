@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -28,6 +29,16 @@ std::string DefaultStatePath() {
   if (state != nullptr && *state == '/') return std::string(state) + "/acctl/acctl.db";
   const char* home = std::getenv("HOME");
   return std::string(home != nullptr && *home != '\0' ? home : "/tmp") + "/.local/state/acctl/acctl.db";
+}
+
+std::string StorePath(const GlobalOptions& options) {
+  std::string db = options.dbPath;
+  if (db.empty()) {
+    db = DefaultStatePath();
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(db).parent_path(), ignored);
+  }
+  return db;
 }
 
 }  // namespace host::cli

@@ -22,10 +22,12 @@ HostSession::HostSession(std::uint32_t traceLevel, const std::string& dbPath, st
   RegisterRecordCodecs(serviceManager, &locator);
   if (ZEL_FAILED(serviceManager.Open(dbPath))) throw UserError("cannot open the settings store " + dbPath);
   if (ZEL_FAILED(categories.Open(dbPath))) throw UserError("cannot open the categories store " + dbPath);
+  if (ZEL_FAILED(keyValueStore.Open(dbPath))) throw UserError("cannot open the inventory store " + dbPath);
 
   locator.Register<IPwdb>(&pwdb);
   locator.Register<app_core::facade::IServiceManager>(&serviceManager);
   locator.Register<ICategoriesManager>(&categories);
+  locator.Register<app_core::component::IKeyValueStorage>(&keyValueStore);
   RegisterFileServices(locator, files);
   if (events != nullptr) {
     EngineServicesOptions options;
@@ -41,7 +43,11 @@ HostSession::~HostSession() {
     engine.reset();
   }
   UnregisterFileServices(locator);
-  for (zel::iid_t iid : {ICategoriesManager::iid, app_core::facade::IServiceManager::iid, IPwdb::iid}) locator.Remove(iid);
+  for (zel::iid_t iid : {app_core::component::IKeyValueStorage::iid, ICategoriesManager::iid,
+                         app_core::facade::IServiceManager::iid, IPwdb::iid}) {
+    locator.Remove(iid);
+  }
+  keyValueStore.Close();
   categories.Close();
   serviceManager.Close();
 }

@@ -147,6 +147,12 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   // How many file contents were actually hashed (cache misses and streams
   // without identity).
   std::uint64_t HashesComputed() const noexcept { return m_hashesComputed.load(); }
+  // Off: InventoryModule reads no content for a file the host opened and
+  // gives, in place of the SHA-256, 64 hex digits of the file's identity
+  // (device, inode, size, change time). For measuring the walk without the
+  // hashing, and for a quick stock-taking; GoldenImage criteria built from
+  // such a run match no program start. Bare streams are still hashed.
+  void SetContentHashing(bool on) noexcept { m_contentHashing.store(on); }
   std::vector<ProgramDecision> Decisions() const;
   std::thread::id ThreadId() const { return m_thread.get_id(); }
   std::size_t Subscribers() const;
@@ -225,6 +231,7 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   static constexpr std::size_t kPrincipalsKept = 1024;
   mutable std::mutex m_principalsMutex;
   mutable std::map<std::uint32_t, std::pair<UserPrincipals, std::chrono::steady_clock::time_point>> m_principals;
+  std::atomic<bool> m_contentHashing{true};
   std::thread m_thread;  // last: starts once everything above exists
 };
 

@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 #include <string_view>
 #include <utility>
 
+#include "host/services/iopen_file.h"
 #include "zel/rtl/error_handling/exceptions.h"
 #include "zel/strings/conversions.h"
 
@@ -17,7 +19,9 @@ namespace {
 
 zel::result_t LastError() noexcept { return zel::ResultFromErrno(static_cast<unsigned>(errno)); }
 
-class FdStream final : public HeapObject<FdStream, zel::IIO> {
+// Also answers IOpenFile, so that the engine knows the file's path and
+// identity (and can use its hash cache) for what the scan opens.
+class FdStream final : public HeapObject<FdStream, zel::IIO, IOpenFile> {
  public:
   zel::result_t Read(void* buffer, std::uint32_t count, std::uint32_t* read) override {
     if (read != nullptr) *read = 0;
@@ -67,13 +71,24 @@ class FdStream final : public HeapObject<FdStream, zel::IIO> {
   zel::result_t SetSize(std::uint64_t) override { return zel::result::AccessDenied; }
   zel::result_t Flush() override { return zel::result::NoError; }
 
+  zel::result_t Stat(struct stat& st) override { return ::fstat(m_fd, &st) == 0 ? zel::result::NoError : LastError(); }
+  zel::result_t GetPath(zel::string_t& path) override {
+    try {
+      path = zel::string_t(m_path.c_str());
+      return zel::result::NoError;
+    } catch (...) {
+      return zel::ResultFromCurrentException(nullptr, nullptr);
+    }
+  }
+
  private:
   friend class host::HeapAccess;
-  FdStream(int fd, std::shared_ptr<std::atomic<zel::result_t>> failRead)
-      : m_fd(fd), m_failRead(std::move(failRead)) {}
+  FdStream(int fd, std::string path, std::shared_ptr<std::atomic<zel::result_t>> failRead)
+      : m_fd(fd), m_path(std::move(path)), m_failRead(std::move(failRead)) {}
   ~FdStream() { ::close(m_fd); }
 
   const int m_fd;
+  const std::string m_path;
   const std::shared_ptr<std::atomic<zel::result_t>> m_failRead;
 };
 
@@ -132,7 +147,7 @@ zel::result_t FileFactory::CreateFile(const char16_t* widePath, std::uint32_t ac
     int fd = -1;
     if (const zel::result_t r = OpenRegular(path.c_str(), &fd); ZEL_FAILED(r)) return r;
     try {
-      *out = MakeHeapObject<FdStream>(fd, m_failRead).Detach();
+      *out = MakeHeapObject<FdStream>(fd, std::string(path.view()), m_failRead).Detach();
     } catch (...) {
       ::close(fd);
       throw;

@@ -3,6 +3,7 @@
 #include "tov_common/settings/app_control_settings.h"
 #include "tov_common/settings/enterprise_application_control_settings.h"
 #include "tov_common/settings/internal/category_id_descriptor.h"
+#include "tov_common/settings/inventory_scan_settings.h"
 
 namespace tov::settings {
 
@@ -16,6 +17,9 @@ std::span<const zel::TypeDescriptor* const> SettingsRecordDescriptors() noexcept
       zel::StaticTypeDescriptor<app_ctrl::EngineRuleUser>::Get(),
       zel::StaticTypeDescriptor<app_ctrl::EngineRule>::Get(),
       zel::StaticTypeDescriptor<app_ctrl::EnterpriseApplicationControlSettings>::Get(),
+      zel::StaticTypeDescriptor<ScanScope>::Get(),
+      zel::StaticTypeDescriptor<SecondaryScope>::Get(),
+      zel::StaticTypeDescriptor<InventoryScanSettings>::Get(),
   };
   return descriptors;
 }

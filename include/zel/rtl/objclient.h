@@ -76,6 +76,13 @@ result_t GetInterface(IServiceLocator* serviceLocator, I** out, std::uint32_t se
   return r;
 }
 
+// The same with the service key first, the order used where a service is
+// registered under a class key (file factories, for instance).
+template <class I>
+result_t GetInterface(IServiceLocator* serviceLocator, std::uint32_t serviceKey, I** out) {
+  return GetInterface(serviceLocator, out, serviceKey);
+}
+
 // Asks `from` for I into a holder's slot (RefPtr::Ref()); *out is null on
 // failure. The result is the object's own.
 template <class From, class I>

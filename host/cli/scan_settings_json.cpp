@@ -1,0 +1,147 @@
+#include "host/cli/scan_settings_json.h"
+
+#include <json/json.h>
+
+#include <initializer_list>
+#include <memory>
+#include <string>
+
+#include "host/cli/cli.h"
+#include "host/files/path_matcher.h"
+#include "zel/strings/conversions.h"
+
+namespace host::cli {
+namespace {
+
+using tov::settings::GoldenImageAction;
+
+class Reader {
+ public:
+  explicit Reader(std::string_view source) : m_source(source) {}
+
+  [[noreturn]] void Fault(const std::string& where, const std::string& what) const {
+    throw UserError(std::string(m_source) + ": " + where + ": " + what);
+  }
+
+  void OnlyKeys(const Json::Value& object, const std::string& where, std::initializer_list<const char*> keys) const {
+    if (!object.isObject()) Fault(where, "expected an object");
+    for (const std::string& name : object.getMemberNames()) {
+      bool known = false;
+      for (const char* k : keys) known = known || name == k;
+      if (!known) Fault(where, "unknown key \"" + name + "\"");
+    }
+  }
+
+  bool Flag(const Json::Value& object, const std::string& where, const char* key, bool fallback) const {
+    if (!object.isMember(key)) return fallback;
+    if (!object[key].isBool()) Fault(where + "." + key, "expected true or false");
+    return object[key].asBool();
+  }
+
+  std::string Text(const Json::Value& object, const std::string& where, const char* key, bool required) const {
+    if (!object.isMember(key)) {
+      if (required) Fault(where, "missing key \"" + std::string(key) + "\"");
+      return {};
+    }
+    if (!object[key].isString()) Fault(where + "." + key, "expected a string");
+    return object[key].asString();
+  }
+
+  zel::types::vector_t<zel::string_t> Masks(const Json::Value& object, const std::string& where,
+                                            bool defaultAll) const {
+    zel::types::vector_t<zel::string_t> masks;
+    if (!object.isMember("masks")) {
+      if (defaultAll) masks.push_back(zel::string_t("*"));
+      return masks;
+    }
+    const Json::Value& list = object["masks"];
+    if (!list.isArray()) Fault(where + ".masks", "expected an array of strings");
+    for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+      if (!list[i].isString() || list[i].asString().empty())
+        Fault(where + ".masks[" + std::to_string(i) + "]", "expected a non-empty string");
+      masks.push_back(zel::string_t(list[i].asString().c_str()));
+    }
+    return masks;
+  }
+
+  // path, name (defaulting to the path), topLevelOnly.
+  template <class Scope>
+  void Common(const Json::Value& v, const std::string& where, Scope& scope) const {
+    const std::string path = Text(v, where, "path", true);
+    if (path.empty()) Fault(where + ".path", "expected a non-empty path");
+    const std::string name = Text(v, where, "name", false);
+    scope.path = zel::string_t(path.c_str());
+    scope.name = zel::Utf8ToWide(name.empty() ? path : name);
+    scope.matcherFlags = Flag(v, where, "topLevelOnly", false) ? host::path_matcher_flags::kTopLevelOnly : 0;
+  }
+
+ private:
+  std::string_view m_source;
+};
+
+}  // namespace
+
+bool GoldenImageActionFromText(std::string_view text, GoldenImageAction& action) {
+  if (text == "None") {
+    action = GoldenImageAction::None;
+  } else if (text == "Add") {
+    action = GoldenImageAction::Add;
+  } else if (text == "Remove") {
+    action = GoldenImageAction::Remove;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+tov::settings::InventoryScanSettings ScanSettingsFromJson(std::string_view json, std::string_view source) {
+  const Reader reader(source);
+  Json::CharReaderBuilder builder;
+  builder["collectComments"] = false;
+  builder["rejectDupKeys"] = true;
+  std::unique_ptr<Json::CharReader> parser(builder.newCharReader());
+  Json::Value root;
+  std::string errors;
+  if (!parser->parse(json.data(), json.data() + json.size(), &root, &errors)) {
+    while (!errors.empty() && (errors.back() == '\n' || errors.back() == ' ')) errors.pop_back();
+    throw UserError(std::string(source) + ": not a JSON document: " + errors);
+  }
+  reader.OnlyKeys(root, "document", {"firstFormatGroupEnabled", "secondFormatGroupEnabled", "executableBitEnabled",
+                                     "goldenImageAction", "scanScopes", "secondaryScopes"});
+  tov::settings::InventoryScanSettings settings;
+  settings.firstFormatGroupEnabled = reader.Flag(root, "document", "firstFormatGroupEnabled", true);
+  settings.secondFormatGroupEnabled = reader.Flag(root, "document", "secondFormatGroupEnabled", true);
+  settings.executableBitEnabled = reader.Flag(root, "document", "executableBitEnabled", true);
+  if (root.isMember("goldenImageAction")) {
+    const std::string text = reader.Text(root, "document", "goldenImageAction", true);
+    if (!GoldenImageActionFromText(text, settings.goldenImageAction))
+      reader.Fault("document.goldenImageAction", "unknown value \"" + text + "\" (one of None, Add, Remove)");
+  }
+  if (root.isMember("scanScopes")) {
+    const Json::Value& list = root["scanScopes"];
+    if (!list.isArray()) reader.Fault("scanScopes", "expected an array");
+    settings.scanScopes.clear();
+    for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+      const std::string where = "scanScopes[" + std::to_string(i) + "]";
+      reader.OnlyKeys(list[i], where, {"path", "name", "enabled", "masks", "topLevelOnly"});
+      tov::settings::ScanScope& scope = settings.scanScopes.emplace_back();
+      reader.Common(list[i], where, scope);
+      scope.enabled = reader.Flag(list[i], where, "enabled", true);
+      scope.masks = reader.Masks(list[i], where, true);
+    }
+  }
+  if (root.isMember("secondaryScopes")) {
+    const Json::Value& list = root["secondaryScopes"];
+    if (!list.isArray()) reader.Fault("secondaryScopes", "expected an array");
+    for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+      const std::string where = "secondaryScopes[" + std::to_string(i) + "]";
+      reader.OnlyKeys(list[i], where, {"path", "name", "masks", "topLevelOnly"});
+      tov::settings::SecondaryScope& scope = settings.secondaryScopes.emplace_back();
+      reader.Common(list[i], where, scope);
+      scope.masks = reader.Masks(list[i], where, false);
+    }
+  }
+  return settings;
+}
+
+}  // namespace host::cli

@@ -1,0 +1,572 @@
+// The inventory scan task against fake engine, storage and task-layer
+// services, over trees generated in a temporary directory: what reaches the
+// inventory, the GoldenImage category and key, stop and pause at the check
+// points, the task-type lock across two tasks, and the trace of the walk.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "app_control/interfaces/iinventory_scan_task_construct.h"
+#include "app_control/interfaces/iinventory_scan_task_settings.h"
+#include "app_control/inventory_scan_task.h"
+#include "app_control/module_entry.h"
+#include "app_control/module_fixture.h"
+#include "host/serialization/serialization_services.h"
+#include "support/fake_inventory_services.h"
+#include "tov_common/categories/category_descriptors.h"
+
+namespace {
+
+namespace ac = tov::app_control;
+namespace fs = std::filesystem;
+using app_core::task_manager::task::ITask;
+using tov::settings::GoldenImageAction;
+using tov::settings::InventoryScanSettings;
+using testing::ElementsAre;
+using testing::UnorderedElementsAre;
+
+constexpr zel::result_t kFailure = zel::result::MediaError;
+
+std::string Narrow(const zel::wstring_t& w) {
+  std::string s;
+  for (char16_t c : w.view()) s += static_cast<char>(c);
+  return s;
+}
+
+class InventoryScanTaskTest : public testsupport::ModuleFixture {
+ protected:
+  void SetUp() override {
+    ModuleFixture::SetUp();
+    serialization = host::RegisterSerializationServices(locator);
+    for (const zel::TypeDescriptor* d : tov::tools::CategoryExpressionDescriptors())
+      serialization.metaInfo->RegisterDescriptor(d);
+    locator.Register<app_ctrl::IEnterpriseApplicationController>(&engine);
+    locator.Register<zel::IFileFactory>(&files, qurn::CLSID_FileFactories);
+    locator.Register<ac::IInventoryStorage>(&storage);
+    locator.Register<ITaskTryMutex>(&typeLock);
+    locator.Register<ITaskInfoProvider>(&taskInfo);
+    locator.Register<ICgroupsManager>(&cgroups);
+    locator.Register<ICategoriesManager>(&categories);
+    locator.Register<IPathMatcherFactory>(&pathMatchers);
+    locator.Register<FormatRecognizerFactory>(&recognizers);
+
+    char pattern[] = "/tmp/invscan-XXXXXX";
+    root = ::mkdtemp(pattern);
+  }
+  void TearDown() override {
+    std::error_code ec;
+    fs::remove_all(root, ec);
+    // The fakes die before the locator: take them out of it first.
+    locator.Remove(app_ctrl::IEnterpriseApplicationController::iid);
+    locator.Remove(zel::IFileFactory::iid, qurn::CLSID_FileFactories);
+    for (zel::iid_t iid : {ac::IInventoryStorage::iid, ITaskTryMutex::iid, ITaskInfoProvider::iid,
+                           ICgroupsManager::iid, ICategoriesManager::iid, IPathMatcherFactory::iid,
+                           FormatRecognizerFactory::iid}) {
+      locator.Remove(iid);
+    }
+    serialization = {};
+  }
+
+  void File(const std::string& relative, bool executable = false) {
+    const fs::path p = fs::path(root) / relative;
+    fs::create_directories(p.parent_path());
+    std::ofstream(p) << "content of " << relative << "\n";
+    if (executable) fs::permissions(p, fs::perms::owner_exec, fs::perm_options::add);
+  }
+  std::string Path(const std::string& relative) const { return root + "/" + relative; }
+
+  // Settings that walk `roots` (all enabled) with `action`.
+  static InventoryScanSettings Settings(std::vector<std::string> roots,
+                                        GoldenImageAction action = GoldenImageAction::None) {
+    InventoryScanSettings s;
+    s.goldenImageAction = action;
+    s.scanScopes.clear();
+    for (const auto& r : roots) {
+      tov::settings::ScanScope scope;
+      scope.name = zel::wstring_t(u"scope");
+      scope.path = zel::string_t(r.c_str());
+      scope.masks.push_back(zel::string_t("*"));
+      s.scanScopes.push_back(scope);
+    }
+    return s;
+  }
+
+  zel::RefPtr<ITask> MakeTask(const InventoryScanSettings& settings) {
+    auto task = Create<ITask>(ac::kInventoryScanTaskClassId);
+    if (!task) return task;
+    zel::RefPtr<ac::IInventoryScanTaskConstruct> construct;
+    EXPECT_EQ(task->QueryInterface(ac::IInventoryScanTaskConstruct::iid, reinterpret_cast<void**>(construct.Ref())), 0);
+    EXPECT_EQ(construct->Construct(&settings), 0);
+    return task;
+  }
+
+  // Starts, waits for the worker's stop notice and stops; the notice's result.
+  zel::result_t RunToEnd(ITask* task, std::uint32_t session = 7) {
+    const int before = stops.count;
+    EXPECT_EQ(task->Start(session, &stops), 0);
+    stops.WaitFor(before + 1);
+    EXPECT_EQ(task->Stop(), 0);
+    return stops.lastResult;
+  }
+
+  std::vector<std::string> StoredPaths() {
+    std::vector<std::string> paths;
+    for (const auto& r : storage.records) paths.push_back(Narrow(r.filePath));
+    return paths;
+  }
+
+  // Every module object made by the test is gone and its memory went back
+  // (the serialisation services keep their own allocator references).
+  void ExpectTaskGone() {
+    EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
+    EXPECT_EQ(allocator.LiveBlocks(), 0);
+  }
+
+  // The worker lets the task type go only after its stop notice.
+  void WaitTypeUnlocked() {
+    while (typeLock.Held(ac::kInventoryScanTaskType)) ::usleep(1000);
+  }
+
+  bool Traced(const std::string& text) {
+    const auto lines = tracer.Texts();
+    return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
+  }
+
+  host::SerializationServices serialization;
+  testsupport::FakeAppController engine;
+  testsupport::FakeFileFactory files;
+  testsupport::FakeInventoryStorage storage;
+  testsupport::FakeTaskTryMutex typeLock;
+  testsupport::FakeTaskInfoProvider taskInfo;
+  testsupport::FakeCgroupsManager cgroups;
+  testsupport::RecordingCategoriesManager categories;
+  testsupport::PassAllPathMatcherFactory pathMatchers;
+  testsupport::UnknownFormatRecognizerFactory recognizers;
+  testsupport::RecordingStopEvents stops;
+  std::string root;
+};
+
+TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheRest) {
+  File("a.sh");
+  File("bin/tool", true);
+  File("deep/er/x.py");
+  fs::create_symlink(Path("a.sh"), Path("link-to-a"));
+  fs::create_directory_symlink(Path("deep"), Path("link-to-deep"));
+  ASSERT_EQ(::mkfifo(Path("pipe").c_str(), 0600), 0);
+  {
+    auto task = MakeTask(Settings({root}));
+    ASSERT_TRUE(task);
+    EXPECT_EQ(RunToEnd(task.Get(), 42), 0);
+  }
+  EXPECT_THAT(StoredPaths(), UnorderedElementsAre(Path("a.sh"), Path("bin/tool"), Path("deep/er/x.py")));
+  EXPECT_EQ(storage.journal.front(), "Clear");
+  EXPECT_EQ(storage.journal.back(), "Flush");
+  EXPECT_EQ(engine.lastFlags, 0u);
+  EXPECT_EQ(files.arguments, (std::vector<std::uint32_t>{1, 1, 4, 0}));
+  EXPECT_EQ(taskInfo.askedSession.load(), 42u);
+  EXPECT_TRUE(Traced("skip (not a regular file)"));  // the links and the fifo
+  EXPECT_TRUE(Traced("Task has been stopped with result 0x00000000"));
+  // Nothing to publish and nothing to remove, but the call is made.
+  ASSERT_EQ(categories.puts.size(), 1u);
+  EXPECT_TRUE(categories.puts[0].categories.empty());
+  EXPECT_TRUE(categories.puts[0].removeNames.empty());
+  EXPECT_EQ(categories.puts[0].action, tov::types::CategoriesAction::AddInvScan);
+  EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
+  ExpectTaskGone();
+}
+
+TEST_F(InventoryScanTaskTest, RootsThatAreFilesLinksOrSpecialFiles) {
+  File("plain");
+  fs::create_symlink(Path("plain"), Path("link"));
+  ASSERT_EQ(::mkfifo(Path("pipe").c_str(), 0600), 0);
+  auto task = MakeTask(Settings({Path("link"), Path("pipe"), Path("missing"), Path("plain")}));
+  // The last root's result is the run's: the missing root's failure is hidden.
+  EXPECT_EQ(RunToEnd(task.Get()), 0);
+  EXPECT_THAT(StoredPaths(), ElementsAre(Path("plain")));
+  EXPECT_TRUE(Traced("skip (not a regular file)"));
+  EXPECT_TRUE(Traced("skip " + Path("pipe")));
+  EXPECT_TRUE(Traced("Cannot stat " + Path("missing") + ": No such file or directory"));
+
+  // A missing root last: its failure is the notice's.
+  auto second = MakeTask(Settings({Path("plain"), Path("missing")}));
+  task = nullptr;
+  EXPECT_EQ(RunToEnd(second.Get()), zel::result::UnspecifiedError);
+}
+
+TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
+  File("nohash");
+  File("noname");
+  File("fails");
+  File("keys");
+  engine.answers[Path("nohash")].emptyHash = true;
+  engine.answers[Path("noname")].emptyName = true;
+  engine.answers[Path("fails")].fail = true;
+  engine.answers[Path("keys")].keys = {{1, zel::wstring_t(u"ABC")}, {0, zel::wstring_t(u"zz")},
+                                       {1, zel::wstring_t(u"abc")}, {1, zel::wstring_t(u"ab")}};
+  auto task = MakeTask(Settings({root}));
+  EXPECT_EQ(RunToEnd(task.Get()), 0);
+
+  EXPECT_THAT(StoredPaths(), UnorderedElementsAre(Path("noname"), Path("keys")));
+  for (const auto& r : storage.records) {
+    if (Narrow(r.filePath) == Path("noname")) {
+      EXPECT_EQ(Narrow(r.fileName), "noname");
+    }
+    if (Narrow(r.filePath) == Path("keys")) {
+      std::vector<std::pair<std::uint32_t, std::string>> keys;
+      for (const auto& k : r.categoryKeys) keys.emplace_back(k.kind, Narrow(k.text));
+      EXPECT_THAT(keys, ElementsAre(std::pair<std::uint32_t, std::string>{0, "zz"},
+                                    std::pair<std::uint32_t, std::string>{1, "ab"},
+                                    std::pair<std::uint32_t, std::string>{1, "abc"}));
+    }
+  }
+  EXPECT_TRUE(Traced("Skip " + Path("nohash")));
+  EXPECT_TRUE(Traced("(m_appController->InventoryModule(io, flags, info)),(ZEL_SUCCEEDED(_result)) failed: result = "
+                     "0x80000045 (Access denied)Cannot inventory " + Path("fails")));
+}
+
+TEST_F(InventoryScanTaskTest, FilesTheFactoryOrTheMatcherRefuseNeverReachTheEngine) {
+  File("open-fails");
+  File("refused/inner");
+  File("kept");
+  files.refused.insert(Path("open-fails"));
+  pathMatchers.matcher.refuse = "refused";
+  auto task = MakeTask(Settings({root}));
+  EXPECT_EQ(RunToEnd(task.Get()), 0);
+  EXPECT_THAT(engine.Seen(), ElementsAre(Path("kept")));
+  EXPECT_TRUE(Traced("Cannot open file '" + Path("open-fails") + "'"));
+}
+
+TEST_F(InventoryScanTaskTest, GoldenImageAddPutsKeyInEveryRecordAndOneCriterionPerRecord) {
+  File("one");
+  File("two");
+  File("nohash");
+  engine.answers[Path("nohash")].emptyHash = true;
+  auto task = MakeTask(Settings({root}, GoldenImageAction::Add));
+  EXPECT_EQ(RunToEnd(task.Get()), 0);
+
+  ASSERT_EQ(storage.records.size(), 2u);
+  for (const auto& r : storage.records) {
+    ASSERT_EQ(r.categoryKeys.size(), 1u);
+    EXPECT_EQ(r.categoryKeys[0].kind, 1u);
+    EXPECT_EQ(Narrow(r.categoryKeys[0].text), "eac00500-0000-0000-0000-000000000000");
+  }
+  ASSERT_EQ(categories.puts.size(), 1u);
+  const auto& put = categories.puts[0];
+  EXPECT_TRUE(put.removeNames.empty());
+  ASSERT_EQ(put.categories.size(), 1u);
+  const app_ctrl::Category& golden = put.categories[0];
+  EXPECT_EQ(golden.GUID, app_ctrl::GoldenImageCategoryId);
+  EXPECT_EQ(Narrow(golden.Name), "GoldenImage");
+  EXPECT_TRUE(golden.Exclude.empty());
+  std::vector<std::string> names, hashes;
+  for (const auto& c : golden.Include) {
+    names.push_back(Narrow(c.criterionName));
+    ASSERT_EQ(c.expression.descriptor()->serId, app_ctrl::CategoryFileInfoOperationExpression::SerId);
+    const auto* e = static_cast<const app_ctrl::CategoryFileInfoOperationExpression*>(c.expression.get());
+    EXPECT_EQ(e->field, app_ctrl::CategoryFileInfoField::FileHash);
+    EXPECT_EQ(e->operation, app_ctrl::CategoryStringOperation::Equal);
+    hashes.push_back(Narrow(e->value));
+  }
+  EXPECT_THAT(names, UnorderedElementsAre(Path("one"), Path("two")));
+  EXPECT_THAT(hashes, UnorderedElementsAre("h:" + Path("one"), "h:" + Path("two")));
+}
+
+TEST_F(InventoryScanTaskTest, GoldenImageRemoveDropsTheKeyAndNamesTheCategory) {
+  File("one");
+  engine.answers[Path("one")].keys = {{1, zel::wstring_t(u"EAC00500-0000-0000-0000-000000000000")},
+                                      {1, zel::wstring_t(u"other")}};
+  auto task = MakeTask(Settings({root}, GoldenImageAction::Remove));
+  EXPECT_EQ(RunToEnd(task.Get()), 0);
+  ASSERT_EQ(storage.records.size(), 1u);
+  ASSERT_EQ(storage.records[0].categoryKeys.size(), 1u);
+  EXPECT_EQ(Narrow(storage.records[0].categoryKeys[0].text), "other");
+  ASSERT_EQ(categories.puts.size(), 1u);
+  EXPECT_TRUE(categories.puts[0].categories.empty());
+  ASSERT_EQ(categories.puts[0].removeNames.size(), 1u);
+  EXPECT_EQ(Narrow(categories.puts[0].removeNames[0]), "GoldenImage");
+}
+
+TEST_F(InventoryScanTaskTest, StopDuringTheWalkLeavesAnEmptyInventoryAndReportsSuccess) {
+  for (int i = 0; i < 20; ++i) File("f" + std::to_string(i));
+  File("hold-here");
+  engine.HoldAt("hold-here");
+  auto task = MakeTask(Settings({root, root}, GoldenImageAction::Remove));
+  ASSERT_EQ(task->Start(1, &stops), 0);
+  engine.WaitHeld();
+  std::thread stopper([&] { EXPECT_EQ(task->Stop(), 0); });
+  // Stop sets the flag and joins; let the engine go only once it was asked.
+  auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
+  while (!impl->StopRequested()) ::usleep(1000);
+  engine.Let();
+  stopper.join();
+  EXPECT_EQ(stops.count, 1);
+  EXPECT_EQ(stops.lastResult, 0);
+  EXPECT_EQ(stops.lastMessage, u"Task stopped");
+  EXPECT_TRUE(storage.records.empty());
+  EXPECT_EQ(storage.journal.back(), "Flush");
+  EXPECT_LT(engine.callCount.load(), 42) << "the second root is never walked";
+  // A stop with Remove still names the category.
+  ASSERT_EQ(categories.puts.size(), 1u);
+  EXPECT_EQ(categories.puts[0].removeNames.size(), 1u);
+  EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Stopped);
+  EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
+
+  // Started again, the old stop request still stands: the first root ends
+  // at once, the inventory is cleared and the run reports success.
+  const int seen = engine.callCount.load();
+  EXPECT_EQ(RunToEnd(task.Get()), 0);
+  EXPECT_LE(engine.callCount.load(), seen + 1);
+  EXPECT_TRUE(storage.records.empty());
+}
+
+TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo) {
+  for (int i = 0; i < 10; ++i) File("f" + std::to_string(i));
+  File("hold-here");
+  engine.HoldAt("hold-here");
+  auto task = MakeTask(Settings({root}));
+  auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
+  EXPECT_EQ(task->Resume(), zel::result::InvalidState);
+  ASSERT_EQ(task->Start(1, &stops), 0);
+  engine.WaitHeld();
+
+  // Pause waits until the worker is out of the engine and at a check point.
+  std::atomic<bool> paused{false};
+  std::thread pauser([&] {
+    EXPECT_EQ(task->Pause(), 0);
+    paused = true;
+  });
+  // The worker must meet the request at a check point after the held file.
+  while (!impl->PauseRequested()) ::usleep(1000);
+  ::usleep(5000);
+  EXPECT_FALSE(paused.load());
+  EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Pausing);
+  engine.Let();
+  pauser.join();
+  EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Suspended);
+  const int calls = engine.callCount.load();
+  ::usleep(20000);
+  EXPECT_EQ(engine.callCount.load(), calls) << "no file while parked";
+  EXPECT_EQ(task->Pause(), zel::result::InvalidState);
+  EXPECT_EQ(task->Stop(), zel::result::InvalidState) << "a suspended task is resumed first";
+
+  EXPECT_EQ(task->Resume(), 0);
+  EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Started);
+  stops.WaitFor(1);
+  EXPECT_EQ(task->Stop(), 0);
+  EXPECT_EQ(storage.records.size(), 11u);
+  EXPECT_TRUE(Traced("Request pause and wait"));
+  EXPECT_TRUE(Traced("Thread suspended"));
+  EXPECT_TRUE(Traced("Resuming thread"));
+}
+
+TEST_F(InventoryScanTaskTest, ReleasingAParkedTaskEndsItsWorker) {
+  File("a");
+  File("hold-here");
+  engine.HoldAt("hold-here");
+  auto task = MakeTask(Settings({root}));
+  ASSERT_EQ(task->Start(1, &stops), 0);
+  engine.WaitHeld();
+  std::thread pauser([&] { EXPECT_EQ(task->Pause(), 0); });
+  auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
+  while (!impl->PauseRequested()) ::usleep(1000);
+  engine.Let();
+  pauser.join();
+  task = nullptr;  // FinalRelease: stop, open the gate, join
+  EXPECT_EQ(stops.count, 1);
+  EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
+  ExpectTaskGone();
+}
+
+TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOut) {
+  File("hold-here");
+  engine.HoldAt("hold-here");
+  auto first = MakeTask(Settings({root}));
+  auto second = MakeTask(Settings({root}));
+  ASSERT_EQ(first->Start(1, &stops), 0);
+  engine.WaitHeld();
+  EXPECT_EQ(second->Start(2, &stops), zel::result::UnspecifiedError);
+  EXPECT_EQ(first->Start(3, &stops), zel::result::UnspecifiedError) << "the lock answers first";
+  EXPECT_TRUE(Traced("Task with type 'InventoryScan' already runs."));
+  EXPECT_TRUE(Traced("Task start is locked by another concurrent action"));
+  engine.Let();
+  stops.WaitFor(1);
+  EXPECT_EQ(first->Stop(), 0);
+  EXPECT_EQ(RunToEnd(second.Get()), 0);
+  EXPECT_EQ(first->Stop(), zel::result::InvalidState);
+
+  // Without the service nothing starts.
+  locator.Refuse(ITaskTryMutex::iid);
+  EXPECT_EQ(first->Start(4, &stops), zel::result::UnspecifiedError);
+  EXPECT_TRUE(Traced("Cannot get service for ITaskTryMutex."));
+}
+
+TEST_F(InventoryScanTaskTest, StartAfterTheWorkerEndedButBeforeStopIsRefusedAndGivesTheLockBack) {
+  File("a");
+  auto task = MakeTask(Settings({root}));
+  ASSERT_EQ(task->Start(1, &stops), 0);
+  stops.WaitFor(1);
+  WaitTypeUnlocked();
+  EXPECT_EQ(task->Start(2, &stops), zel::result::InvalidState);
+  EXPECT_TRUE(Traced("Task is not stopped, session id: 2"));
+  EXPECT_EQ(task->Stop(), 0);
+  EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
+}
+
+TEST_F(InventoryScanTaskTest, AllScopesDisabledClearsAndReportsTheUntouchedResult) {
+  File("a");
+  InventoryScanSettings settings = Settings({root, root});
+  for (auto& s : settings.scanScopes) s.enabled = false;
+  auto task = MakeTask(settings);
+  storage.records.push_back(tov::ApplicationInfo{});  // a previous run's
+  EXPECT_EQ(RunToEnd(task.Get()), zel::result::UnspecifiedError);
+  EXPECT_TRUE(storage.records.empty());
+  EXPECT_EQ(engine.callCount.load(), 0);
+  EXPECT_EQ(categories.puts.size(), 1u);
+  EXPECT_THAT(storage.journal, ElementsAre("Clear", "Flush"));
+}
+
+TEST_F(InventoryScanTaskTest, ProcfsBelowARootIsNeitherEnteredNorScanned) {
+  // /proc/self itself is walked as a root; its files and directories are not.
+  auto task = MakeTask(Settings({"/proc/self"}));
+  EXPECT_EQ(RunToEnd(task.Get()), 0);
+  EXPECT_EQ(engine.callCount.load(), 0);
+  EXPECT_TRUE(storage.records.empty());
+  EXPECT_TRUE(Traced("skip magic"));
+  EXPECT_TRUE(Traced("skip (not a regular file)"));
+}
+
+// Failures of the run's steps: each ends the run where it arises, with the
+// notice carrying the result variable as it stood.
+TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
+  File("a");
+  struct Case {
+    const char* name;
+    std::function<void()> arrange;
+    const char* traced;
+    bool walked;
+    bool flushed;
+  };
+  const std::vector<Case> cases = {
+      {"cgroups service", [&] { locator.Refuse(ICgroupsManager::iid); }, "Cannot get ICgroupsManager", false, false},
+      {"task info", [&] { taskInfo.result = kFailure; }, "Cannot get task info by session id", false, false},
+      {"cgroup join",
+       [&] {
+         taskInfo.cgroupName = "scan";
+         cgroups.result = kFailure;
+       },
+       " to cgroup scan", false, false},
+      {"clear", [&] { storage.clearResult = kFailure; }, "(m_inventory->Clear()),", false, false},
+      {"matcher", [&] { locator.Refuse(IPathMatcherFactory::iid); }, "Cannot create matcher", false, false},
+      {"put categories", [&] { categories.result = kFailure; }, "Cannot change GoldenImage category", true, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    locator.Allow(ICgroupsManager::iid);
+    locator.Allow(IPathMatcherFactory::iid);
+    taskInfo.result = 0;
+    taskInfo.cgroupName.clear();
+    cgroups.result = 0;
+    storage.clearResult = 0;
+    categories.result = 0;
+    storage.journal.clear();
+    tracer.Clear();
+    c.arrange();
+    const int calls = engine.callCount.load();
+    auto task = MakeTask(Settings({root}));
+    const zel::result_t r = RunToEnd(task.Get());
+    EXPECT_EQ(r, c.walked ? 0 : zel::result::UnspecifiedError);
+    EXPECT_TRUE(Traced(c.traced));
+    EXPECT_EQ(engine.callCount.load() > calls, c.walked);
+    EXPECT_EQ(std::count(storage.journal.begin(), storage.journal.end(), "Flush"), c.flushed ? 1 : 0);
+    EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
+  }
+}
+
+TEST_F(InventoryScanTaskTest, CgroupJoinUsesTheWorkersThreadId) {
+  File("a");
+  taskInfo.cgroupName = "scans/inventory";
+  auto task = MakeTask(Settings({root}));
+  EXPECT_EQ(RunToEnd(task.Get()), 0);
+  EXPECT_EQ(cgroups.lastGroup, "scans/inventory");
+  EXPECT_NE(cgroups.lastTid, static_cast<std::int32_t>(::getpid()));
+  EXPECT_GT(cgroups.lastTid, 0);
+}
+
+TEST_F(InventoryScanTaskTest, MissingServicesFailCreation) {
+  for (zel::iid_t iid : {app_ctrl::IEnterpriseApplicationController::iid, zel::IFileFactory::iid,
+                         ac::IInventoryStorage::iid}) {
+    locator.Refuse(iid, kFailure);
+    auto factory = Factory(ac::kInventoryScanTaskClassId);
+    void* out = nullptr;
+    EXPECT_EQ(factory->CreateInstance(&locator, ITask::iid, &out), kFailure);
+    EXPECT_EQ(out, nullptr);
+    locator.Allow(iid);
+  }
+  EXPECT_TRUE(Traced("(zel::GetInterface(sl, m_appController.Ref())),"));
+  EXPECT_TRUE(Traced("(zel::GetInterface(sl, qurn::CLSID_FileFactories, m_fileFactory.Ref())),"));
+  EXPECT_TRUE(Traced("Cannot get IInventoryStorage interface"));
+  ExpectTaskGone();
+}
+
+TEST_F(InventoryScanTaskTest, SettingsRoundTripAndDefaults) {
+  auto task = Create<ac::IInventoryScanTaskSettings>(ac::kInventoryScanTaskClassId);
+  ASSERT_TRUE(task);
+  InventoryScanSettings got;
+  got.scanScopes.clear();
+  EXPECT_EQ(task->GetSettings(&got), 0);
+  ASSERT_EQ(got.scanScopes.size(), 1u);
+  EXPECT_EQ(got.scanScopes[0].path, "/usr/bin");
+  EXPECT_EQ(got.scanScopes[0].name, u"All objects");
+  EXPECT_TRUE(got.firstFormatGroupEnabled && got.secondFormatGroupEnabled && got.executableBitEnabled);
+
+  InventoryScanSettings set = Settings({"/a", "/b"}, GoldenImageAction::Add);
+  set.executableBitEnabled = false;
+  set.secondaryScopes.push_back(tov::settings::SecondaryScope{zel::wstring_t(u"s"), zel::string_t("/c"), {}, 3});
+  EXPECT_EQ(task->SetSettings(&set), 0);
+  EXPECT_EQ(task->GetSettings(&got), 0);
+  EXPECT_EQ(got.goldenImageAction, GoldenImageAction::Add);
+  EXPECT_FALSE(got.executableBitEnabled);
+  ASSERT_EQ(got.scanScopes.size(), 2u);
+  EXPECT_EQ(got.scanScopes[1].path, "/b");
+  ASSERT_EQ(got.secondaryScopes.size(), 1u);
+  EXPECT_EQ(got.secondaryScopes[0].matcherFlags, 3u);
+}
+
+TEST(NormaliseCategoryKeysTest, FoldsSortsDeduplicatesAndDropsGoldenImageOnRequest) {
+  struct Case {
+    std::vector<std::pair<std::uint32_t, std::u16string>> in;
+    bool drop;
+    std::vector<std::pair<std::uint32_t, std::u16string>> out;
+  };
+  const std::u16string golden = u"eac00500-0000-0000-0000-000000000000";
+  const std::vector<Case> cases = {
+      {{}, false, {}},
+      {{{1, u"B"}, {1, u"a"}, {0, u"z"}}, false, {{0, u"z"}, {1, u"a"}, {1, u"b"}}},
+      {{{1, u"Ab"}, {1, u"aB"}, {1, u"ab"}}, false, {{1, u"ab"}}},
+      {{{1, u"abc"}, {1, u"ab"}}, false, {{1, u"ab"}, {1, u"abc"}}},
+      // Only A to Z fold; other letters keep their case.
+      {{{1, u"\u00C4"}}, false, {{1, u"\u00C4"}}},
+      {{{1, u"EAC00500-0000-0000-0000-000000000000"}, {1, u"x"}}, true, {{1, u"x"}}},
+      {{{1, golden}}, false, {{1, golden}}},
+      // Only kind 1 is the GoldenImage key.
+      {{{0, golden}}, true, {{0, golden}}},
+  };
+  for (const Case& c : cases) {
+    zel::types::vector_t<tov::CategoryKey> keys;
+    for (const auto& [kind, text] : c.in) keys.push_back(tov::CategoryKey{kind, zel::wstring_t(text)});
+    ac::NormaliseCategoryKeys(keys, c.drop);
+    std::vector<std::pair<std::uint32_t, std::u16string>> out;
+    for (const auto& k : keys) out.emplace_back(k.kind, std::u16string(k.text.view()));
+    EXPECT_EQ(out, c.out);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,265 @@
+// acctl scan and acctl inventory as a user runs them, in a scratch store:
+// the golden-image workflow end to end (scan with GoldenImage add, then an
+// allow list on that category), the inventory views, the errors of the
+// command line, a stop by SIGINT, pause and resume by signal, and the
+// task-type lock across two acctl processes.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+const std::string kExamples = std::string(AC_SOURCE_DIR) + "/host/examples/";
+
+struct Outcome {
+  int exitCode = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::size_t Count(const std::string& text, const std::string& part) {
+  std::size_t n = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+class AcctlScanTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/acctl_scan_XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    dir = pattern;
+    db = dir + "/acctl.db";
+    fs::create_directories(dir + "/image/sub");
+    fs::create_directories(dir + "/outside");
+    fs::copy_file("/usr/bin/true", dir + "/image/true");
+    std::ofstream(dir + "/image/sub/hello.sh") << "#!/bin/sh\necho hello\n";
+    fs::permissions(dir + "/image/sub/hello.sh", fs::perms::owner_exec, fs::perm_options::add);
+    fs::copy_file("/usr/bin/false", dir + "/outside/false");
+  }
+  void TearDown() override { std::system(("rm -rf '" + dir + "'").c_str()); }
+
+  Outcome Run(const std::string& args) {
+    const std::string out = dir + "/out", err = dir + "/err";
+    const std::string command =
+        std::string(ACCTL_PATH) + " --db '" + db + "' " + args + " >'" + out + "' 2>'" + err + "' </dev/null";
+    const int status = std::system(command.c_str());
+    Outcome o;
+    o.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    o.out = Slurp(out);
+    o.err = Slurp(err);
+    return o;
+  }
+
+  // Starts acctl in the background with its output in files; gives its pid.
+  pid_t Spawn(const std::string& args, const std::string& name) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      const std::string command = std::string("exec ") + ACCTL_PATH + " --db '" + db + "' " + args + " >'" + dir +
+                                  "/" + name + ".out' 2>'" + dir + "/" + name + ".err' </dev/null";
+      ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    return pid;
+  }
+  static int Wait(pid_t pid) {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  // A tree big enough that a scan is still under way when a test signals it.
+  std::string BigTree(int files) {
+    const std::string root = dir + "/big";
+    for (int d = 0; d < files / 500 + 1; ++d) fs::create_directories(root + "/d" + std::to_string(d));
+    for (int i = 0; i < files; ++i) {
+      std::ofstream(root + "/d" + std::to_string(i / 500) + "/f" + std::to_string(i) + ".sh")
+          << "#!/bin/sh\necho " << i << "\n";
+    }
+    return root;
+  }
+
+  bool WaitForText(const std::string& file, const std::string& text) {
+    for (int i = 0; i < 3000; ++i) {
+      if (Slurp(file).find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  std::string dir;
+  std::string db;
+};
+
+TEST_F(AcctlScanTest, GoldenImageWorkflowAllowsTheImageAndBlocksWhatIsOutside) {
+  const Outcome scan = Run("scan '" + dir + "/image' --golden-image add --json");
+  ASSERT_EQ(scan.exitCode, 0) << scan.err;
+  EXPECT_NE(scan.out.find("\"inventoried\":2"), std::string::npos) << scan.out;
+
+  const Outcome list = Run("inventory --json");
+  ASSERT_EQ(list.exitCode, 0) << list.err;
+  EXPECT_EQ(Count(list.out, "\"filePath\""), 2u) << list.out;
+  EXPECT_NE(list.out.find(dir + "/image/true"), std::string::npos);
+  EXPECT_NE(list.out.find(dir + "/image/sub/hello.sh"), std::string::npos);
+  EXPECT_EQ(Count(list.out, "eac00500-0000-0000-0000-000000000000"), 2u) << list.out;
+
+  const Outcome run = Run("run --settings " + kExamples + "golden-image-settings.json '" + dir + "/image/true' '" +
+                          dir + "/outside/false'");
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  std::istringstream lines(run.out);
+  std::string first, second;
+  ASSERT_TRUE(std::getline(lines, first));
+  ASSERT_TRUE(std::getline(lines, second));
+  EXPECT_NE(first.find("\"type\":120"), std::string::npos) << "allowed: " << first;
+  EXPECT_NE(first.find("\"FileName\":\"true\""), std::string::npos) << first;
+  EXPECT_NE(second.find("\"type\":122"), std::string::npos) << "blocked: " << second;
+  EXPECT_NE(second.find("\"FileName\":\"false\""), std::string::npos) << second;
+
+  // Remove: the next scan drops the category; the outside program's copy in
+  // the image is now no longer allowed either.
+  const Outcome removed = Run("scan '" + dir + "/image' --golden-image remove");
+  ASSERT_EQ(removed.exitCode, 0) << removed.err;
+  const Outcome after = Run("inventory --json");
+  EXPECT_EQ(Count(after.out, "eac00500"), 0u) << after.out;
+  const Outcome blocked = Run("run --settings " + kExamples + "golden-image-settings.json '" + dir + "/image/true'");
+  ASSERT_EQ(blocked.exitCode, 0) << blocked.err;
+  EXPECT_NE(blocked.out.find("\"type\":122"), std::string::npos) << blocked.out;
+}
+
+TEST_F(AcctlScanTest, InventoryViewsTablePagingAndOneRecord) {
+  ASSERT_EQ(Run("scan '" + dir + "/image' --golden-image add").exitCode, 0);
+  const Outcome table = Run("inventory");
+  ASSERT_EQ(table.exitCode, 0) << table.err;
+  EXPECT_EQ(table.out.rfind("ID", 0), 0u) << table.out;
+  EXPECT_EQ(Count(table.out, "\n"), 3u) << table.out;
+
+  const Outcome page = Run("inventory --json --from 1 --count 5");
+  ASSERT_EQ(page.exitCode, 0) << page.err;
+  EXPECT_EQ(Count(page.out, "\"filePath\""), 1u) << page.out;
+  const Outcome past = Run("inventory --json --from 2");
+  ASSERT_EQ(past.exitCode, 0) << past.err;
+  EXPECT_EQ(Count(past.out, "\"filePath\""), 0u) << past.out;
+
+  // The id of one record, then that record with its category names.
+  const std::size_t at = page.out.find("\"id\" : ");
+  ASSERT_NE(at, std::string::npos) << page.out;
+  const std::string id = page.out.substr(at + 7, page.out.find_first_not_of("0123456789", at + 7) - (at + 7));
+  const Outcome one = Run("inventory --json --id " + id);
+  ASSERT_EQ(one.exitCode, 0) << one.err;
+  EXPECT_NE(one.out.find("\"categoryNames\""), std::string::npos) << one.out;
+  EXPECT_NE(one.out.find("\"GoldenImage\""), std::string::npos) << one.out;
+  const Outcome missing = Run("inventory --id 1");
+  EXPECT_EQ(missing.exitCode, 1);
+  EXPECT_NE(missing.err.find("acctl: inventory: no application with id 1"), std::string::npos) << missing.err;
+}
+
+TEST_F(AcctlScanTest, CommandLineErrors) {
+  struct Case {
+    std::string args;
+    int exitCode;
+    std::string message;
+  };
+  const std::string settings = dir + "/bad.json";
+  std::ofstream(settings) << "{\"scanScopes\": [{\"path\": \"/usr/bin\", \"colour\": 1}]}";
+  std::ofstream(dir + "/action.json") << "{\"goldenImageAction\": \"Sometimes\"}";
+  std::ofstream(dir + "/nopath.json") << "{\"scanScopes\": [{\"masks\": [\"*\"]}]}";
+  std::ofstream(dir + "/noscope.json") << "{\"scanScopes\": [{\"path\": \"/usr/bin\", \"enabled\": false}]}";
+  const std::vector<Case> cases = {
+      {"scan '" + dir + "/missing'", 2, dir + "/missing: No such file or directory"},
+      {"scan '" + dir + "/image/true'", 2, dir + "/image/true: not a directory"},
+      {"scan --golden-image maybe", 2, "--golden-image takes add, remove or none"},
+      {"scan --frobnicate", 2, "unknown option --frobnicate"},
+      {"scan --settings '" + settings + "'", 1, "scanScopes[0]: unknown key \"colour\""},
+      {"inventory --from x", 2, "bad --from 'x'"},
+      {"scan --settings '" + dir + "/action.json'", 1, "goldenImageAction: unknown value \"Sometimes\""},
+      {"scan --settings '" + dir + "/nopath.json'", 1, "scanScopes[0]: missing key \"path\""},
+      {"scan --settings '" + dir + "/noscope.json'", 2, "no enabled scope"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args);
+    const Outcome o = Run(c.args);
+    EXPECT_EQ(o.exitCode, c.exitCode);
+    EXPECT_EQ(Count(o.err, "acctl:"), 1u) << o.err;
+    EXPECT_NE(o.err.find(c.message), std::string::npos) << o.err;
+  }
+  const Outcome help = Run("scan --help");
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_NE(help.out.find("usage: acctl"), std::string::npos);
+}
+
+TEST_F(AcctlScanTest, SettingsDocumentChoosesScopesMasksAndExclusions) {
+  fs::create_directories(dir + "/image/skipped");
+  std::ofstream(dir + "/image/skipped/other.sh") << "#!/bin/sh\n";
+  std::ofstream(dir + "/scan.json") << "{\"goldenImageAction\": \"Add\", \"scanScopes\": [{\"path\": \"" + dir +
+                                           "/image\", \"masks\": [\"*.sh\"]}, {\"path\": \"/nonexistent\", "
+                                           "\"enabled\": false}], \"secondaryScopes\": [{\"path\": \"" + dir +
+                                           "/image/skipped\"}]}";
+  const Outcome scan = Run("scan --settings '" + dir + "/scan.json' --json");
+  ASSERT_EQ(scan.exitCode, 0) << scan.err;
+  const Outcome list = Run("inventory --json");
+  EXPECT_EQ(Count(list.out, "\"filePath\""), 1u) << list.out;
+  EXPECT_NE(list.out.find(dir + "/image/sub/hello.sh"), std::string::npos) << list.out;
+  EXPECT_EQ(Count(list.out, "eac00500"), 1u) << list.out;
+
+  // Roots on the command line replace the document's scopes; --mask narrows them.
+  const Outcome cli = Run("scan --settings '" + dir + "/scan.json' '" + dir + "/image' --mask 'tr*' --json");
+  ASSERT_EQ(cli.exitCode, 0) << cli.err;
+  const Outcome after = Run("inventory --json");
+  EXPECT_EQ(Count(after.out, "\"filePath\""), 1u) << after.out;
+  EXPECT_NE(after.out.find(dir + "/image/true"), std::string::npos) << after.out;
+}
+
+TEST_F(AcctlScanTest, SignalsPauseResumeAndStopTheScan) {
+  const std::string root = BigTree(5000);
+  const pid_t pid = Spawn("scan '" + root + "' --interval 0.05", "scan");
+  ASSERT_TRUE(WaitForText(dir + "/scan.err", "files seen")) << Slurp(dir + "/scan.err");
+  ::kill(pid, SIGUSR1);
+  ASSERT_TRUE(WaitForText(dir + "/scan.err", "paused: ")) << Slurp(dir + "/scan.err");
+  ::kill(pid, SIGUSR2);
+  ASSERT_TRUE(WaitForText(dir + "/scan.err", "resumed")) << Slurp(dir + "/scan.err");
+  ::kill(pid, SIGINT);
+  EXPECT_EQ(Wait(pid), 0) << Slurp(dir + "/scan.err");
+  const std::string out = Slurp(dir + "/scan.out");
+  EXPECT_NE(out.find("interrupted"), std::string::npos) << out;
+  // A stopped scan leaves an empty inventory.
+  const Outcome list = Run("inventory --json");
+  EXPECT_EQ(Count(list.out, "\"filePath\""), 0u) << list.out;
+}
+
+TEST_F(AcctlScanTest, ASecondScanOnTheSameStoreIsRefusedByTheTaskTypeLock) {
+  const std::string root = BigTree(5000);
+  const pid_t first = Spawn("scan '" + root + "' --interval 0.05", "first");
+  ASSERT_TRUE(WaitForText(dir + "/first.err", "files seen")) << Slurp(dir + "/first.err");
+  ::kill(first, SIGUSR1);  // hold it running while the second tries
+  ASSERT_TRUE(WaitForText(dir + "/first.err", "paused: "));
+  const Outcome second = Run("scan '" + dir + "/image'");
+  EXPECT_EQ(second.exitCode, 1);
+  EXPECT_EQ(Count(second.err, "acctl:"), 1u) << second.err;
+  EXPECT_NE(second.err.find("another inventory scan is running"), std::string::npos) << second.err;
+  ::kill(first, SIGUSR2);
+  EXPECT_EQ(Wait(first), 0) << Slurp(dir + "/first.err");
+  const std::string out = Slurp(dir + "/first.out");
+  EXPECT_NE(out.find("5000 inventoried"), std::string::npos) << out;
+}
+
+}  // namespace
