@@ -27,8 +27,9 @@
 
 namespace {
 
-void Usage() {
-  std::fprintf(stderr,
+// --help prints to stdout; a usage error to stderr.
+void Usage(std::FILE* out = stderr) {
+  std::fprintf(out,
                "usage: acctl [--module PATH] [--trace LEVEL] [--db PATH] [--events FILE] COMMAND\n"
                "  demo\n"
                "  run --settings SETTINGS.json [--categories CATEGORIES.json] [--starts FILE] "
@@ -66,7 +67,7 @@ int main(int argc, char** argv) {
       }
       options.traceLevel = static_cast<std::uint32_t>(level);
     } else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
-      Usage();
+      Usage(stdout);
       return 0;
     } else {
       Usage();
