@@ -43,15 +43,11 @@ CategoriesManager::~CategoriesManager() { Close(); }
 
 zel::result_t CategoriesManager::Open(const std::string& path) {
   std::lock_guard lock(m_mutex);
-  zel::result_t r = m_db.Open(path);
-  if (ZEL_SUCCEEDED(r)) r = m_db.Exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");
-  if (ZEL_SUCCEEDED(r)) {
-    r = m_db.Exec(
-        "CREATE TABLE IF NOT EXISTS categories ("
-        " position INTEGER PRIMARY KEY, origin INTEGER NOT NULL, data BLOB NOT NULL);"
-        "CREATE TABLE IF NOT EXISTS categories_state ("
-        " id INTEGER PRIMARY KEY CHECK (id = 0), counter INTEGER NOT NULL);");
-  }
+  zel::result_t r = m_db.Open(path,
+                              "CREATE TABLE IF NOT EXISTS categories ("
+                              " position INTEGER PRIMARY KEY, origin INTEGER NOT NULL, data BLOB NOT NULL);"
+                              "CREATE TABLE IF NOT EXISTS categories_state ("
+                              " id INTEGER PRIMARY KEY CHECK (id = 0), counter INTEGER NOT NULL);");
   if (ZEL_SUCCEEDED(r)) r = Load();
   if (ZEL_FAILED(r)) {
     m_db.Close();
@@ -72,7 +68,7 @@ zel::result_t CategoriesManager::Load() {
     std::vector<Entry> entries;
     std::uint32_t counter = 0;
     storage::Statement select;
-    zel::result_t r = select.Prepare(m_db, "SELECT origin, data FROM categories ORDER BY position");
+    zel::result_t r = select.Prepare(m_db.Db(), "SELECT origin, data FROM categories ORDER BY position");
     while (ZEL_SUCCEEDED(r) && select.Step(&r)) {
       Entry& entry = entries.emplace_back();
       entry.origin = static_cast<std::uint32_t>(select.ColumnInt(0));
@@ -80,7 +76,7 @@ zel::result_t CategoriesManager::Load() {
     }
     select.Finalize();
     if (ZEL_FAILED(r)) return r;
-    r = select.Prepare(m_db, "SELECT counter FROM categories_state WHERE id = 0");
+    r = select.Prepare(m_db.Db(), "SELECT counter FROM categories_state WHERE id = 0");
     if (ZEL_SUCCEEDED(r) && select.Step(&r)) counter = static_cast<std::uint32_t>(select.ColumnInt(0));
     if (ZEL_FAILED(r)) return r;
     m_entries = std::move(entries);
@@ -99,30 +95,29 @@ zel::result_t CategoriesManager::Store(const std::vector<Entry>& entries, std::u
     const zel::result_t r = detail::EncodeCategory(entries[i].category, blobs[i]);
     if (ZEL_FAILED(r)) return r;
   }
-  storage::Transaction transaction(m_db);
-  zel::result_t r = transaction.Begin();
-  if (ZEL_SUCCEEDED(r)) r = m_db.Exec("DELETE FROM categories");
-  storage::Statement insert;
-  if (ZEL_SUCCEEDED(r)) r = insert.Prepare(m_db, "INSERT INTO categories (position, origin, data) VALUES (?1, ?2, ?3)");
-  for (std::size_t i = 0; ZEL_SUCCEEDED(r) && i < entries.size(); ++i) {
-    insert.Reset();
-    r = insert.Bind(1, static_cast<std::int64_t>(i));
-    if (ZEL_SUCCEEDED(r)) r = insert.Bind(2, static_cast<std::int64_t>(entries[i].origin));
-    if (ZEL_SUCCEEDED(r)) r = insert.Bind(3, std::span<const std::uint8_t>(blobs[i]));
-    if (ZEL_SUCCEEDED(r)) r = insert.Run();
-  }
-  insert.Finalize();
-  storage::Statement state;
-  if (ZEL_SUCCEEDED(r)) {
-    r = state.Prepare(m_db,
-                      "INSERT INTO categories_state (id, counter) VALUES (0, ?1)"
-                      " ON CONFLICT(id) DO UPDATE SET counter = excluded.counter");
-  }
-  if (ZEL_SUCCEEDED(r)) r = state.Bind(1, static_cast<std::int64_t>(counter));
-  if (ZEL_SUCCEEDED(r)) r = state.Run();
-  state.Finalize();
-  if (ZEL_SUCCEEDED(r)) r = transaction.Commit();
-  return r;  // the transaction rolls back by itself on failure
+  return m_db.InTransaction([&]() -> zel::result_t {
+    storage::Database& db = m_db.Db();
+    zel::result_t r = db.Exec("DELETE FROM categories");
+    storage::Statement insert;
+    if (ZEL_SUCCEEDED(r)) r = insert.Prepare(db, "INSERT INTO categories (position, origin, data) VALUES (?1, ?2, ?3)");
+    for (std::size_t i = 0; ZEL_SUCCEEDED(r) && i < entries.size(); ++i) {
+      insert.Reset();
+      r = insert.Bind(1, static_cast<std::int64_t>(i));
+      if (ZEL_SUCCEEDED(r)) r = insert.Bind(2, static_cast<std::int64_t>(entries[i].origin));
+      if (ZEL_SUCCEEDED(r)) r = insert.Bind(3, std::span<const std::uint8_t>(blobs[i]));
+      if (ZEL_SUCCEEDED(r)) r = insert.Run();
+    }
+    insert.Finalize();
+    storage::Statement state;
+    if (ZEL_SUCCEEDED(r)) {
+      r = state.Prepare(db,
+                        "INSERT INTO categories_state (id, counter) VALUES (0, ?1)"
+                        " ON CONFLICT(id) DO UPDATE SET counter = excluded.counter");
+    }
+    if (ZEL_SUCCEEDED(r)) r = state.Bind(1, static_cast<std::int64_t>(counter));
+    if (ZEL_SUCCEEDED(r)) r = state.Run();
+    return r;
+  });
 }
 
 zel::result_t CategoriesManager::PutCategories(const CategoryIdList& removeIds, const CategoryList& categories,

@@ -64,7 +64,7 @@ class CategoriesManager final : public OwnedObject<CategoriesManager, ICategorie
 
   zel::RefPtr<zel::IServiceLocator> m_objects;
   mutable std::mutex m_mutex;
-  storage::Database m_db;
+  storage::StoreDatabase m_db;
   std::vector<Entry> m_entries;
   std::uint32_t m_counter = 0;
   zel::result_t m_failGet = 0;

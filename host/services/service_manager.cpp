@@ -22,42 +22,26 @@ ServiceManager::~ServiceManager() { Close(); }
 
 zel::result_t ServiceManager::Open(const std::string& path) {
   std::lock_guard lock(m_mutex);
-  zel::result_t r = m_db.Open(path);
-  // WAL: a commit is atomic and survives a crash of this process at once;
-  // FlushSettings' checkpoint is what forces it to the disk.
-  if (ZEL_SUCCEEDED(r)) r = m_db.Exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");
-  if (ZEL_SUCCEEDED(r)) {
-    r = m_db.Exec(
-        "CREATE TABLE IF NOT EXISTS service_settings ("
-        " service_key INTEGER PRIMARY KEY,"
-        " ser_id INTEGER NOT NULL,"
-        " revision INTEGER NOT NULL,"
-        " data BLOB NOT NULL)");
-  }
-  if (ZEL_SUCCEEDED(r))
-    r = m_select.Prepare(m_db, "SELECT ser_id, revision, data FROM service_settings WHERE service_key = ?1");
-  if (ZEL_SUCCEEDED(r)) {
-    r = m_upsert.Prepare(m_db,
-                         "INSERT INTO service_settings (service_key, ser_id, revision, data) VALUES (?1, ?2, ?3, ?4)"
-                         " ON CONFLICT(service_key) DO UPDATE SET"
-                         " ser_id = excluded.ser_id, revision = excluded.revision, data = excluded.data");
-  }
-  if (ZEL_SUCCEEDED(r)) r = m_delete.Prepare(m_db, "DELETE FROM service_settings WHERE service_key = ?1");
-  if (ZEL_FAILED(r)) {
-    m_select.Finalize();
-    m_upsert.Finalize();
-    m_delete.Finalize();
-    m_db.Close();
-  }
-  return r;
+  return m_db.Open(path,
+                   "CREATE TABLE IF NOT EXISTS service_settings ("
+                   " service_key INTEGER PRIMARY KEY,"
+                   " ser_id INTEGER NOT NULL,"
+                   " revision INTEGER NOT NULL,"
+                   " data BLOB NOT NULL)",
+                   {
+                       // kSelect
+                       "SELECT ser_id, revision, data FROM service_settings WHERE service_key = ?1",
+                       // kUpsert
+                       "INSERT INTO service_settings (service_key, ser_id, revision, data) VALUES (?1, ?2, ?3, ?4)"
+                       " ON CONFLICT(service_key) DO UPDATE SET"
+                       " ser_id = excluded.ser_id, revision = excluded.revision, data = excluded.data",
+                       // kDelete
+                       "DELETE FROM service_settings WHERE service_key = ?1",
+                   });
 }
 
 void ServiceManager::Close() {
   std::lock_guard lock(m_mutex);
-  // Statements go before the connection they belong to.
-  m_select.Finalize();
-  m_upsert.Finalize();
-  m_delete.Finalize();
   m_db.Close();
 }
 
@@ -136,17 +120,18 @@ bool ServiceManager::TakeFault(zel::result_t& slot, zel::result_t& out) {
 
 zel::result_t ServiceManager::Load(std::uint32_t serviceKey, Stored& stored, bool& found) {
   found = false;
-  m_select.Reset();
-  zel::result_t r = m_select.Bind(1, static_cast<std::int64_t>(serviceKey));
+  storage::Statement& select = m_db.Kept(kSelect);
+  select.Reset();
+  zel::result_t r = select.Bind(1, static_cast<std::int64_t>(serviceKey));
   if (ZEL_FAILED(r)) return r;
-  if (m_select.Step(&r)) {
+  if (select.Step(&r)) {
     found = true;
-    stored.serId = static_cast<std::uint32_t>(m_select.ColumnInt(0));
-    stored.revision = static_cast<std::uint32_t>(m_select.ColumnInt(1));
-    const auto blob = m_select.ColumnBlob(2);
+    stored.serId = static_cast<std::uint32_t>(select.ColumnInt(0));
+    stored.revision = static_cast<std::uint32_t>(select.ColumnInt(1));
+    const auto blob = select.ColumnBlob(2);
     stored.bytes.assign(blob.begin(), blob.end());
   }
-  m_select.Reset();  // ends the read before any write of the same connection
+  select.Reset();  // ends the read before any write of the same connection
   return r;
 }
 
@@ -191,25 +176,24 @@ zel::result_t ServiceManager::WriteLocked(std::uint32_t serviceKey, const Settin
 
   // The revision test and the write are one transaction, so another process
   // on the same file can't slip a write in between.
-  storage::Transaction tx(m_db);
-  r = tx.Begin();
-  if (ZEL_FAILED(r)) return r;
-  Stored stored;
-  bool found = false;
-  r = Load(serviceKey, stored, found);
-  if (ZEL_FAILED(r)) return r;
-  const std::uint32_t current = found ? stored.revision : 0;
-  if (checkRevision && revision != current) return app_core::facade::kSettingsRevisionChanged;
+  return m_db.InTransaction([&]() -> zel::result_t {
+    Stored stored;
+    bool found = false;
+    zel::result_t r = Load(serviceKey, stored, found);
+    if (ZEL_FAILED(r)) return r;
+    const std::uint32_t current = found ? stored.revision : 0;
+    if (checkRevision && revision != current) return app_core::facade::kSettingsRevisionChanged;
 
-  m_upsert.Reset();
-  r = m_upsert.Bind(1, static_cast<std::int64_t>(serviceKey));
-  if (ZEL_SUCCEEDED(r)) r = m_upsert.Bind(2, static_cast<std::int64_t>(settings->serId));
-  if (ZEL_SUCCEEDED(r)) r = m_upsert.Bind(3, static_cast<std::int64_t>(NextRevision(current)));
-  if (ZEL_SUCCEEDED(r)) r = m_upsert.Bind(4, bytes);
-  if (ZEL_SUCCEEDED(r)) r = m_upsert.Run();
-  m_upsert.Reset();
-  if (ZEL_FAILED(r)) return r;
-  return tx.Commit();
+    storage::Statement& upsert = m_db.Kept(kUpsert);
+    upsert.Reset();
+    r = upsert.Bind(1, static_cast<std::int64_t>(serviceKey));
+    if (ZEL_SUCCEEDED(r)) r = upsert.Bind(2, static_cast<std::int64_t>(settings->serId));
+    if (ZEL_SUCCEEDED(r)) r = upsert.Bind(3, static_cast<std::int64_t>(NextRevision(current)));
+    if (ZEL_SUCCEEDED(r)) r = upsert.Bind(4, bytes);
+    if (ZEL_SUCCEEDED(r)) r = upsert.Run();
+    upsert.Reset();
+    return r;
+  });
 }
 
 zel::result_t ServiceManager::GetServiceSettings(std::uint32_t serviceKey, SettingsHolder* settings) {
@@ -258,12 +242,13 @@ zel::result_t ServiceManager::UpdateServiceSettings2(std::uint32_t serviceKey, s
 zel::result_t ServiceManager::RemoveServiceSettings(std::uint32_t serviceKey) {
   std::lock_guard lock(m_mutex);
   if (!m_db.IsOpen()) return zel::result::NotInitialized;
-  m_delete.Reset();
-  zel::result_t r = m_delete.Bind(1, static_cast<std::int64_t>(serviceKey));
-  if (ZEL_SUCCEEDED(r)) r = m_delete.Run();
-  m_delete.Reset();
+  storage::Statement& remove = m_db.Kept(kDelete);
+  remove.Reset();
+  zel::result_t r = remove.Bind(1, static_cast<std::int64_t>(serviceKey));
+  if (ZEL_SUCCEEDED(r)) r = remove.Run();
+  remove.Reset();
   if (ZEL_FAILED(r)) return r;
-  return sqlite3_changes(m_db.Handle()) > 0 ? zel::result::NoError : zel::result::False;
+  return sqlite3_changes(m_db.Db().Handle()) > 0 ? zel::result::NoError : zel::result::False;
 }
 
 zel::result_t ServiceManager::FlushSettings() {
@@ -272,7 +257,7 @@ zel::result_t ServiceManager::FlushSettings() {
   zel::result_t r = zel::result::NoError;
   if (TakeFault(m_failFlush, r)) return r;
   if (!m_db.IsOpen()) return zel::result::NotInitialized;
-  return m_db.Exec("PRAGMA wal_checkpoint(FULL)");
+  return m_db.Db().Exec("PRAGMA wal_checkpoint(FULL)");
 }
 
 void ServiceManager::FailNextRead(zel::result_t code) {

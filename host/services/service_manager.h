@@ -138,10 +138,9 @@ class ServiceManager final : public OwnedObject<ServiceManager, app_core::facade
   static bool TakeFault(zel::result_t& slot, zel::result_t& out);
 
   mutable std::mutex m_mutex;
-  storage::Database m_db;
-  storage::Statement m_select;
-  storage::Statement m_upsert;
-  storage::Statement m_delete;
+  // Kept statements, by their place in Open's list.
+  enum KeptStatement : std::size_t { kSelect, kUpsert, kDelete };
+  storage::StoreDatabase m_db;
   std::map<std::uint32_t, std::shared_ptr<ISettingsCodec>> m_codecs;
   zel::RefPtr<zel::IServiceLocator> m_serializerLocator;
 

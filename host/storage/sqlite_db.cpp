@@ -1,5 +1,7 @@
 #include "host/storage/sqlite_db.h"
 
+#include <new>
+
 namespace host::storage {
 
 zel::result_t ResultFromSqlite(int code) noexcept {
@@ -99,6 +101,32 @@ std::span<const std::uint8_t> Statement::ColumnBlob(int column) const noexcept {
   const int size = sqlite3_column_bytes(m_stmt, column);
   if (data == nullptr || size <= 0) return {};
   return {data, static_cast<std::size_t>(size)};
+}
+
+zel::result_t StoreDatabase::Open(const std::string& path, const char* schema,
+                                  std::initializer_list<const char*> kept) {
+  Close();
+  zel::result_t r = m_db.Open(path);
+  // WAL: a commit is atomic and survives a crash of this process at once; a
+  // checkpoint is what forces it to the disk.
+  if (ZEL_SUCCEEDED(r)) r = m_db.Exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");
+  if (ZEL_SUCCEEDED(r)) r = m_db.Exec(schema);
+  try {
+    m_kept.reserve(kept.size());
+    for (const char* sql : kept) {
+      if (ZEL_FAILED(r)) break;
+      r = m_kept.emplace_back(std::make_unique<Statement>())->Prepare(m_db, sql);
+    }
+  } catch (const std::bad_alloc&) {
+    r = zel::result::OutOfMemory;
+  }
+  if (ZEL_FAILED(r)) Close();
+  return r;
+}
+
+void StoreDatabase::Close() noexcept {
+  m_kept.clear();
+  m_db.Close();
 }
 
 }  // namespace host::storage

@@ -7,9 +7,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "zel/result.h"
 
@@ -105,6 +109,49 @@ class Transaction {
  private:
   Database& m_db;
   bool m_open = false;
+};
+
+// A connection as the host's stores use it: opened with their settings,
+// its schema in place, the statements its owner runs again and again kept
+// prepared, and writes grouped in transactions. Like Database, not
+// thread-safe.
+class StoreDatabase {
+ public:
+  StoreDatabase() = default;
+  StoreDatabase(const StoreDatabase&) = delete;
+  StoreDatabase& operator=(const StoreDatabase&) = delete;
+  ~StoreDatabase() { Close(); }
+
+  // Opens `path` in WAL mode with normal syncing, runs `schema` (statements
+  // that may find their tables already there) and prepares `kept` in order,
+  // to be had by index from Kept. Any failure leaves it closed.
+  zel::result_t Open(const std::string& path, const char* schema, std::initializer_list<const char*> kept = {});
+  // The kept statements go before the connection they belong to.
+  void Close() noexcept;
+  bool IsOpen() const noexcept { return m_db.IsOpen(); }
+
+  Database& Db() noexcept { return m_db; }
+  // Only while open; `index` is the statement's place in Open's list.
+  Statement& Kept(std::size_t index) noexcept { return *m_kept[index]; }
+
+  // Runs `body` (returning a zel::result_t) inside BEGIN IMMEDIATE ...
+  // COMMIT. A failure to begin, a failed result or an exception from `body`
+  // rolls everything back; otherwise the commit's failure, else body's own
+  // result, is returned.
+  template <class F>
+  zel::result_t InTransaction(F&& body) {
+    Transaction transaction(m_db);
+    zel::result_t r = transaction.Begin();
+    if (ZEL_FAILED(r)) return r;
+    r = std::forward<F>(body)();
+    if (ZEL_FAILED(r)) return r;  // the transaction rolls back by itself
+    const zel::result_t committed = transaction.Commit();
+    return ZEL_FAILED(committed) ? committed : r;
+  }
+
+ private:
+  Database m_db;
+  std::vector<std::unique_ptr<Statement>> m_kept;
 };
 
 }  // namespace host::storage

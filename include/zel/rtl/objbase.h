@@ -75,6 +75,8 @@ class SeqCstRefCounter : NonCopyable {
  public:
   std::uint32_t IncrementRef() noexcept { return m_count.fetch_add(1, std::memory_order_seq_cst) + 1; }
   std::uint32_t DecrementRef() noexcept { return m_count.fetch_sub(1, std::memory_order_seq_cst) - 1; }
+  // A snapshot, for diagnostics and tests only.
+  std::uint32_t Count() const noexcept { return m_count.load(std::memory_order_seq_cst); }
 
  private:
   std::atomic<std::uint32_t> m_count{1};
@@ -84,6 +86,29 @@ template <class T>
 using InterfacesOf = typename T::interfaces;
 
 }  // namespace detail
+
+// A plain block shared by its holders through RefPtr<T>: no interfaces and
+// no module lock, just the sequentially consistent count of the last two
+// flavours, and the block deleted with the last reference.
+template <class T>
+class RefCountedBlock {
+ public:
+  std::uint32_t AddRef() noexcept { return m_refCount.IncrementRef(); }
+  std::uint32_t Release() noexcept {
+    const std::uint32_t n = m_refCount.DecrementRef();
+    if (n == 0) delete static_cast<T*>(this);
+    return n;
+  }
+  // A snapshot of the holders' count, for tests.
+  std::uint32_t UseCount() const noexcept { return m_refCount.Count(); }
+
+ protected:
+  RefCountedBlock() = default;
+  ~RefCountedBlock() = default;
+
+ private:
+  detail::SeqCstRefCounter m_refCount;
+};
 
 namespace object {
 

@@ -89,9 +89,48 @@ TEST(Exception, PropertiesNameLimitReplaceAndSharedDetails) {
   ASSERT_EQ(e.Details().properties.size(), 2u);
   EXPECT_EQ(e.Details().properties[1].name.view(), "zel.result");
   EXPECT_EQ(zel::GetResult(e), R(0x8000004Bu));
-  EXPECT_EQ(e.Details().refCount.load(), 2u);
-  { RawException third(copy); EXPECT_EQ(e.Details().refCount.load(), 3u); }
-  EXPECT_EQ(e.Details().refCount.load(), 2u);
+  EXPECT_EQ(e.Details().UseCount(), 2u);
+  { RawException third(copy); EXPECT_EQ(e.Details().UseCount(), 3u); }
+  EXPECT_EQ(e.Details().UseCount(), 2u);
+}
+
+// Every way of sharing, replacing and dropping a details block keeps the
+// count exact: a leak or a double free shows in the count or under asan.
+TEST(Exception, CopyAssignAndMoveKeepTheSharedCount) {
+  RawException e;
+  const zel::ExceptionDetails* block = e.GetDetails();
+  ASSERT_NE(block, nullptr);
+
+  // Self-assignment must not drop the only reference first.
+  RawException& self = e;
+  e = self;
+  ASSERT_EQ(e.GetDetails(), block);
+  EXPECT_EQ(e.Details().UseCount(), 1u);
+
+  {
+    // Copies share; a copy made from a moved-from exception still shares,
+    // since moving an exception copies it.
+    RawException moved(std::move(e));
+    EXPECT_EQ(moved.GetDetails(), block);
+    RawException copy(e);  // NOLINT(bugprone-use-after-move): the point of the test
+    EXPECT_EQ(copy.GetDetails(), block);
+    EXPECT_EQ(e.Details().UseCount(), 3u);
+
+    // Assigning over an exception with other details releases those.
+    RawException other;
+    ASSERT_NE(other.GetDetails(), block);
+    other = copy;
+    EXPECT_EQ(other.GetDetails(), block);
+    EXPECT_EQ(e.Details().UseCount(), 4u);
+
+    // Assigning an exception without details drops the reference.
+    const zel::exception bare("f", 1);
+    static_cast<zel::exception&>(other) = bare;
+    EXPECT_EQ(other.GetDetails(), nullptr);
+    EXPECT_EQ(e.Details().UseCount(), 3u);
+  }
+  EXPECT_EQ(e.Details().UseCount(), 1u);
+  EXPECT_EQ(e.GetText(), "Raw");
 }
 
 TEST(Exception, CheckFailedExceptionHasNoDetails) {

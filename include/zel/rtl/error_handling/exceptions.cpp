@@ -105,10 +105,6 @@ void AppendCallStack(string_t& out, const ExceptionDetails& d) {
   }
 }
 
-void ReleaseDetails(ExceptionDetails* d) noexcept {
-  if (d != nullptr && d->refCount.fetch_sub(1, std::memory_order_seq_cst) == 1) delete d;
-}
-
 void AppendAscii(wstring_t& out, std::string_view text) {
   for (const char c : text) out.push_back(static_cast<char16_t>(static_cast<unsigned char>(c)));
 }
@@ -118,13 +114,9 @@ void AppendAscii(wstring_t& out, std::string_view text) {
 // ---- zel::exception -------------------------------------------------------------------
 
 exception::exception(const char* file, int line, std::string_view text) : file(file), line(line) {
-  details = new ExceptionDetails();
-  try {
-    details->text.assign(text);
-  } catch (...) {
-    ReleaseDetails(std::exchange(details, nullptr));
-    throw;
-  }
+  // The holder frees the block if the text can't be stored.
+  details = RefPtr<ExceptionDetails>::Adopt(new ExceptionDetails());
+  details->text.assign(text);
 }
 
 exception::exception(const char* file, int line, std::string_view text, result_t result)
@@ -147,29 +139,13 @@ exception::exception(const char* file, int line, std::string_view text, iid_t ii
   SetResult(result);
 }
 
-exception::exception(const exception& other) noexcept
-    : std::exception(other), file(other.file), line(other.line), details(other.details) {
-  if (details != nullptr) details->refCount.fetch_add(1, std::memory_order_seq_cst);
-}
-
-exception& exception::operator=(const exception& other) noexcept {
-  if (other.details != nullptr) other.details->refCount.fetch_add(1, std::memory_order_seq_cst);
-  ReleaseDetails(details);
-  file = other.file;
-  line = other.line;
-  details = other.details;
-  return *this;
-}
-
-exception::~exception() { ReleaseDetails(details); }
-
 ExceptionDetails& exception::EnsureDetails() {
-  if (details == nullptr) details = new ExceptionDetails();
+  if (!details) details = RefPtr<ExceptionDetails>::Adopt(new ExceptionDetails());
   return *details;
 }
 
 std::string_view exception::GetText() const noexcept {
-  return details == nullptr ? std::string_view() : details->text.view();
+  return !details ? std::string_view() : details->text.view();
 }
 
 void exception::SetProperty(std::string_view name, ExceptionValue value, std::uint32_t typeCode,
@@ -196,7 +172,7 @@ void exception::SetResult(result_t result) {
 }
 
 const ExceptionProperty* exception::FindProperty(std::string_view name) const noexcept {
-  if (details == nullptr) return nullptr;
+  if (!details) return nullptr;
   for (const ExceptionProperty& p : details->properties) {
     if (p.name.view() == name) return &p;
   }
@@ -204,7 +180,7 @@ const ExceptionProperty* exception::FindProperty(std::string_view name) const no
 }
 
 const char* exception::what() const noexcept {
-  if (details == nullptr) return "Unknown exception";
+  if (!details) return "Unknown exception";
   if (!details->whatCache.empty()) return details->whatCache.c_str();
   try {
     string_t text;

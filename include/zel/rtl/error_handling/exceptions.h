@@ -11,11 +11,10 @@
 //   throw zel::CheckResultFailedException(__FILE__, __LINE__, "Expression failed", r) << "Cannot apply settings";
 //
 // Copies of an exception share one ExceptionDetails block (narrow text,
-// properties, the cached what() text) by an atomic count; the wide message
-// of zel::Exception is copied.
+// properties, the cached what() text) through a RefPtr; the wide message of
+// zel::Exception is copied.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <string_view>
@@ -25,6 +24,7 @@
 #include "zel/iservice_locator.h"
 #include "zel/itracer.h"
 #include "zel/result.h"
+#include "zel/rtl/objbase.h"
 #include "zel/types/compact_string.h"
 #include "zel/types/fixed_string.h"
 #include "zel/types/string.h"
@@ -81,14 +81,13 @@ struct ExceptionProperty {
   std::uint32_t typeId = 0;
 };
 
-struct ExceptionDetails {
+struct ExceptionDetails : RefCountedBlock<ExceptionDetails> {
   CompactString text;       // the narrow text given to the constructor
   CompactString whatCache;  // what(), built at its first call
   types::vector_t<std::uint64_t> callStack;
   types::vector_t<ExceptionModule> modules;  // sorted by base
   types::vector_t<ExceptionProperty> properties;  // in order of first insertion
   string_t reserved;
-  std::atomic<std::uint32_t> refCount{1};
 };
 
 // ---- the class tree ---------------------------------------------------------------
@@ -108,9 +107,9 @@ class exception : public std::exception {
   exception(const char* file, int line, std::string_view text, iid_t iid, std::uint32_t serviceKey, result_t result);
 
   // Copies share the details.
-  exception(const exception& other) noexcept;
-  exception& operator=(const exception& other) noexcept;
-  ~exception() override;
+  exception(const exception& other) noexcept = default;
+  exception& operator=(const exception& other) noexcept = default;
+  ~exception() override = default;
 
   // "file(line): text. ..." with the properties and the call stack, cached
   // in the details; "Unknown exception" when there are none. The cache is
@@ -121,7 +120,7 @@ class exception : public std::exception {
   const char* GetFile() const noexcept { return file; }
   int GetLine() const noexcept { return line; }
   // Null when nothing needed details yet.
-  const ExceptionDetails* GetDetails() const noexcept { return details; }
+  const ExceptionDetails* GetDetails() const noexcept { return details.Get(); }
   // The narrow constructor text; empty without details.
   std::string_view GetText() const noexcept;
 
@@ -138,7 +137,7 @@ class exception : public std::exception {
 
   const char* file;
   std::int32_t line;
-  ExceptionDetails* details = nullptr;
+  RefPtr<ExceptionDetails> details;
 };
 
 // A zel::exception with a user-facing wide message.
