@@ -47,7 +47,7 @@ class MemorySource final : public ByteSource {
   const Image& m_image;
 };
 
-struct ElfSpec {
+struct ElfLayout {
   bool is64 = true;
   bool bigEndian = false;
   std::uint16_t type = 3;
@@ -59,7 +59,7 @@ struct ElfSpec {
 };
 
 // A minimal ELF file: header, program headers, and a dynamic table at 0x2000.
-Image MakeElf(const ElfSpec& s) {
+Image MakeElf(const ElfLayout& s) {
   Image image(s.is64 ? 64 : 52, 0);
   image[0] = 0x7f;
   image[1] = 'E';
@@ -115,7 +115,7 @@ constexpr std::uint64_t kSoname = 14, kFlags1 = 0x6ffffffb, kPie = 0x08000000;
 TEST(ContentSniffer, ElfTypesAndTheDynamicTableDecideExecutableOrLibrary) {
   const struct {
     const char* name;
-    ElfSpec spec;
+    ElfLayout layout;
     Content expected;
   } cases[] = {
       {"ET_EXEC", {.type = 2}, Content::ElfExecutable},
@@ -141,7 +141,7 @@ TEST(ContentSniffer, ElfTypesAndTheDynamicTableDecideExecutableOrLibrary) {
       {"relocatable object", {.type = 1}, Content::Unknown},
       {"core dump", {.type = 4}, Content::Unknown},
   };
-  for (const auto& c : cases) EXPECT_EQ(Sniff(MakeElf(c.spec)), c.expected) << c.name;
+  for (const auto& c : cases) EXPECT_EQ(Sniff(MakeElf(c.layout)), c.expected) << c.name;
 }
 
 TEST(ContentSniffer, ElfHeadersThatCannotBeTrustedAreNotChased) {
