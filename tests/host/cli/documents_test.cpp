@@ -77,6 +77,16 @@ TEST(ImportCategories, RefusesWithUserErrorsAndStoresWhatReads) {
     // A refused document leaves the store as it was.
     EXPECT_EQ(host::cli::ExportCategories(store), exported);
   }
+
+  // A GUID given twice is stored once, as its later occurrence, and counted once.
+  const std::string twice = R"x([{"Name":"first","GUID":"00112233445566778899aabbccddeeff","Include":[]},
+      {"Name":"other","GUID":"ffeeddccbbaa99887766554433221100","Include":[]},
+      {"Name":"second","GUID":"00112233445566778899aabbccddeeff","Include":[]}])x";
+  EXPECT_EQ(host::cli::ImportCategories(store, &locator, twice, "c.json"), 2u);
+  const std::string stored = host::cli::ExportCategories(store);
+  EXPECT_EQ(stored.find("first"), std::string::npos) << stored;
+  EXPECT_NE(stored.find("second"), std::string::npos) << stored;
+  EXPECT_EQ(host::cli::ImportCategories(store, &locator, stored, "again.json"), 2u);
 }
 
 }  // namespace
