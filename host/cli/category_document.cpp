@@ -2,6 +2,7 @@
 
 #include <json/json.h>
 
+#include <set>
 #include <typeinfo>
 
 #include "host/cli/cli.h"
@@ -49,7 +50,11 @@ std::size_t ImportCategories(CategoriesManager& store, zel::IServiceLocator* obj
     Fail("storing the categories", r);
     throw UserError(source + ": the categories store refused the document");
   }
-  return list.size();
+  // The store keys categories by GUID, so a GUID the document repeats ends
+  // up stored once; the count says what the store now holds from it.
+  std::set<app_ctrl::CategoryId> ids;
+  for (const app_ctrl::Category& category : list) ids.insert(category.GUID);
+  return ids.size();
 }
 
 std::string ExportCategories(CategoriesManager& store) {

@@ -10,7 +10,8 @@
 namespace host::cli {
 
 // Replaces the user categories of `store` with those of the document;
-// returns how many there were. UserError for a document the codec refuses.
+// returns how many the store took (a GUID given twice is one category, the
+// later one). UserError for a document the codec refuses.
 std::size_t ImportCategories(CategoriesManager& store, zel::IServiceLocator* objects, const std::string& json,
                              const std::string& source);
 

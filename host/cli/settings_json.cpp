@@ -98,7 +98,15 @@ tov::settings::AppControlSettings SettingsFromJson(std::string_view json, std::s
   std::unique_ptr<Json::CharReader> parser(builder.newCharReader());
   Json::Value root;
   std::string errors;
-  if (!parser->parse(json.data(), json.data() + json.size(), &root, &errors)) {
+  bool parsed = false;
+  try {
+    parsed = parser->parse(json.data(), json.data() + json.size(), &root, &errors);
+  } catch (const Json::RuntimeError& e) {
+    // jsoncpp throws, instead of failing, on nesting deeper than its stack
+    // limit; the user sees it as one more reason the text isn't a document.
+    errors = e.what();
+  }
+  if (!parsed) {
     while (!errors.empty() && (errors.back() == '\n' || errors.back() == ' ')) errors.pop_back();
     throw UserError(std::string(source) + ": not a JSON document: " + errors);
   }

@@ -80,7 +80,14 @@ app_ctrl::Category ReadCategory(zel::IServiceLocator* sl, const Json::Value& ele
 CategoryList JsonToCategories(zel::IServiceLocator* sl, std::string_view json, std::string_view source) {
   Json::Value root;
   Json::Reader reader;
-  if (!reader.parse(json.data(), json.data() + json.size(), root, true) || !root.isArray()) {
+  bool parsed = false;
+  try {
+    parsed = reader.parse(json.data(), json.data() + json.size(), root, true);
+  } catch (const Json::RuntimeError&) {
+    // jsoncpp throws, instead of failing, on nesting deeper than its stack
+    // limit; to the caller that is one more document that isn't one.
+  }
+  if (!parsed || !root.isArray()) {
     throw JsonToCategoriesExceptionMsgKey{msg::InvalidDocument, std::string(source)};
   }
   CategoryList categories;

@@ -36,6 +36,12 @@ std::string Outcome(CategoryEnv& env, const std::string& json) {
   }
 }
 
+std::string Repeat(const std::string& text, int times) {
+  std::string out;
+  for (int i = 0; i < times; ++i) out += text;
+  return out;
+}
+
 std::string Element(const std::string& members) {
   return std::string("[{\"Name\":\"n\",\"GUID\":\"") + kGuid + "\"" + (members.empty() ? "" : ",") + members + "}]";
 }
@@ -56,6 +62,9 @@ TEST(JsonToCategories, DocumentLevelFaults) {
       {"[{\"Name\":\"a\",}]", "MsgKey 121 src.json"},
       {"[1]", "LogicError"},
       {"[[]]", "LogicError"},
+      // Nesting beyond the parser's stack limit is refused like any bad text.
+      {Repeat("[", 1200), "MsgKey 121 src.json"},
+      {"[" + Repeat("{\"a\":", 1200), "MsgKey 121 src.json"},
   };
   for (const auto& c : cases) EXPECT_EQ(Outcome(env, c.json), c.outcome) << c.json;
 }

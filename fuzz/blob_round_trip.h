@@ -1,8 +1,11 @@
-// Fuzzes the way back from bytes to records: tools::AnyFromBlob and
-// tools::AnyFromXmlBlob through the host's serialisers, into an
-// ApplicationIds and (for the variant paths) a tov::RuntimeField. The first
-// input byte picks form and record. Whatever is accepted must survive a
-// second trip unchanged, and every block must have gone back.
+// Shared by the blob fuzz targets: the host's serialisers in one locator that
+// lives for the whole run, and the round trip each target drives through
+// tools::AnyFromBlob / tools::AnyFromXmlBlob. The first input byte picks the
+// record (an ApplicationIds, or a tov::RuntimeField for the variant paths);
+// the rest is the blob. Whatever is accepted must survive a second trip
+// unchanged, and every block must have gone back.
+#pragma once
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -15,10 +18,10 @@
 #include "tov_common/blob_tools.h"
 #include "tov_common/runtime_field.h"
 
-namespace {
+namespace fuzz {
 
-struct Services {
-  Services() {
+struct BlobServices {
+  BlobServices() {
     locator.Register<zel::ITracer>(&tracer);
     locator.Register<zel::IAllocator>(&allocator);
     services = host::RegisterSerializationServices(locator);
@@ -35,20 +38,20 @@ struct Services {
   host::SerializationServices services;
 };
 
-Services& Get() {
-  static Services* services = new Services();  // lives to the end of the process
+inline BlobServices& GetBlobServices() {
+  static BlobServices* services = new BlobServices();  // lives to the end of the process
   return *services;
 }
 
-using Read = zel::result_t (*)(zel::IServiceLocator*, const tools::BlobRange&, const zel::anydescrptr&);
-using Write = zel::result_t (*)(zel::IServiceLocator*, const zel::anydescrptr&, tools::Blob&);
+using BlobRead = zel::result_t (*)(zel::IServiceLocator*, const tools::BlobRange&, const zel::anydescrptr&);
+using BlobWrite = zel::result_t (*)(zel::IServiceLocator*, const zel::anydescrptr&, tools::Blob&);
 
-void Check(bool condition) {
+inline void Check(bool condition) {
   if (!condition) std::abort();
 }
 
 template <class T>
-void RoundTrip(Services& s, const std::uint8_t* data, std::size_t size, Read read, Write write) {
+void BlobRoundTrip(BlobServices& s, const std::uint8_t* data, std::size_t size, BlobRead read, BlobWrite write) {
   const zel::TypeDescriptor* descriptor = zel::StaticTypeDescriptor<T>::Get();
   T value;
   if (ZEL_FAILED(read(&s.locator, tools::BlobRange{data, data + size}, zel::anydescrptr(&value, descriptor)))) return;
@@ -63,28 +66,19 @@ void RoundTrip(Services& s, const std::uint8_t* data, std::size_t size, Read rea
   Check(first == second);
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+// One fuzz input: record picked by the first byte, the rest through read/write.
+inline int RunBlobInput(const std::uint8_t* data, std::size_t size, BlobRead read, BlobWrite write) {
   if (size == 0) return 0;
-  Services& s = Get();
+  BlobServices& s = GetBlobServices();
   const std::int64_t live = s.allocator.LiveBlocks();
-  const std::uint8_t mode = data[0] & 3;
+  const bool field = (data[0] & 1) != 0;
   ++data, --size;
-  switch (mode) {
-    case 0:
-      RoundTrip<tov::app_control::ApplicationIds>(s, data, size, &tools::AnyFromBlob, &tools::AnyToBlob);
-      break;
-    case 1:
-      RoundTrip<tov::app_control::ApplicationIds>(s, data, size, &tools::AnyFromXmlBlob, &tools::AnyToXmlBlob);
-      break;
-    case 2:
-      RoundTrip<tov::RuntimeField>(s, data, size, &tools::AnyFromBlob, &tools::AnyToBlob);
-      break;
-    default:
-      RoundTrip<tov::RuntimeField>(s, data, size, &tools::AnyFromXmlBlob, &tools::AnyToXmlBlob);
-      break;
-  }
+  if (field)
+    BlobRoundTrip<tov::RuntimeField>(s, data, size, read, write);
+  else
+    BlobRoundTrip<tov::app_control::ApplicationIds>(s, data, size, read, write);
   Check(s.allocator.LiveBlocks() == live);
   return 0;
 }
+
+}  // namespace fuzz
