@@ -12,6 +12,8 @@
 // at unload, and every unit that includes the header sees the same bytes.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -812,13 +814,20 @@ struct EnumNames<FieldName> {
 namespace detail {
 // Lookup relies on rows sorted by value; a repeated value or name would make
 // FindEnumName or FindEnumValue ambiguous.
+// Names are checked by sorting a copy, not pairwise: the pairwise check is
+// quadratic and runs out of clang's constant-evaluation step budget on the
+// event-type table.
+inline constexpr std::size_t kMaxNameTable = 512;
 constexpr bool SortedAndUnique(std::span<const EnumName> table) noexcept {
+  if (table.size() > kMaxNameTable) return false;
+  std::array<std::string_view, kMaxNameTable> names{};
   for (std::size_t i = 0; i < table.size(); ++i) {
     if (i > 0 && table[i - 1].value >= table[i].value) return false;
-    for (std::size_t j = i + 1; j < table.size(); ++j)
-      if (table[i].name == table[j].name) return false;
+    names[i] = table[i].name;
   }
-  return true;
+  const auto end = names.begin() + static_cast<std::ptrdiff_t>(table.size());
+  std::sort(names.begin(), end);
+  return std::adjacent_find(names.begin(), end) == end;
 }
 // Row i holds value i, so FindEnumName indexes directly.
 constexpr bool Dense(std::span<const EnumName> table) noexcept {
