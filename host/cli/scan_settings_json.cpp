@@ -7,6 +7,7 @@
 #include <string>
 
 #include "host/cli/cli.h"
+#include "host/cli/internal/json_document_reader.h"
 #include "host/files/path_matcher.h"
 #include "zel/strings/conversions.h"
 
@@ -15,37 +16,9 @@ namespace {
 
 using tov::settings::GoldenImageAction;
 
-class Reader {
+class Reader : public internal::JsonDocumentReader {
  public:
-  explicit Reader(std::string_view source) : m_source(source) {}
-
-  [[noreturn]] void Fault(const std::string& where, const std::string& what) const {
-    throw UserError(std::string(m_source) + ": " + where + ": " + what);
-  }
-
-  void OnlyKeys(const Json::Value& object, const std::string& where, std::initializer_list<const char*> keys) const {
-    if (!object.isObject()) Fault(where, "expected an object");
-    for (const std::string& name : object.getMemberNames()) {
-      bool known = false;
-      for (const char* k : keys) known = known || name == k;
-      if (!known) Fault(where, "unknown key \"" + name + "\"");
-    }
-  }
-
-  bool Flag(const Json::Value& object, const std::string& where, const char* key, bool fallback) const {
-    if (!object.isMember(key)) return fallback;
-    if (!object[key].isBool()) Fault(where + "." + key, "expected true or false");
-    return object[key].asBool();
-  }
-
-  std::string Text(const Json::Value& object, const std::string& where, const char* key, bool required) const {
-    if (!object.isMember(key)) {
-      if (required) Fault(where, "missing key \"" + std::string(key) + "\"");
-      return {};
-    }
-    if (!object[key].isString()) Fault(where + "." + key, "expected a string");
-    return object[key].asString();
-  }
+  using JsonDocumentReader::JsonDocumentReader;
 
   zel::types::vector_t<zel::string_t> Masks(const Json::Value& object, const std::string& where,
                                             bool defaultAll) const {
@@ -74,9 +47,6 @@ class Reader {
     scope.name = zel::Utf8ToWide(name.empty() ? path : name);
     scope.matcherFlags = Flag(v, where, "topLevelOnly", false) ? host::path_matcher_flags::kTopLevelOnly : 0;
   }
-
- private:
-  std::string_view m_source;
 };
 
 }  // namespace

@@ -8,36 +8,15 @@
 #include <string>
 
 #include "host/cli/cli.h"
+#include "host/cli/internal/json_document_reader.h"
 #include "zel/strings/conversions.h"
 
 namespace host::cli {
 namespace {
 
-class Reader {
+class Reader : public internal::JsonDocumentReader {
  public:
-  explicit Reader(std::string_view source) : m_source(source) {}
-
-  [[noreturn]] void Fault(const std::string& where, const std::string& what) const {
-    throw UserError(std::string(m_source) + ": " + where + ": " + what);
-  }
-
-  void OnlyKeys(const Json::Value& object, const std::string& where, std::initializer_list<const char*> keys) const {
-    if (!object.isObject()) Fault(where, "expected an object");
-    for (const std::string& name : object.getMemberNames()) {
-      bool known = false;
-      for (const char* k : keys) known = known || name == k;
-      if (!known) Fault(where, "unknown key \"" + name + "\"");
-    }
-  }
-
-  std::string Text(const Json::Value& object, const std::string& where, const char* key, bool required) const {
-    if (!object.isMember(key)) {
-      if (required) Fault(where, "missing key \"" + std::string(key) + "\"");
-      return {};
-    }
-    if (!object[key].isString()) Fault(where + "." + key, "expected a string");
-    return object[key].asString();
-  }
+  using JsonDocumentReader::JsonDocumentReader;
 
   template <class E>
   E Enum(const Json::Value& object, const std::string& where, const char* key, std::span<const tov::EnumName> names,
@@ -50,12 +29,6 @@ class Reader {
       allowed += (allowed.empty() ? "" : ", ") + std::string(n.name);
     }
     Fault(where + "." + key, "unknown value \"" + text + "\" (one of " + allowed + ")");
-  }
-
-  bool Flag(const Json::Value& object, const std::string& where, const char* key, bool fallback) const {
-    if (!object.isMember(key)) return fallback;
-    if (!object[key].isBool()) Fault(where + "." + key, "expected true or false");
-    return object[key].asBool();
   }
 
   zel::types::vector_t<tov::settings::AppControlRule> Rules(const Json::Value& root, const char* key) const {
@@ -83,9 +56,6 @@ class Reader {
     }
     return rules;
   }
-
- private:
-  std::string_view m_source;
 };
 
 }  // namespace
