@@ -5,87 +5,36 @@
 // task-type lock across two acctl processes.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "support/acctl_process.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 const std::string kExamples = std::string(AC_SOURCE_DIR) + "/host/examples/";
 
-struct Outcome {
-  int exitCode = -1;
-  std::string out;
-  std::string err;
-};
+using test_support::Slurp;
+using Outcome = test_support::AcctlOutcome;
+constexpr auto Count = test_support::CountOf;
 
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::size_t Count(const std::string& text, const std::string& part) {
-  std::size_t n = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
-
-class AcctlScanTest : public ::testing::Test {
+class AcctlScanTest : public test_support::AcctlProcessTest {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/acctl_scan_XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir = pattern;
+    AcctlProcessTest::SetUp();
     db = dir + "/acctl.db";
+    globalArgs = "--db '" + db + "'";
     fs::create_directories(dir + "/image/sub");
     fs::create_directories(dir + "/outside");
     fs::copy_file("/usr/bin/true", dir + "/image/true");
     std::ofstream(dir + "/image/sub/hello.sh") << "#!/bin/sh\necho hello\n";
     fs::permissions(dir + "/image/sub/hello.sh", fs::perms::owner_exec, fs::perm_options::add);
     fs::copy_file("/usr/bin/false", dir + "/outside/false");
-  }
-  void TearDown() override { std::system(("rm -rf '" + dir + "'").c_str()); }
-
-  Outcome Run(const std::string& args) {
-    const std::string out = dir + "/out", err = dir + "/err";
-    const std::string command =
-        std::string(ACCTL_PATH) + " --db '" + db + "' " + args + " >'" + out + "' 2>'" + err + "' </dev/null";
-    const int status = std::system(command.c_str());
-    Outcome o;
-    o.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    o.out = Slurp(out);
-    o.err = Slurp(err);
-    return o;
-  }
-
-  // Starts acctl in the background with its output in files; gives its pid.
-  pid_t Spawn(const std::string& args, const std::string& name) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      const std::string command = std::string("exec ") + ACCTL_PATH + " --db '" + db + "' " + args + " >'" + dir +
-                                  "/" + name + ".out' 2>'" + dir + "/" + name + ".err' </dev/null";
-      ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-    return pid;
-  }
-  static int Wait(pid_t pid) {
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
   // A tree big enough that a scan is still under way when a test signals it.
@@ -99,15 +48,6 @@ class AcctlScanTest : public ::testing::Test {
     return root;
   }
 
-  bool WaitForText(const std::string& file, const std::string& text) {
-    for (int i = 0; i < 3000; ++i) {
-      if (Slurp(file).find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
-
-  std::string dir;
   std::string db;
 };
 

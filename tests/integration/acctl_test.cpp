@@ -3,60 +3,18 @@
 // exit code.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
+
+#include "support/acctl_process.h"
 
 namespace {
 
 const std::string kExamples = std::string(AC_SOURCE_DIR) + "/host/examples/";
 
-struct Outcome {
-  int exitCode = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-class AcctlTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/acctl_test_XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir = pattern;
-  }
-  void TearDown() override { std::system(("rm -rf '" + dir + "'").c_str()); }
-
-  Outcome Run(const std::string& args) {
-    const std::string out = dir + "/out", err = dir + "/err";
-    const std::string command = std::string(ACCTL_PATH) + " " + args + " >'" + out + "' 2>'" + err + "'";
-    const int status = std::system(command.c_str());
-    Outcome o;
-    o.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    o.out = Slurp(out);
-    o.err = Slurp(err);
-    return o;
-  }
-
-  std::string Write(const std::string& name, const std::string& text) {
-    const std::string path = dir + "/" + name;
-    std::ofstream(path) << text;
-    return path;
-  }
-
-  std::string dir;
-};
+using test_support::Slurp;
+using Outcome = test_support::AcctlOutcome;
+using AcctlTest = test_support::AcctlProcessTest;
 
 TEST_F(AcctlTest, ExampleShowsAnAllowedAndABlockedStart) {
   const Outcome o = Run("run --settings " + kExamples + "settings.json --categories " + kExamples +
