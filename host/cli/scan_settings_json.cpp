@@ -66,16 +66,7 @@ bool GoldenImageActionFromText(std::string_view text, GoldenImageAction& action)
 
 tov::settings::InventoryScanSettings ScanSettingsFromJson(std::string_view json, std::string_view source) {
   const Reader reader(source);
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  builder["rejectDupKeys"] = true;
-  std::unique_ptr<Json::CharReader> parser(builder.newCharReader());
-  Json::Value root;
-  std::string errors;
-  if (!parser->parse(json.data(), json.data() + json.size(), &root, &errors)) {
-    while (!errors.empty() && (errors.back() == '\n' || errors.back() == ' ')) errors.pop_back();
-    throw UserError(std::string(source) + ": not a JSON document: " + errors);
-  }
+  const Json::Value root = reader.Parse(json);
   reader.OnlyKeys(root, "document", {"firstFormatGroupEnabled", "secondFormatGroupEnabled", "executableBitEnabled",
                                      "goldenImageAction", "scanScopes", "secondaryScopes"});
   tov::settings::InventoryScanSettings settings;

@@ -62,24 +62,7 @@ class Reader : public internal::JsonDocumentReader {
 
 tov::settings::AppControlSettings SettingsFromJson(std::string_view json, std::string_view source) {
   const Reader reader(source);
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  builder["rejectDupKeys"] = true;
-  std::unique_ptr<Json::CharReader> parser(builder.newCharReader());
-  Json::Value root;
-  std::string errors;
-  bool parsed = false;
-  try {
-    parsed = parser->parse(json.data(), json.data() + json.size(), &root, &errors);
-  } catch (const Json::RuntimeError& e) {
-    // jsoncpp throws, instead of failing, on nesting deeper than its stack
-    // limit; the user sees it as one more reason the text isn't a document.
-    errors = e.what();
-  }
-  if (!parsed) {
-    while (!errors.empty() && (errors.back() == '\n' || errors.back() == ' ')) errors.pop_back();
-    throw UserError(std::string(source) + ": not a JSON document: " + errors);
-  }
+  const Json::Value root = reader.Parse(json);
   reader.OnlyKeys(root, "document", {"mode", "enforcement", "controlScripts", "reportAllowedStarts", "blockMessage",
                                      "allowListRules", "denyListRules"});
   tov::settings::AppControlSettings settings;

@@ -1,11 +1,13 @@
 // The strict reading of acctl's JSON documents, shared by the settings and
-// the scan-settings readers: unknown keys, missing keys and wrong types are
-// UserErrors that name the document and the place in it.
+// the scan-settings readers: bad text, duplicate keys, unknown keys, missing
+// keys and wrong types are UserErrors that name the document and the place
+// in it.
 #pragma once
 
 #include <json/json.h>
 
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -16,6 +18,29 @@ namespace host::cli::internal {
 class JsonDocumentReader {
  public:
   explicit JsonDocumentReader(std::string_view source) : m_source(source) {}
+
+  // The whole text as one JSON value; comments and duplicate keys refused.
+  Json::Value Parse(std::string_view json) const {
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    builder["rejectDupKeys"] = true;
+    const std::unique_ptr<Json::CharReader> parser(builder.newCharReader());
+    Json::Value root;
+    std::string errors;
+    bool parsed = false;
+    try {
+      parsed = parser->parse(json.data(), json.data() + json.size(), &root, &errors);
+    } catch (const Json::RuntimeError& e) {
+      // jsoncpp throws, instead of failing, on nesting deeper than its stack
+      // limit; the user sees it as one more reason the text isn't a document.
+      errors = e.what();
+    }
+    if (!parsed) {
+      while (!errors.empty() && (errors.back() == '\n' || errors.back() == ' ')) errors.pop_back();
+      throw UserError(std::string(m_source) + ": not a JSON document: " + errors);
+    }
+    return root;
+  }
 
   [[noreturn]] void Fault(const std::string& where, const std::string& what) const {
     throw UserError(std::string(m_source) + ": " + where + ": " + what);

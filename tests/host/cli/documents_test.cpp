@@ -7,6 +7,7 @@
 
 #include "host/cli/category_document.h"
 #include "host/cli/cli.h"
+#include "host/cli/scan_settings_json.h"
 #include "host/cli/settings_json.h"
 #include "host/services/counting_allocator.h"
 #include "host/services/service_locator.h"
@@ -47,6 +48,36 @@ TEST(SettingsFromJson, RefusesWithUserErrors) {
   };
   for (const auto& c : cases) {
     const std::string outcome = ReadSettings(c.json);
+    EXPECT_EQ(outcome.substr(0, c.outcome.size()), c.outcome) << c.json.substr(0, 80);
+  }
+}
+
+// "ok <scan scopes>/<secondary scopes>" or "error <message>".
+std::string ReadScanSettings(const std::string& json) {
+  try {
+    const tov::settings::InventoryScanSettings s = host::cli::ScanSettingsFromJson(json, "scan.json");
+    return "ok " + std::to_string(s.scanScopes.size()) + "/" + std::to_string(s.secondaryScopes.size());
+  } catch (const host::cli::UserError& e) {
+    return std::string("error ") + e.what();
+  }
+}
+
+TEST(ScanSettingsFromJson, RefusesWithUserErrors) {
+  const struct {
+    std::string json;
+    std::string outcome;  // a prefix of the outcome
+  } cases[] = {
+      {R"({"scanScopes":[{"path":"/opt"},{"path":"/srv"}],"secondaryScopes":[{"path":"/opt/x"}]})", "ok 2/1"},
+      {R"({"goldenImageAction":"add"})", R"(error scan.json: document.goldenImageAction: unknown value "add")"},
+      {R"({"scanScopes":{}})", "error scan.json: scanScopes: expected an array"},
+      {R"({"scanScopes":[{"path":"/opt","depth":1}]})", R"(error scan.json: scanScopes[0]: unknown key "depth")"},
+      {R"({"executableBitEnabled":1})", "error scan.json: document.executableBitEnabled: expected true or false"},
+      {R"({"a":1,"a":2})", "error scan.json: not a JSON document: "},
+      {Repeat("[", 1200), "error scan.json: not a JSON document: "},
+      {R"({"scanScopes":)" + Repeat("[", 1200), "error scan.json: not a JSON document: "},
+  };
+  for (const auto& c : cases) {
+    const std::string outcome = ReadScanSettings(c.json);
     EXPECT_EQ(outcome.substr(0, c.outcome.size()), c.outcome) << c.json.substr(0, 80);
   }
 }
