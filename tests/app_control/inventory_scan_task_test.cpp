@@ -8,10 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app_control/interfaces/iinventory_scan_task_construct.h"
@@ -382,6 +384,52 @@ TEST_F(InventoryScanTaskTest, ReleasingAParkedTaskEndsItsWorker) {
   task = nullptr;  // FinalRelease: stop, open the gate, join
   EXPECT_EQ(stops.count, 1);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
+  ExpectTaskGone();
+}
+
+// Two host threads pause and resume as fast as they can while the worker
+// walks: each request takes effect or is refused as out of state, and no
+// file is lost or stored twice. The storm ends well before the walk does,
+// since a pause after the worker has ended would wait for ever.
+TEST_F(InventoryScanTaskTest, PauseAndResumeStormLosesNoFile) {
+  constexpr int kFiles = 1000;
+  constexpr int kStormUntil = 300;  // files seen
+  for (int i = 0; i < kFiles; ++i) File("d" + std::to_string(i / 100) + "/f" + std::to_string(i));
+  engine.delayMicros = 200;
+  auto task = MakeTask(Settings({root}));
+  ASSERT_EQ(task->Start(1, &stops), 0);
+
+  std::atomic<int> paused{0}, resumed{0}, refused{0}, unexpected{0};
+  auto count = [&](zel::result_t r, std::atomic<int>& done) {
+    if (r == zel::result::NoError) {
+      ++done;
+    } else {
+      ++(r == zel::result::InvalidState ? refused : unexpected);
+    }
+  };
+  auto storm = [&] {
+    while (engine.callCount.load() < kStormUntil) {
+      count(task->Pause(), paused);
+      count(task->Resume(), resumed);
+    }
+  };
+  std::thread first(storm), second(storm);
+  first.join();
+  second.join();
+  // The last word may have been a pause.
+  if (paused.load() > resumed.load()) count(task->Resume(), resumed);
+
+  stops.WaitFor(1);
+  EXPECT_EQ(task->Stop(), 0);
+  EXPECT_EQ(stops.lastResult, 0);
+  EXPECT_EQ(unexpected.load(), 0);
+  EXPECT_GT(paused.load(), 0);
+  EXPECT_EQ(paused.load(), resumed.load());
+  std::vector<std::string> stored = StoredPaths();
+  std::sort(stored.begin(), stored.end());
+  EXPECT_EQ(std::unique(stored.begin(), stored.end()), stored.end()) << "a file stored twice";
+  EXPECT_EQ(stored.size(), static_cast<std::size_t>(kFiles));
+  task = nullptr;
   ExpectTaskGone();
 }
 

@@ -6,11 +6,13 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app_control/interfaces/iapp_control_task_settings.h"
@@ -184,6 +186,71 @@ TEST_F(AppControlE2eTest, ProgramStartsBecomeTheirEvents) {
   EXPECT_EQ(services.engine.Subscribers(), 0u);
   EXPECT_EQ(services.engine.SubmitProgramStart({(dir / "other").string(), 0, 0}), zel::result::NotReady)
       << "a stopped engine task decides nothing";
+}
+
+// Program starts arrive from another thread the whole time the host changes
+// the settings, pauses, resumes and stops the task: each start is taken or
+// refused as not ready, each event published is a whole decision, and
+// nothing of the task is left once it is released.
+TEST_F(AppControlE2eTest, StartsFromAnotherThreadDuringSettingsPauseAndStop) {
+  tov::settings::AppControlSettings settings;
+  settings.mode = tov::AppControlMode::AllowList;
+  settings.enforcement = tov::AppControlEnforcement::ApplyRules;
+  settings.allowListRules.push_back(Rule(u"trusted by hash", u"Hashed", tov::UserAccess::Allow));
+  void* arguments[2] = {&locator, &settings};
+  zel::IObject* object = nullptr;
+  ASSERT_EQ(module.CreateObject(0x46DFCF43, arguments, &object), 0);
+  task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
+  auto settingsFace = zel::RefPtr<tov::app_control::IAppControlTaskSettings>();
+  ASSERT_EQ(task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
+                                 reinterpret_cast<void**>(settingsFace.Ref())),
+            0);
+  ASSERT_EQ(task->Start(1, nullptr), 0);
+  services.publisher.Clear();
+  const std::int64_t blocksBefore = allocator.LiveBlocks();  // the categories' own
+
+  std::atomic<bool> done{false};
+  std::atomic<int> taken{0}, notReady{0}, other{0};
+  std::thread starter([&] {
+    const fs::path programs[] = {dir / "trusted", dir / "other", dir / "bin" / "script"};
+    for (int i = 0; !done.load() && i < 200000; ++i) {
+      const zel::result_t r = services.engine.SubmitProgramStart({programs[i % 3].string(), 0, 0});
+      ++(r == 0 ? taken : r == zel::result::NotReady ? notReady : other);
+      if (i % 16 == 0) std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+  });
+  for (int round = 0; round < 20; ++round) {
+    settings.enforcement =
+        round % 2 == 0 ? tov::AppControlEnforcement::TestRules : tov::AppControlEnforcement::ApplyRules;
+    EXPECT_EQ(settingsFace->SetSettings(&settings), 0);
+    EXPECT_EQ(task->Pause(), 0);
+    EXPECT_EQ(task->Resume(), 0);
+  }
+  // Let some starts through a running task before it stops.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (services.publisher.Events().size() < 10 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  settingsFace.Reset();
+  EXPECT_EQ(task->Stop(), 0);
+  const int takenAtStop = taken.load();
+  while (notReady.load() == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  done = true;
+  starter.join();
+  EXPECT_TRUE(services.engine.WaitIdleFor(std::chrono::seconds(10)));
+
+  EXPECT_EQ(other.load(), 0);
+  EXPECT_GT(notReady.load(), 0) << "starts after the stop are refused";
+  EXPECT_LE(taken.load() - takenAtStop, 1) << "at most the start under way as the task stopped";
+  const auto events = services.publisher.Events();
+  EXPECT_GE(events.size(), 10u);
+  EXPECT_LE(events.size(), static_cast<std::size_t>(taken.load())) << "an event without a start";
+  for (const auto& e : events) {
+    EXPECT_TRUE(e.eventType >= 120 && e.eventType <= 123) << e.eventType;
+    EXPECT_NE(Field(e, tov::FieldName::FileName), u"<absent>");
+  }
+  task.Reset();
+  EXPECT_EQ(allocator.LiveBlocks(), blocksBefore);
 }
 
 }  // namespace

@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "app_control/interfaces/format_recognizer_factory.h"
 #include "app_control/interfaces/icategories_manager.h"
 #include "app_control/interfaces/icgroups_manager.h"
@@ -149,6 +151,7 @@ class FakeAppController final : public OwnedFake<app_ctrl::IEnterpriseApplicatio
         held = false;
       }
     }
+    if (const int micros = delayMicros.load()) ::usleep(static_cast<useconds_t>(micros));
     callCount.fetch_add(1);
     if (answer.fail) return zel::result::AccessDenied;
     const std::size_t slash = path.rfind('/');
@@ -187,6 +190,7 @@ class FakeAppController final : public OwnedFake<app_ctrl::IEnterpriseApplicatio
   bool held = false;
   std::uint32_t lastFlags = 99;
   std::atomic<int> callCount{0};
+  std::atomic<int> delayMicros{0};  // a slow engine, per file
 };
 
 class FakeInventoryStorage final : public OwnedFake<tov::app_control::IInventoryStorage> {
