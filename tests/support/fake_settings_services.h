@@ -4,6 +4,7 @@
 // what was asked and that nothing was kept.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -46,8 +47,10 @@ class FakeCategoriesManager final : public CountedFake<FakeCategoriesManager, IC
   CategoryList categories;
   zel::result_t failWith = zel::result::NoError;
   std::uint32_t counter = 1;
-  int gets = 0;
-  int puts = 0;
+  // The engine reads categories on its own thread while the task's settings
+  // change on the host's.
+  std::atomic<int> gets{0};
+  std::atomic<int> puts{0};
 };
 
 // Users and groups by exact name. A lookup that misses answers `missCode`.
