@@ -72,6 +72,7 @@ void FaultSwitchboard::Disarm() {
   std::lock_guard lock(m_mutex);
   m_armed.store(false, std::memory_order_release);
   m_nth = 0;
+  m_fired.reset();
 }
 
 std::uint64_t FaultSwitchboard::CallsOf(FaultPoint point) const noexcept {

@@ -74,7 +74,7 @@ class FaultSwitchboard {
   void FailNth(std::uint64_t nth, zel::result_t code, std::optional<FaultPoint> only = std::nullopt);
   // Counts calls without ever failing one.
   void CountOnly() { FailNth(0, 0); }
-  // Stops counting and failing.
+  // Stops counting and failing, and forgets the fault.
   void Disarm();
 
   // The code the calling operation fails with, or 0 to go on.
@@ -87,7 +87,7 @@ class FaultSwitchboard {
   std::uint64_t Calls() const noexcept { return m_calls.load(std::memory_order_acquire); }
   // Calls of each point since the last FailNth, counted or not.
   std::uint64_t CallsOf(FaultPoint point) const noexcept;
-  // The point that failed since the last FailNth, if one did.
+  // The point that failed since the last FailNth, if one did; nothing once disarmed.
   std::optional<FaultPoint> Fired() const;
 
  private:

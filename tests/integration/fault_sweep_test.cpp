@@ -442,7 +442,7 @@ TEST_F(FaultSweepTest, AppControlTaskLifecycle) {
 // ---------------------------------------------------------------------------
 
 constexpr int kPreviousFiles = 4;
-constexpr int kNewFiles = 30;
+constexpr int kNewFiles = 16;
 
 struct ScanTrees {
   ScanTrees() : root(MakeTempDir("fault_sweep_tree")) {

@@ -57,6 +57,8 @@ TEST_F(FaultSwitchboardTest, CountOnlyNeverFailsAndRearmingStartsAfresh) {
   board.FailNth(1, zel::result::MediaError);
   EXPECT_EQ(board.Calls(), 0u);
   EXPECT_EQ(FaultAt(FaultPoint::Alloc), zel::result::MediaError);
+  board.Disarm();
+  EXPECT_FALSE(board.Fired()) << "a later run does not see this run's fault";
 }
 
 TEST_F(FaultSwitchboardTest, ExactlyOneOfManyThreadsGetsTheFault) {
