@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "host/engine/internal/engine_task.h"
+#include "host/services/fault_switchboard.h"
 #include "host/services/iopen_file.h"
 #include "tov_common/categories/category_text.h"
 #include "tov_common/inventory/application_info.h"
@@ -79,6 +80,7 @@ Engine::~Engine() {
 }
 
 zel::result_t Engine::Subscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::EngineSubscribe)) return fault;
   if (sink == nullptr) return zel::result::InvalidArgument;
   try {
     SinkPtr held(sink);
@@ -91,6 +93,7 @@ zel::result_t Engine::Subscribe(app_ctrl::IEnterpriseApplicationControlEvents2* 
 }
 
 zel::result_t Engine::Unsubscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::EngineUnsubscribe)) return fault;
   SinkPtr removed;  // released after the lock is gone: the sink may die here
   {
     std::lock_guard lock(m_mutex);
@@ -296,6 +299,7 @@ zel::result_t Engine::GetCategories(zel::types::vector_t<app_ctrl::Category>& ca
 }
 
 zel::result_t Engine::InventoryModule(zel::IIO* io, std::uint32_t flags, tov::ApplicationInfo& info) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::EngineInventoryModule)) return fault;
   if (io == nullptr || flags != 0) return zel::result::InvalidArgument;
   try {
     FileFacts facts;

@@ -1,5 +1,6 @@
 #include "host/engine/engine_object_creator.h"
 
+#include "host/services/fault_switchboard.h"
 #include "tov_common/settings/enterprise_application_control_settings.h"
 
 static_assert(app_ctrl::kEacSettingsSerId == app_ctrl::EnterpriseApplicationControlSettings::SerId,
@@ -10,6 +11,7 @@ namespace host::engine {
 zel::result_t EngineObjectCreator::CreateObject(std::uint32_t classId, zel::iid_t iid, zel::IServiceLocator* /*sl*/,
                                                 const EngineObjectParameters* parameters, std::uintptr_t reserved,
                                                 void** out) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::EngineCreateObject)) return fault;
   m_calls.fetch_add(1);
   if (out == nullptr || reserved != 0) return zel::result::InvalidArgument;
   *out = nullptr;

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "host/services/fault_switchboard.h"
 #include "host/services/iopen_file.h"
 #include "zel/rtl/error_handling/exceptions.h"
 #include "zel/strings/conversions.h"
@@ -135,6 +136,7 @@ FileFactory::FileFactory() : m_failRead(std::make_shared<std::atomic<zel::result
 
 zel::result_t FileFactory::CreateFile(const char16_t* widePath, std::uint32_t accessMask, std::uint32_t shareMode,
                                       std::uint32_t disposition, std::uint32_t flagsAndAttributes, zel::IIO** out) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::FilesCreate)) return fault;
   try {
     if (out == nullptr) return zel::result::InvalidArgument;
     *out = nullptr;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/files/internal/content_sniffer.h"
+#include "host/services/fault_switchboard.h"
 #include "zel/rtl/error_handling/exceptions.h"
 
 namespace host {
@@ -195,6 +196,7 @@ FormatRecognizerService::FormatRecognizerService()
     : m_failRecognize(std::make_shared<std::atomic<zel::result_t>>(0)) {}
 
 zel::result_t FormatRecognizerService::CreateRecognizerForAll(FormatRecognizer** out) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::FormatRecognizerCreate)) return fault;
   try {
     FormatIdList all;
     for (const KnownFormat& format : kKnownFormats) all.push_back(format.id);
@@ -220,6 +222,7 @@ zel::result_t FormatRecognizerService::GetFormatRecord(FormatId id, FormatRecord
 }
 
 zel::result_t FormatRecognizerService::CreateRecognizer(const FormatIdList& formats, FormatRecognizer** out) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::FormatRecognizerCreate)) return fault;
   try {
     if (out == nullptr) return zel::result::InvalidArgument;
     *out = nullptr;

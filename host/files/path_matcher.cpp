@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "host/files/internal/scope_rules.h"
+#include "host/services/fault_switchboard.h"
 #include "zel/rtl/error_handling/exceptions.h"
 
 namespace host {
@@ -68,6 +69,7 @@ zel::result_t Finish(std::vector<ScopeRule> includes, std::vector<ScopeRule> exc
 
 zel::result_t PathMatcherFactory::CreateMaskMatcher(const zel::types::vector_t<zel::string_t>& masks,
                                                     const PathMatcherOptions& options, IPathMatcher** out) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::PathMatcherCreate)) return fault;
   try {
     if (out == nullptr) return zel::result::InvalidArgument;
     *out = nullptr;
@@ -84,6 +86,7 @@ zel::result_t PathMatcherFactory::CreateMaskMatcher(const zel::types::vector_t<z
 
 zel::result_t PathMatcherFactory::CreateScopeMatcher(const tov::settings::ScanScope& scope,
                                                      const PathMatcherOptions& options, IPathMatcher** out) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::PathMatcherCreate)) return fault;
   try {
     if (out == nullptr) return zel::result::InvalidArgument;
     *out = nullptr;
@@ -98,6 +101,7 @@ zel::result_t PathMatcherFactory::CreateScopeMatcher(const tov::settings::ScanSc
 
 zel::result_t PathMatcherFactory::CreatePathMatcher(const tov::settings::ScanScopeLists& scopes,
                                                     const PathMatcherOptions& options, IPathMatcher** out) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::PathMatcherCreate)) return fault;
   try {
     if (out == nullptr) return zel::result::InvalidArgument;
     *out = nullptr;

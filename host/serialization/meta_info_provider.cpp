@@ -6,6 +6,7 @@
 #include <new>
 
 #include "host/serialization/internal/descriptor_check.h"
+#include "host/services/fault_switchboard.h"
 
 namespace host {
 
@@ -26,6 +27,7 @@ std::vector<zel::RefPtr<zel::IMetaInfoProvider>> MetaInfoProvider::Providers() c
 }
 
 zel::result_t MetaInfoProvider::FindDescriptor(std::uint32_t serId, const zel::TypeDescriptor** descriptor) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::MetaInfoFind)) return fault;
   if (descriptor == nullptr) return zel::result::InvalidArgument;
   {
     std::shared_lock lock(m_mutex);
@@ -50,10 +52,12 @@ zel::result_t MetaInfoProvider::FindDescriptor(std::uint32_t serId, const zel::T
 }
 
 zel::result_t MetaInfoProvider::FindStructDescriptor(std::uint32_t serId, const zel::TypeDescriptor** descriptor) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::MetaInfoFind)) return fault;
   return FindDescriptor(serId, descriptor);
 }
 
 zel::result_t MetaInfoProvider::FindDescriptorByName(const char* name, const zel::TypeDescriptor** descriptor) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::MetaInfoFind)) return fault;
   if (name == nullptr || descriptor == nullptr) return zel::result::InvalidArgument;
   std::shared_lock lock(m_mutex);
   for (const auto& [id, d] : m_descriptors) {

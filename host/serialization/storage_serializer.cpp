@@ -2,6 +2,7 @@
 
 #include "host/serialization/internal/xml_codec.h"
 #include "host/serialization/internal/xml_node.h"
+#include "host/services/fault_switchboard.h"
 #include "zel/rtl/error_handling/checks.h"
 
 namespace host {
@@ -36,6 +37,7 @@ StorageSerializer::StorageSerializer(zel::IMetaInfoProvider* meta, zel::IAllocat
 
 zel::result_t StorageSerializer::Serialize(const zel::anydescrptr& data, zel::IStorageNode* node, std::uint32_t flags,
                                            void* /*context*/) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::StorageSerialize)) return fault;
   zel::ITracer* tracer = m_tracer.Get();
   try {
     ZEL_CHECK_RESULT_LOG_RETURN(tracer, m_failSerialize.Take(), "Injected failure");
@@ -55,6 +57,7 @@ zel::result_t StorageSerializer::Serialize(const zel::anydescrptr& data, zel::IS
 
 zel::result_t StorageSerializer::Deserialize(const zel::anydescrptr& data, zel::IStorageNode* node, Flags flags,
                                              void* /*context*/) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::StorageSerialize)) return fault;
   zel::ITracer* tracer = m_tracer.Get();
   try {
     ZEL_CHECK_RESULT_LOG_RETURN(tracer, m_failDeserialize.Take(), "Injected failure");

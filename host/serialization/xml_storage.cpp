@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "host/serialization/internal/xml_node.h"
+#include "host/services/fault_switchboard.h"
 #include "zel/rtl/error_handling/checks.h"
 
 namespace host {
@@ -50,6 +51,7 @@ void XmlStorageFactory::FailNextOpen(zel::result_t code) noexcept { m_faults->op
 void XmlStorageFactory::FailNextFlush(zel::result_t code) noexcept { m_faults->flush.Arm(code); }
 
 zel::result_t XmlStorageFactory::CreateStorage(zel::IIO* io, const char* rootName, zel::IStorageNode** node) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::XmlStorageCreate)) return fault;
   zel::ITracer* tracer = m_tracer.Get();
   try {
     ZEL_CHECK_BOOL_LOG_RETURN(tracer, node != nullptr && rootName != nullptr && rootName[0] != '\0',
@@ -68,6 +70,7 @@ zel::result_t XmlStorageFactory::CreateStorage(zel::IIO* io, const char* rootNam
 }
 
 zel::result_t XmlStorageFactory::OpenStorage(zel::IIO* io, std::uint8_t readOnly, zel::IStorageNode** node) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::XmlStorageCreate)) return fault;
   zel::ITracer* tracer = m_tracer.Get();
   try {
     ZEL_CHECK_BOOL_LOG_RETURN(tracer, node != nullptr && io != nullptr, zel::result::InvalidArgument);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/services/fault_switchboard.h"
 #include "host/services/internal/category_codec.h"
 #include "zel/rtl/error_handling/exceptions.h"
 
@@ -122,6 +123,7 @@ zel::result_t CategoriesManager::Store(const std::vector<Entry>& entries, std::u
 
 zel::result_t CategoriesManager::PutCategories(const CategoryIdList& removeIds, const CategoryList& categories,
                                                const NameList& removeNames, tov::types::CategoriesAction action) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::CategoriesPut)) return fault;
   ++m_puts;
   try {
     std::lock_guard lock(m_mutex);
@@ -162,6 +164,7 @@ zel::result_t CategoriesManager::PutCategories(const CategoryIdList& removeIds, 
 }
 
 zel::result_t CategoriesManager::GetCategories(std::uint32_t& modificationCounter, CategoryList& categories) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::CategoriesGet)) return fault;
   ++m_gets;
   try {
     std::lock_guard lock(m_mutex);

@@ -10,6 +10,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "host/services/fault_switchboard.h"
+
 namespace host {
 
 namespace {
@@ -96,6 +98,7 @@ std::vector<std::string> CgroupsManager::SplitName(const std::string& name) {
 }
 
 zel::result_t CgroupsManager::AddToCgroup(const zel::wstring_t&, const zel::string_t& cgroupName, std::int32_t tid) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::CgroupsAdd)) return fault;
   if (cgroupName.empty()) return zel::result::NoError;
   if (tid <= 0) return zel::result::InvalidArgument;
   try {

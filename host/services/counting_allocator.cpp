@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "host/services/fault_switchboard.h"
+
 namespace host {
 
 bool CountingAllocator::ShouldFail() {
@@ -14,6 +16,7 @@ bool CountingAllocator::ShouldFail() {
 }
 
 void* CountingAllocator::Alloc(std::size_t size) {
+  if (FaultAt(FaultPoint::Alloc) != 0) return nullptr;
   if (ShouldFail()) return nullptr;
   void* p = std::malloc(size == 0 ? 1 : size);
   if (p != nullptr) {
@@ -25,6 +28,7 @@ void* CountingAllocator::Alloc(std::size_t size) {
 
 void* CountingAllocator::Realloc(void* pointer, std::size_t size) {
   if (pointer == nullptr) return Alloc(size);
+  if (FaultAt(FaultPoint::Alloc) != 0) return nullptr;
   if (ShouldFail()) return nullptr;
   return std::realloc(pointer, size == 0 ? 1 : size);
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "host/services/fault_switchboard.h"
 #include "tov_common/enums/enum_names.h"
 
 namespace host {
@@ -207,6 +208,7 @@ std::string FormatEventJson(const tov::RuntimeEvent& event) {
 }
 
 zel::result_t EventPublisher::PublishEvent(tov::RuntimeEvent* event) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::PublisherPublish)) return fault;
   if (event == nullptr) return zel::result::InvalidArgument;
   try {
     std::lock_guard lock(m_mutex);

@@ -9,6 +9,7 @@
 #include <new>
 #include <sstream>
 
+#include "host/services/fault_switchboard.h"
 #include "zel/strings/conversions.h"
 
 namespace host {
@@ -77,6 +78,7 @@ class ProcessObject final : public HeapObject<ProcessObject, IProcessObject> {
 
 
   zel::result_t GetDescription(ProcessDescription* description) override {
+    if (const zel::result_t fault = FaultAt(FaultPoint::ProcessGetDescription)) return fault;
     if (description == nullptr) return zel::result::InvalidArgument;
     try {
       *description = m_description;
@@ -117,6 +119,7 @@ zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, 
 }  // namespace
 
 zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uniqueId) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::ProcessRegistryGet)) return fault;
   if (uniqueId == nullptr || pid == 0 || pid >= (1u << kPidBits)) return zel::result::InvalidArgument;
   StatLine stat;
   if (!ReadStat(m_procRoot, pid, &stat)) return zel::result::NotFound;
@@ -125,6 +128,7 @@ zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uni
 }
 
 zel::result_t ProcessRegistry::GetProcessByPid(std::uint32_t pid, IProcessObject** process) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::ProcessRegistryGet)) return fault;
   if (process == nullptr || pid == 0 || pid >= (1u << kPidBits)) return zel::result::InvalidArgument;
   *process = nullptr;
   StatLine stat;
@@ -133,6 +137,7 @@ zel::result_t ProcessRegistry::GetProcessByPid(std::uint32_t pid, IProcessObject
 }
 
 zel::result_t ProcessRegistry::GetProcess(const std::uint64_t* uniqueId, IProcessObject** process) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::ProcessRegistryGet)) return fault;
   if (uniqueId == nullptr || process == nullptr) return zel::result::InvalidArgument;
   *process = nullptr;
   const std::uint32_t pid = PidOf(*uniqueId);

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <vector>
 
+#include "host/services/fault_switchboard.h"
+
 namespace host {
 
 namespace {
@@ -33,6 +35,7 @@ zel::result_t RunLookup(Lookup&& lookup, Entry& entry, std::vector<char>& buffer
 }  // namespace
 
 zel::result_t Pwdb::GetPrimaryGroupId(std::uint32_t uid, std::uint32_t* gid) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::PwdbLookup)) return fault;
   if (gid == nullptr) return zel::result::InvalidArgument;
   passwd entry{};
   std::vector<char> buffer;
@@ -43,6 +46,7 @@ zel::result_t Pwdb::GetPrimaryGroupId(std::uint32_t uid, std::uint32_t* gid) {
 }
 
 zel::result_t Pwdb::GetUserId(const char* userName, std::uint32_t* uid) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::PwdbLookup)) return fault;
   if (userName == nullptr || uid == nullptr) return zel::result::InvalidArgument;
   passwd entry{};
   std::vector<char> buffer;
@@ -54,6 +58,7 @@ zel::result_t Pwdb::GetUserId(const char* userName, std::uint32_t* uid) {
 }
 
 zel::result_t Pwdb::GetUserName(std::uint32_t uid, zel::string_t* userName) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::PwdbLookup)) return fault;
   if (userName == nullptr) return zel::result::InvalidArgument;
   try {
     passwd entry{};
@@ -68,6 +73,7 @@ zel::result_t Pwdb::GetUserName(std::uint32_t uid, zel::string_t* userName) {
 }
 
 zel::result_t Pwdb::GetGroupId(const char* groupName, std::uint32_t* gid) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::PwdbLookup)) return fault;
   if (groupName == nullptr || gid == nullptr) return zel::result::InvalidArgument;
   group entry{};
   std::vector<char> buffer;

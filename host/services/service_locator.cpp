@@ -1,5 +1,7 @@
 #include "host/services/service_locator.h"
 
+#include "host/services/fault_switchboard.h"
+
 namespace host {
 
 ServiceLocator::~ServiceLocator() {
@@ -9,6 +11,7 @@ ServiceLocator::~ServiceLocator() {
 zel::result_t ServiceLocator::GetInterface(zel::iid_t iid, std::uint32_t serviceKey, void** out) {
   if (out == nullptr) return zel::result::InvalidArgument;
   *out = nullptr;
+  if (const zel::result_t fault = FaultAt(FaultPoint::LocatorGetInterface)) return fault;
   zel::IObject* face = nullptr;
   {
     std::lock_guard lock(m_mutex);

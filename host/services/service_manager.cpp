@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "host/services/fault_switchboard.h"
 #include "zel/serialization/imeta_info.h"
 #include "zel/serialization/iserializers.h"
 #include "zel/util/anydescrptr.h"
@@ -197,12 +198,14 @@ zel::result_t ServiceManager::WriteLocked(std::uint32_t serviceKey, const Settin
 }
 
 zel::result_t ServiceManager::GetServiceSettings(std::uint32_t serviceKey, SettingsHolder* settings) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::SettingsGet)) return fault;
   std::lock_guard lock(m_mutex);
   return ReadLocked(serviceKey, settings, nullptr);
 }
 
 zel::result_t ServiceManager::SetServiceSettings(std::uint32_t serviceKey, std::uint32_t /*sync*/,
                                                  const SettingsHolder* settings) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::SettingsUpdate)) return fault;
   std::lock_guard lock(m_mutex);
   return WriteLocked(serviceKey, settings, false, 0);
 }
@@ -221,6 +224,7 @@ zel::result_t ServiceManager::GetServiceSettingsRevision(std::uint32_t serviceKe
 
 zel::result_t ServiceManager::GetServiceSettings2(std::uint32_t serviceKey, SettingsHolder* settings,
                                                   std::uint32_t* revision) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::SettingsGet)) return fault;
   if (revision == nullptr) return zel::result::InvalidArgument;
   std::lock_guard lock(m_mutex);
   ++m_reads;
@@ -234,6 +238,7 @@ zel::result_t ServiceManager::HasServiceSettings(std::uint32_t serviceKey) {
 
 zel::result_t ServiceManager::UpdateServiceSettings2(std::uint32_t serviceKey, std::uint32_t /*sync*/,
                                                      const SettingsHolder* settings, std::uint32_t revision) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::SettingsUpdate)) return fault;
   std::lock_guard lock(m_mutex);
   ++m_writes;
   return WriteLocked(serviceKey, settings, true, revision);
@@ -252,6 +257,7 @@ zel::result_t ServiceManager::RemoveServiceSettings(std::uint32_t serviceKey) {
 }
 
 zel::result_t ServiceManager::FlushSettings() {
+  if (const zel::result_t fault = FaultAt(FaultPoint::SettingsFlush)) return fault;
   std::lock_guard lock(m_mutex);
   ++m_flushes;
   zel::result_t r = zel::result::NoError;

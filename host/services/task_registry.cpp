@@ -3,6 +3,8 @@
 #include <new>
 #include <utility>
 
+#include "host/services/fault_switchboard.h"
+
 namespace host {
 
 template <class Pred>
@@ -52,20 +54,24 @@ zel::result_t TaskRegistry::FindInfo(Pred pred, TaskInfo& taskInfo) {
 
 zel::result_t TaskRegistry::GetTaskById(std::uint64_t taskId, TaskDescription* description,
                                         const TaskRegistryCredentials& credentials) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::TaskRegistryGetDescription)) return fault;
   return Find([taskId](const TaskDescription& t) { return t.taskId == taskId; }, description, credentials);
 }
 
 zel::result_t TaskRegistry::GetTaskByName(const zel::wstring_t& taskName, TaskDescription* description,
                                           const TaskRegistryCredentials& credentials) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::TaskRegistryGetDescription)) return fault;
   return Find([&taskName](const TaskDescription& t) { return t.taskName.view() == taskName.view(); }, description,
               credentials);
 }
 
 zel::result_t TaskRegistry::GetTaskInfoByTaskId(std::uint64_t taskId, TaskInfo& taskInfo) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::TaskInfoGet)) return fault;
   return FindInfo([taskId](const TaskDescription& t) { return t.taskId == taskId; }, taskInfo);
 }
 
 zel::result_t TaskRegistry::GetTaskInfoByTaskSessionId(std::uint32_t sessionId, TaskInfo& taskInfo) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::TaskInfoGet)) return fault;
   if (sessionId == 0) return zel::result::NotFound;
   return FindInfo([sessionId](const TaskDescription& t) { return t.sessionId == sessionId; }, taskInfo);
 }

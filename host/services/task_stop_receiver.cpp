@@ -2,9 +2,12 @@
 
 #include <new>
 
+#include "host/services/fault_switchboard.h"
+
 namespace host {
 
 zel::result_t TaskStopReceiver::OnTaskStopped(const TaskStopInfo& info) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::TaskStopped)) return fault;
   try {
     {
       std::lock_guard lock(m_mutex);

@@ -2,9 +2,12 @@
 
 #include <new>
 
+#include "host/services/fault_switchboard.h"
+
 namespace host {
 
 zel::result_t TaskTryMutex::TryLock(const zel::wstring_t& type) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::TaskLockTry)) return fault;
   try {
     std::lock_guard lock(m_mutex);
     return m_held.emplace(type.view()).second ? zel::result::NoError : zel::result::Locked;
@@ -20,6 +23,7 @@ zel::result_t TaskTryMutex::IsLocked(const zel::wstring_t& type, bool& locked) {
 }
 
 zel::result_t TaskTryMutex::Unlock(const zel::wstring_t& type) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::TaskLockUnlock)) return fault;
   std::lock_guard lock(m_mutex);
   const auto it = m_held.find(type.view());
   if (it == m_held.end()) return zel::result::NotLocked;

@@ -4,6 +4,8 @@
 #include <span>
 #include <string>
 
+#include "host/services/fault_switchboard.h"
+
 namespace host {
 
 namespace {
@@ -164,6 +166,7 @@ zel::result_t KeyValueStore::Stage(const KeyRange& key, const ValueRange* value)
 }
 
 zel::result_t KeyValueStore::GetValue(const KeyRange& key, Value& value) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::KvGetValue)) return fault;
   std::lock_guard lock(m_mutex);
   if (!m_db.IsOpen()) return zel::result::NotInitialized;
   bool found = false;
@@ -181,6 +184,7 @@ zel::result_t KeyValueStore::GetValue(const KeyRange& key, Value& value) {
 }
 
 zel::result_t KeyValueStore::SetValue(const KeyRange& key, const ValueRange& value) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::KvSetValue)) return fault;
   std::lock_guard lock(m_mutex);
   if (m_failSet.Fire()) return m_failSet.code;
   if (!m_db.IsOpen()) return zel::result::NotInitialized;
@@ -188,6 +192,7 @@ zel::result_t KeyValueStore::SetValue(const KeyRange& key, const ValueRange& val
 }
 
 zel::result_t KeyValueStore::RemoveValue(const KeyRange& key) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::KvRemoveValue)) return fault;
   std::lock_guard lock(m_mutex);
   if (!m_db.IsOpen()) return zel::result::NotInitialized;
   bool found = false;
@@ -204,6 +209,7 @@ zel::result_t KeyValueStore::RemoveValue(const KeyRange& key) {
 }
 
 zel::result_t KeyValueStore::Commit() {
+  if (const zel::result_t fault = FaultAt(FaultPoint::KvCommit)) return fault;
   std::lock_guard lock(m_mutex);
   if (m_failCommit.Fire()) return m_failCommit.code;
   if (!m_db.IsOpen()) return zel::result::NotInitialized;

@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "host/services/fault_switchboard.h"
+
 namespace host::engine::detail {
 
 EngineTask::EngineTask(Engine* engine, const EacSettings& settings)
@@ -13,15 +15,29 @@ EngineTask::~EngineTask() { m_engine->TaskDied(this); }
 
 zel::result_t EngineTask::Start(app_core::task_manager::task::TaskSessionId /*sessionId*/,
                                 app_core::task_manager::task::ITaskStopEvents* /*taskStopNotifier*/) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::EngineTaskStart)) return fault;
   // The reference engine never ends by itself, so the notifier is not kept.
   return m_engine->StartTask(this);
 }
 
-zel::result_t EngineTask::Stop() { return m_engine->StopTask(this); }
-zel::result_t EngineTask::Pause() { return m_engine->PauseTask(this, true); }
-zel::result_t EngineTask::Resume() { return m_engine->PauseTask(this, false); }
+zel::result_t EngineTask::Stop() {
+  if (const zel::result_t fault = FaultAt(FaultPoint::EngineTaskStop)) return fault;
+  return m_engine->StopTask(this);
+}
+
+zel::result_t EngineTask::Pause() {
+  if (const zel::result_t fault = FaultAt(FaultPoint::EngineTaskPause)) return fault;
+  return m_engine->PauseTask(this, true);
+}
+
+zel::result_t EngineTask::Resume() {
+  if (const zel::result_t fault = FaultAt(FaultPoint::EngineTaskResume)) return fault;
+  return m_engine->PauseTask(this, false);
+}
+
 
 zel::result_t EngineTask::SetSettings(const EacSettings* settings) {
+  if (const zel::result_t fault = FaultAt(FaultPoint::EngineTaskSetSettings)) return fault;
   if (settings == nullptr) return zel::result::InvalidArgument;
   if (const zel::result_t fault = m_engine->m_failSetSettings.load(); fault != 0) return fault;
   try {

@@ -1,0 +1,754 @@
+// Fault sweeps: the built module over the reference host, where one host
+// operation (or one allocation) fails in each run. Run N fails the Nth
+// fault-point call of the scenario; the sweep goes on until a run completes
+// without reaching its fault. Every run must end with no block, no module
+// object and no descriptor left over, with the result and trace line the
+// module gives for that failure, and, for the scan, with the store holding
+// the previous inventory or what the run itself stored, never a mix.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app_control/interfaces/iapp_control_task_settings.h"
+#include "app_control/interfaces/iinventory_info_provider.h"
+#include "app_control/interfaces/iinventory_scan_task_construct.h"
+#include "app_control/interfaces/iinventory_storage.h"
+#include "app_control/interfaces/itask.h"
+#include "app_control/module_entry.h"
+#include "host/cli/record_codecs.h"
+#include "host/engine/engine_services.h"
+#include "host/files/file_services.h"
+#include "host/module/module_loader.h"
+#include "host/serialization/serialization_services.h"
+#include "host/services/categories_manager.h"
+#include "host/services/collecting_tracer.h"
+#include "host/services/counting_allocator.h"
+#include "host/services/fault_switchboard.h"
+#include "host/services/pwdb.h"
+#include "host/services/service_locator.h"
+#include "host/services/service_manager.h"
+#include "host/storage/key_value_store.h"
+#include "tests/tov_common/categories/category_meta_info.h"
+#include "tov_common/categories/category_descriptors.h"
+#include "tov_common/inventory/application_info.h"
+#include "tov_common/settings/app_control_settings.h"
+#include "tov_common/settings/inventory_scan_settings.h"
+#include "tov_common/settings/settings_descriptors.h"
+#include "zel/iobject_factory.h"
+#include "zel/rtl/objclient.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using app_core::task_manager::task::ITask;
+using host::FaultPoint;
+
+// A code nothing else in these scenarios gives, so that it can be traced back.
+constexpr zel::result_t kFault = zel::result::MediaError;
+constexpr std::uint32_t kScanSession = 5;
+
+host::FaultSwitchboard& Board() { return host::FaultSwitchboard::Instance(); }
+
+std::size_t OpenDescriptors() {
+  std::size_t n = 0;
+  for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/self/fd")) ++n;
+  return n;
+}
+
+zel::wstring_t W(const std::string& s) { return zel::wstring_t(std::u16string(s.begin(), s.end())); }
+std::string N(const zel::wstring_t& s) {
+  std::string out;
+  for (char16_t c : std::u16string_view(s.view())) out.push_back(static_cast<char>(c));
+  return out;
+}
+
+// In memory where the machine offers it: a sweep commits its stores hundreds
+// of times, and a disk's syncs would make up most of its time.
+std::string MakeTempDir(const char* stem) {
+  static const std::string base = fs::is_directory("/dev/shm") ? "/dev/shm/" : "/tmp/";
+  std::string pattern = base + stem + "_XXXXXX";
+  return ::mkdtemp(pattern.data()) ? pattern : std::string();
+}
+
+void WriteFile(const fs::path& path, const std::string& body) { std::ofstream(path) << body; }
+
+std::string Hex(zel::result_t r) {
+  char buffer[16];
+  std::snprintf(buffer, sizeof buffer, "0x%08x", static_cast<unsigned>(r));
+  return buffer;
+}
+
+// Where one run's fault fell and what the step it fell in answered.
+struct Outcome {
+  std::optional<FaultPoint> fired;
+  std::string step;
+  zel::result_t result = 0;
+
+  std::string Describe() const {
+    if (!fired) return "no fault";
+    return std::string(host::FaultPointName(*fired)) + " in " + step + " -> " + Hex(result);
+  }
+};
+
+// Runs the steps of one scenario, noting the step in which the fault fired.
+class StepLog {
+ public:
+  explicit StepLog(Outcome& outcome) : m_outcome(outcome) {}
+  zel::result_t operator()(const char* step, const std::function<zel::result_t()>& body) {
+    const zel::result_t r = body();
+    if (m_outcome.step.empty() && Board().Fired()) {
+      m_outcome.fired = Board().Fired();
+      m_outcome.step = step;
+      m_outcome.result = r;
+    }
+    return r;
+  }
+
+ private:
+  Outcome& m_outcome;
+};
+
+// FAULT_SWEEP_VERBOSE=1 prints every run's outcome.
+void Report(std::uint64_t nth, const std::string& text) {
+  static const bool verbose = std::getenv("FAULT_SWEEP_VERBOSE") != nullptr;
+  if (verbose) std::printf("%4llu %s\n", static_cast<unsigned long long>(nth), text.c_str());
+}
+
+std::string FailureLines(const host::CollectingTracer& tracer) {
+  std::string all;
+  for (const auto& line : tracer.Lines())
+    if (line.level <= 500) all += "  [" + std::to_string(line.level) + "] " + line.text + "\n";
+  return all;
+}
+
+// The serialisers with every descriptor the scenarios need, and the
+// module's own records joined to them.
+struct Serialisation {
+  Serialisation(host::ServiceLocator& locator, const host::LoadedModule& module) {
+    services = host::RegisterSerializationServices(locator);
+    for (const zel::TypeDescriptor* d : tov::settings::SettingsRecordDescriptors())
+      services.metaInfo->RegisterDescriptor(d);
+    for (const zel::TypeDescriptor* d : tov::tools::CategoryExpressionDescriptors())
+      services.metaInfo->RegisterDescriptor(d);
+    for (const zel::TypeDescriptor* d : tov::InventoryRecordDescriptors()) services.metaInfo->RegisterDescriptor(d);
+    zel::IObjectFactory* factory = nullptr;
+    if (module.GetObjectFactory(&locator, tov::app_control::kTypeDescriptorStaticRegistryClassId, &factory) == 0) {
+      void* out = nullptr;
+      factory->CreateInstance(&locator, zel::IMetaInfoProvider::iid, &out);
+      factory->Release();
+      registry = zel::RefPtr<zel::IMetaInfoProvider>::Adopt(static_cast<zel::IMetaInfoProvider*>(out));
+    }
+    if (registry) services.metaInfo->RegisterProvider(registry.Get());
+  }
+  ~Serialisation() {
+    if (registry) services.metaInfo->UnregisterProvider(registry.Get());
+  }
+
+  host::SerializationServices services;
+  zel::RefPtr<zel::IMetaInfoProvider> registry;
+};
+
+template <class I>
+zel::RefPtr<I> CreateModuleObject(const host::LoadedModule& module, zel::IServiceLocator* locator,
+                                  std::uint32_t classId, zel::result_t* result = nullptr) {
+  zel::IObjectFactory* factory = nullptr;
+  zel::result_t r = module.GetObjectFactory(locator, classId, &factory);
+  void* out = nullptr;
+  if (r == 0) {
+    r = factory->CreateInstance(locator, I::iid, &out);
+    factory->Release();
+  }
+  if (result) *result = r;
+  return r == 0 ? zel::RefPtr<I>::Adopt(static_cast<I*>(out)) : zel::RefPtr<I>();
+}
+
+class FaultSweepTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { module = new host::LoadedModule(AC_MODULE_PATH); }
+  static void TearDownTestSuite() {
+    delete module;
+    module = nullptr;
+  }
+  void TearDown() override { Board().Disarm(); }
+
+  static host::LoadedModule* module;
+};
+host::LoadedModule* FaultSweepTest::module = nullptr;
+
+// ---------------------------------------------------------------------------
+// (a) the application control task through its whole life
+// ---------------------------------------------------------------------------
+
+constexpr app_ctrl::CategoryId kScripts{{0x22}};
+
+struct AppControlHost {
+  AppControlHost(host::CountingAllocator& allocator, const host::LoadedModule& module)
+      : dir(MakeTempDir("fault_sweep_ac")), serialisation((Register(allocator), locator), module) {
+    fs::create_directories(dir / "bin");
+    WriteFile(dir / "bin" / "script", "#!/bin/sh\n");
+    WriteFile(dir / "other", "another program");
+    serviceManager.UseBinarySerializer(&locator);
+    host::cli::RegisterRecordCodecs(serviceManager, &locator);
+    const std::string db = (dir / "state.db").string();
+    serviceManager.Open(db);
+    categories.Open(db);
+    locator.Register<IPwdb>(&pwdb);
+    locator.Register<app_core::facade::IServiceManager>(&serviceManager);
+    locator.Register<ICategoriesManager>(&categories);
+    host::RegisterEngineServices(locator, engine);
+
+    ICategoriesManager::CategoryList list;
+    auto& category = list.emplace_back();
+    category.GUID = kScripts;
+    category.Name = zel::wstring_t(u"Scripts");
+    const app_ctrl::CategoryFileInfoOperationExpression e(app_ctrl::CategoryFileInfoField::FilePath,
+                                                          app_ctrl::CategoryStringOperation::Like,
+                                                          W((dir / "bin").string() + "/*"));
+    category.Include.emplace_back().expression.assign_copy(
+        &e, category_test::Described<app_ctrl::CategoryFileInfoOperationExpression>::Get(), &allocator);
+    categories.PutCategories({}, list, {}, tov::types::CategoriesAction::AddUser);
+  }
+  ~AppControlHost() {
+    host::UnregisterEngineServices(locator);
+    for (zel::iid_t iid : {ICategoriesManager::iid, IPwdb::iid, app_core::facade::IServiceManager::iid})
+      locator.Remove(iid);
+    categories.Close();
+    serviceManager.Close();
+    fs::remove_all(dir);
+  }
+  void Register(host::CountingAllocator& allocator) {
+    locator.Register<zel::IAllocator>(&allocator);
+    locator.Register<zel::ITracer>(&tracer);
+  }
+
+  static tov::settings::AppControlSettings Settings(tov::AppControlMode mode) {
+    tov::settings::AppControlSettings settings;
+    settings.mode = mode;
+    settings.enforcement = tov::AppControlEnforcement::ApplyRules;
+    tov::settings::AppControlRule rule;
+    rule.ruleName = zel::wstring_t(u"scripts");
+    rule.categoryName = zel::wstring_t(u"Scripts");
+    auto& user = rule.users.emplace_back();
+    user.userName = zel::wstring_t(u"root");
+    user.access = tov::UserAccess::Allow;
+    settings.allowListRules.push_back(rule);
+    return settings;
+  }
+
+  fs::path dir;
+  host::CollectingTracer tracer;
+  host::ServiceLocator locator;
+  Serialisation serialisation;
+  host::Pwdb pwdb;
+  host::ServiceManager serviceManager;
+  host::CategoriesManager categories{&locator};
+  host::EngineServices engine;
+};
+
+struct AppControlRun {
+  Outcome outcome;
+  std::size_t published = 0;
+  std::uint64_t sinkExceptions = 0;
+  std::string failureLines;
+  std::vector<std::string> lines;  // levels 300 and 500
+};
+
+bool HasLine(const std::vector<std::string>& lines, const char* text) {
+  for (const auto& line : lines)
+    if (line.find(text) != std::string::npos) return true;
+  return false;
+}
+
+// What a step of the task answers when `point` fails under it, and the line
+// it traces then (null: none to look for).
+struct AppControlExpectation {
+  enum class Result { Fault, Succeeds, FaultOrSucceeds } result;
+  const char* line;
+};
+
+AppControlExpectation ExpectedForAppControl(const std::string& step, FaultPoint point) {
+  using R = AppControlExpectation::Result;
+  static const std::map<std::pair<std::string, FaultPoint>, AppControlExpectation> kTable{
+      // Creation: the settings conversion, the engine task, the trusted programs.
+      {{"create", FaultPoint::CategoriesGet}, {R::Fault, "Cannot get categories"}},
+      {{"create", FaultPoint::Alloc}, {R::Fault, "Cannot convert settings"}},
+      {{"create", FaultPoint::EngineCreateObject}, {R::Fault, "Cannot create EAC task"}},
+      {{"create", FaultPoint::SettingsGet}, {R::Fault, "UpdateServiceSettings2 failed"}},
+      {{"create", FaultPoint::SettingsUpdate}, {R::Fault, "UpdateServiceSettings2 failed"}},
+      {{"create", FaultPoint::SettingsFlush}, {R::Fault, "FlushSettings failed"}},
+      // A user that can't be resolved is dropped, silently.
+      {{"create", FaultPoint::PwdbLookup}, {R::Succeeds, nullptr}},
+      {{"settings", FaultPoint::PwdbLookup}, {R::Succeeds, nullptr}},
+      // The settings dump of the entry trace can't be made: only the dump is lost.
+      {{"create", FaultPoint::MetaInfoFind}, {R::Succeeds, nullptr}},
+      {{"create", FaultPoint::XmlStorageCreate}, {R::Succeeds, nullptr}},
+      {{"create", FaultPoint::StorageSerialize}, {R::Succeeds, "serializer->Serialize(data, node, 0, 0)"}},
+      {{"settings", FaultPoint::MetaInfoFind}, {R::Succeeds, nullptr}},
+      {{"settings", FaultPoint::XmlStorageCreate}, {R::Succeeds, nullptr}},
+      {{"settings", FaultPoint::StorageSerialize}, {R::Succeeds, "serializer->Serialize(data, node, 0, 0)"}},
+      // Services that are required fail the step; the tracer, the allocator
+      // and the dump's serialiser are not.
+      {{"create", FaultPoint::LocatorGetInterface}, {R::FaultOrSucceeds, nullptr}},
+      {{"settings", FaultPoint::LocatorGetInterface}, {R::FaultOrSucceeds, nullptr}},
+      {{"settings", FaultPoint::CategoriesGet}, {R::Fault, "Cannot get categories"}},
+      {{"settings", FaultPoint::Alloc}, {R::Fault, "Cannot convert settings"}},
+      {{"settings", FaultPoint::EngineTaskSetSettings}, {R::Fault, "modifier(&eacSettings)"}},
+      {{"start", FaultPoint::LocatorGetInterface}, {R::Fault, "Cannot get IServiceManager interface"}},
+      {{"start", FaultPoint::SettingsGet}, {R::Fault, "UpdateServiceSettings2 failed"}},
+      {{"start", FaultPoint::SettingsUpdate}, {R::Fault, "UpdateServiceSettings2 failed"}},
+      {{"start", FaultPoint::SettingsFlush}, {R::Fault, "FlushSettings failed"}},
+      {{"start", FaultPoint::EngineSubscribe}, {R::Fault, "Cannot subscribe"}},
+      {{"start", FaultPoint::EngineTaskStart}, {R::Fault, "Cannot start EAC task"}},
+      {{"pause", FaultPoint::EngineTaskPause}, {R::Fault, "Cannot pause EAC task"}},
+      {{"resume", FaultPoint::EngineTaskResume}, {R::Fault, "Cannot resume EAC task"}},
+      {{"stop", FaultPoint::EngineTaskStop}, {R::Fault, "Cannot stop EAC task"}},
+      // A failed unsubscription is never looked at.
+      {{"stop", FaultPoint::EngineUnsubscribe}, {R::Succeeds, nullptr}},
+  };
+  if (step == "events") {
+    // Nothing a callback meets reaches the engine's verdict; a failed
+    // publication is traced and its event lost.
+    return {R::Succeeds, point == FaultPoint::PublisherPublish ? "Cannot publish event" : nullptr};
+  }
+  const auto it = kTable.find({step, point});
+  if (it == kTable.end()) {
+    ADD_FAILURE() << "no expectation for " << host::FaultPointName(point) << " in " << step;
+    return {R::FaultOrSucceeds, nullptr};
+  }
+  return it->second;
+}
+
+AppControlRun RunAppControl(const host::LoadedModule& module, host::CountingAllocator& allocator,
+                            std::uint64_t nth) {
+  AppControlRun run;
+  AppControlHost h(allocator, module);
+  auto settings = AppControlHost::Settings(tov::AppControlMode::AllowList);
+  auto changed = AppControlHost::Settings(tov::AppControlMode::DenyList);
+  StepLog step(run.outcome);
+  Board().FailNth(nth, kFault);
+
+  zel::RefPtr<ITask> task;
+  const zel::result_t created = step("create", [&] {
+    void* arguments[2] = {&h.locator, &settings};
+    zel::IObject* object = nullptr;
+    const zel::result_t r = module.CreateObject(tov::app_control::kAppControlTaskClassId, arguments, &object);
+    if (r == 0) task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
+    return r;
+  });
+  if (created == 0) {
+    const zel::result_t started = step("start", [&] { return task->Start(1, nullptr); });
+    step("settings", [&] {
+      zel::RefPtr<tov::app_control::IAppControlTaskSettings> face;
+      zel::result_t r = task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
+                                             reinterpret_cast<void**>(face.Ref()));
+      return r == 0 ? face->SetSettings(&changed) : r;
+    });
+    if (started == 0) {
+      step("events", [&] {
+        h.engine.publisher.Clear();
+        for (const fs::path& program : {h.dir / "bin" / "script", h.dir / "other", h.dir / "bin" / "script"}) {
+          if (h.engine.engine.SubmitProgramStart({program.string(), 0, 0}) != 0) return zel::result::Unexpected;
+          if (!h.engine.engine.WaitIdleFor(std::chrono::seconds(10))) return zel::result::Unexpected;
+        }
+        run.published = h.engine.publisher.Count();
+        run.sinkExceptions = h.engine.engine.SinkExceptions();
+        return zel::result_t{0};
+      });
+      const zel::result_t paused = step("pause", [&] { return task->Pause(); });
+      step("resume", [&] { return paused == 0 ? task->Resume() : zel::result_t{0}; });
+      // A host whose Stop failed stops again: the task is stopped in the end.
+      if (step("stop", [&] { return task->Stop(); }) != 0) task->Stop();
+    }
+  }
+  step("release", [&] {
+    task.Reset();
+    return zel::result_t{0};
+  });
+  Board().Disarm();
+  run.failureLines = FailureLines(h.tracer);
+  for (const auto& line : h.tracer.Lines())
+    if (line.level <= 500) run.lines.push_back(line.text);
+  return run;
+}
+
+TEST_F(FaultSweepTest, AppControlTaskLifecycle) {
+  const std::size_t descriptors = OpenDescriptors();
+  std::uint64_t exercised = 0;
+  std::map<std::string, std::uint64_t> byPoint;
+  for (std::uint64_t nth = 1;; ++nth) {
+    SCOPED_TRACE("fault point " + std::to_string(nth));
+    host::CountingAllocator allocator;
+    const AppControlRun run = RunAppControl(*module, allocator, nth);
+    const Outcome& o = run.outcome;
+    SCOPED_TRACE(o.Describe() + "\n" + run.failureLines);
+    Report(nth, o.Describe() + " published " + std::to_string(run.published));
+
+    EXPECT_EQ(allocator.LiveBlocks(), 0) << "every block went back";
+    EXPECT_EQ(module->CanUnload(), 0) << "no module object is left";
+    EXPECT_EQ(OpenDescriptors(), descriptors) << "no descriptor is left open";
+    if (!o.fired) break;
+    ++exercised;
+    ++byPoint[std::string(host::FaultPointName(*o.fired))];
+
+    const FaultPoint p = *o.fired;
+    const zel::result_t code = p == FaultPoint::Alloc ? zel::result::OutOfMemory : kFault;
+    const AppControlExpectation expected = ExpectedForAppControl(o.step, p);
+    switch (expected.result) {
+      case AppControlExpectation::Result::Fault:
+        EXPECT_EQ(o.result, code);
+        break;
+      case AppControlExpectation::Result::Succeeds:
+        EXPECT_EQ(o.result, 0);
+        break;
+      case AppControlExpectation::Result::FaultOrSucceeds:
+        EXPECT_TRUE(o.result == 0 || o.result == code) << Hex(o.result);
+        break;
+    }
+    if (expected.line != nullptr) {
+      EXPECT_TRUE(HasLine(run.lines, expected.line)) << "expected the line: " << expected.line;
+    }
+    if (o.step == "events") {
+      EXPECT_EQ(run.published, p == FaultPoint::PublisherPublish ? 2u : 3u);
+    } else if (o.fired && o.step != "create" && o.step != "start" && o.result == 0) {
+      EXPECT_EQ(run.published, 3u);
+    }
+  }
+  std::string points;
+  for (const auto& [name, count] : byPoint) points += " " + name + "=" + std::to_string(count);
+  std::printf("application control lifecycle: fault points exercised: %llu (%s )\n",
+              static_cast<unsigned long long>(exercised), points.c_str());
+  RecordProperty("fault_points_exercised", static_cast<int>(exercised));
+  EXPECT_GT(exercised, 20u);
+}
+
+// ---------------------------------------------------------------------------
+// (b) a full scan with GoldenImage add, then the inventory read back
+// ---------------------------------------------------------------------------
+
+constexpr int kPreviousFiles = 4;
+constexpr int kNewFiles = 16;
+
+struct ScanTrees {
+  ScanTrees() : root(MakeTempDir("fault_sweep_tree")) {
+    for (int i = 0; i < kPreviousFiles; ++i) {
+      fs::create_directories(root / "previous");
+      WriteFile(root / "previous" / ("old" + std::to_string(i) + ".sh"), "#!/bin/sh\necho old " + std::to_string(i));
+    }
+    for (int i = 0; i < kNewFiles; ++i) {
+      const fs::path sub = root / "new" / ("d" + std::to_string(i % 3));
+      fs::create_directories(sub);
+      WriteFile(sub / ("f" + std::to_string(i) + ".sh"), "#!/bin/sh\necho new " + std::to_string(i));
+    }
+    WriteFile(root / "new" / "notes.txt", "not a program");
+  }
+  ~ScanTrees() { fs::remove_all(root); }
+  std::set<std::string> Files(const char* tree) const {
+    std::set<std::string> files;
+    for (const auto& e : fs::recursive_directory_iterator(root / tree))
+      if (e.is_regular_file()) files.insert(e.path().string());
+    return files;
+  }
+  fs::path root;
+};
+
+// The scan's host over a state file that outlives it.
+struct ScanHost {
+  ScanHost(host::CountingAllocator& allocator, const host::LoadedModule& module, const std::string& db)
+      : serialisation((Register(allocator), locator), module) {
+    serviceManager.UseBinarySerializer(&locator);
+    host::cli::RegisterRecordCodecs(serviceManager, &locator);
+    serviceManager.Open(db);
+    categories.Open(db);
+    store.Open(db);
+    locator.Register<app_core::facade::IServiceManager>(&serviceManager);
+    locator.Register<ICategoriesManager>(&categories);
+    locator.Register<app_core::component::IKeyValueStorage>(&store);
+    host::RegisterFileServices(locator, files);
+    host::RegisterEngineServices(locator, engine);
+    TaskDescription task;
+    task.taskId = 22;
+    task.taskName = zel::wstring_t(u"Inventory_Scan");
+    task.taskType = zel::wstring_t(u"InventoryScan");
+    task.sessionId = kScanSession;
+    engine.tasks.Add(task, std::string());
+  }
+  ~ScanHost() {
+    locator.Remove(tov::app_control::IInventoryStorage::iid);
+    host::UnregisterEngineServices(locator);
+    host::UnregisterFileServices(locator);
+    for (zel::iid_t iid : {app_core::component::IKeyValueStorage::iid, ICategoriesManager::iid,
+                           app_core::facade::IServiceManager::iid})
+      locator.Remove(iid);
+    store.Close();
+    categories.Close();
+    serviceManager.Close();
+  }
+  void Register(host::CountingAllocator& allocator) {
+    locator.Register<zel::IAllocator>(&allocator);
+    locator.Register<zel::ITracer>(&tracer);
+  }
+
+  host::CollectingTracer tracer;
+  host::ServiceLocator locator;
+  Serialisation serialisation;
+  host::ServiceManager serviceManager;
+  host::CategoriesManager categories{&locator};
+  host::KeyValueStore store;
+  host::FileServices files;
+  host::EngineServices engine;
+};
+
+// One whole scan of `root`; the stop notice's result, or nothing when the
+// task did not start or no notice came.
+std::optional<zel::result_t> Scan(ScanHost& h, const host::LoadedModule& module, const fs::path& root,
+                                  zel::result_t* started) {
+  auto task = CreateModuleObject<ITask>(module, &h.locator, tov::app_control::kInventoryScanTaskClassId, started);
+  if (!task) return std::nullopt;
+  zel::RefPtr<tov::app_control::IInventoryScanTaskConstruct> construct;
+  *started = task->QueryInterface(tov::app_control::IInventoryScanTaskConstruct::iid,
+                                  reinterpret_cast<void**>(construct.Ref()));
+  if (*started != 0) return std::nullopt;
+  tov::settings::InventoryScanSettings settings;
+  settings.scanScopes[0].path = zel::string_t(root.string());
+  settings.goldenImageAction = tov::settings::GoldenImageAction::Add;
+  construct->Construct(&settings);
+  const std::size_t before = h.engine.taskStops.Count();
+  *started = task->Start(kScanSession, &h.engine.taskStops);
+  if (*started != 0) return std::nullopt;
+  // A notice that the host failed to take is not waited for: the worker
+  // ends all the same, and Stop joins it.
+  std::optional<zel::result_t> notice;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (auto n = h.engine.taskStops.WaitFor(before + 1, std::chrono::milliseconds(5))) {
+      notice = n->result;
+      break;
+    }
+    if (Board().Fired() == FaultPoint::TaskStopped) break;
+  }
+  task->Stop();
+  return notice;
+}
+
+// The inventory a fresh reader finds in the state file: the paths of its
+// records, or the failure of reading them.
+struct StoredInventory {
+  zel::result_t result = 0;
+  std::set<std::string> paths;
+  std::size_t ids = 0;
+};
+
+StoredInventory ReadStored(const host::LoadedModule& module, const std::string& db) {
+  StoredInventory stored;
+  host::CountingAllocator allocator;
+  {
+    ScanHost reader(allocator, module, db);
+    auto storage = CreateModuleObject<tov::app_control::IInventoryStorage>(
+        module, &reader.locator, tov::app_control::kInventoryStorageClassId, &stored.result);
+    if (!storage) return stored;
+    zel::RefPtr<tov::IInventoryInfoProvider> provider;
+    storage->QueryInterface(tov::IInventoryInfoProvider::iid, reinterpret_cast<void**>(provider.Ref()));
+    tov::ApplicationIdList ids;
+    provider->GetApplicationIdList(0, 1000, ids);
+    stored.ids = ids.size();
+    tov::ApplicationList list;
+    stored.result = provider->GetApplicationList(list);
+    for (const auto& info : list.list) stored.paths.insert(N(info.filePath));
+  }
+  EXPECT_EQ(allocator.LiveBlocks(), 0);
+  return stored;
+}
+
+struct ScanRun {
+  Outcome outcome;
+  std::optional<zel::result_t> notice;
+  zel::result_t started = 0;
+  zel::result_t readBack = 0;
+  std::size_t readCount = 0;
+  std::string failureLines;
+  std::vector<std::string> lines;  // level 300 and 500
+};
+
+// The lines the scan gives when `point` fails under `step`.
+const char* ScanLine(const std::string& step, FaultPoint point) {
+  static const std::map<std::pair<std::string, FaultPoint>, const char*> kLines{
+      {{"scan", FaultPoint::TaskLockTry}, "Task start is locked by another concurrent action"},
+      {{"scan", FaultPoint::TaskInfoGet}, "Cannot get task info by session id"},
+      {{"scan", FaultPoint::FilesCreate}, "Cannot open file '"},
+      {{"scan", FaultPoint::EngineInventoryModule}, "Cannot inventory "},
+      {{"scan", FaultPoint::CategoriesPut}, "Cannot change GoldenImage category"},
+      {{"read", FaultPoint::KvGetValue}, "LoadAppInfo(i, info)"},
+  };
+  const auto it = kLines.find({step, point});
+  return it == kLines.end() ? nullptr : it->second;
+}
+
+TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
+  const ScanTrees trees;
+  const std::set<std::string> previous = trees.Files("previous");
+  const std::set<std::string> fresh = trees.Files("new");
+  ASSERT_EQ(previous.size(), static_cast<std::size_t>(kPreviousFiles));
+  ASSERT_EQ(fresh.size(), static_cast<std::size_t>(kNewFiles) + 1);
+  const std::size_t descriptors = OpenDescriptors();
+  std::uint64_t exercised = 0;
+  std::map<std::string, std::uint64_t> byPoint;
+
+  for (std::uint64_t nth = 1;; ++nth) {
+    SCOPED_TRACE("fault point " + std::to_string(nth));
+    const std::string dir = MakeTempDir("fault_sweep_state");
+    const std::string db = dir + "/state.db";
+    ScanRun run;
+    host::CountingAllocator allocator;
+    {
+      ScanHost h(allocator, *module, db);
+      zel::result_t made = 0;
+      auto storage = CreateModuleObject<tov::app_control::IInventoryStorage>(
+          *module, &h.locator, tov::app_control::kInventoryStorageClassId, &made);
+      ASSERT_TRUE(storage) << Hex(made);
+      h.locator.Register<tov::app_control::IInventoryStorage>(storage.Get());
+      // The inventory as it was before this run.
+      zel::result_t seeded = 0;
+      ASSERT_EQ(Scan(h, *module, trees.root / "previous", &seeded), std::optional<zel::result_t>(0)) << Hex(seeded);
+      h.tracer.Clear();
+
+      StepLog step(run.outcome);
+      Board().FailNth(nth, kFault);
+      step("scan", [&] {
+        run.notice = Scan(h, *module, trees.root / "new", &run.started);
+        return run.started;
+      });
+      step("read", [&] {
+        zel::RefPtr<tov::IInventoryInfoProvider> provider;
+        storage->QueryInterface(tov::IInventoryInfoProvider::iid, reinterpret_cast<void**>(provider.Ref()));
+        tov::ApplicationList list;
+        run.readBack = provider->GetApplicationList(list);
+        run.readCount = list.list.size();
+        return run.readBack;
+      });
+      step("release", [&] {
+        h.locator.Remove(tov::app_control::IInventoryStorage::iid);
+        storage.Reset();
+        return zel::result_t{0};
+      });
+      Board().Disarm();
+      run.failureLines = FailureLines(h.tracer);
+      for (const auto& line : h.tracer.Lines())
+        if (line.level <= 500) run.lines.push_back(line.text);
+    }
+    const Outcome& o = run.outcome;
+    SCOPED_TRACE(o.Describe() + (run.notice ? " notice " + Hex(*run.notice) : " no notice") + "\n" + run.failureLines);
+    Report(nth, o.Describe() + (run.notice ? " notice " + Hex(*run.notice) : " no notice") + " read " +
+                    Hex(run.readBack) + " " + std::to_string(run.readCount));
+    EXPECT_EQ(allocator.LiveBlocks(), 0) << "every block went back";
+    EXPECT_EQ(module->CanUnload(), 0) << "no module object is left";
+    EXPECT_EQ(OpenDescriptors(), descriptors) << "no descriptor is left open";
+
+    const StoredInventory stored = ReadStored(*module, db);
+    fs::remove_all(dir);
+    if (!o.fired) {
+      EXPECT_EQ(run.notice, std::optional<zel::result_t>(0));
+      EXPECT_EQ(stored.result, 0);
+      EXPECT_EQ(stored.paths, fresh);
+      break;
+    }
+    ++exercised;
+    ++byPoint[std::string(host::FaultPointName(*o.fired))];
+    const FaultPoint p = *o.fired;
+
+    // The store: the previous inventory, or what this run stored, never a
+    // mix. What the run stored is every new file, but for
+    // - none, when the run failed after clearing the old inventory and
+    //   before the walk;
+    // - the one file that a fault in the walk cost;
+    // - the rest of the tree, when an exception ended the walk (the run
+    //   then reports the failure);
+    // - a record that AddInfo could not write: its id stays listed, and the
+    //   list then cannot be read whole.
+    const bool recordLost = HasLine(run.lines, "m_inventory->AddInfo(info)");
+    const bool walkCut = HasLine(run.lines, "InventoryScanTask::ProcessPath(const tov::NativePath&) ");
+    const bool reportedFailure = !run.notice || *run.notice < 0 || run.started != 0;
+    if (recordLost) {
+      EXPECT_EQ(stored.ids, fresh.size());
+      EXPECT_EQ(stored.result, zel::result::NotFound);
+    } else if (stored.paths == previous) {
+      EXPECT_EQ(stored.result, 0);
+      EXPECT_TRUE(reportedFailure) << "the old inventory stands only when the run failed";
+    } else {
+      EXPECT_EQ(stored.result, 0);
+      std::size_t missing = 0;
+      for (const auto& path : fresh) missing += stored.paths.count(path) == 0;
+      for (const auto& path : stored.paths) EXPECT_TRUE(fresh.count(path)) << path << " is no file of either tree";
+      if (walkCut || stored.paths.empty()) {
+        EXPECT_TRUE(reportedFailure) << "a cut walk is reported";
+        EXPECT_EQ(o.step, "scan");
+      } else if (missing == 1) {
+        EXPECT_EQ(o.step, "scan");
+        EXPECT_TRUE(HasLine(run.lines, "OpenFile(path, io)") || HasLine(run.lines, "Cannot inventory ") ||
+                    HasLine(run.lines, "Cannot lstat ") || HasLine(run.lines, "Cannot open file '") ||
+                    p == FaultPoint::FormatRecognizerCreate || p == FaultPoint::Alloc ||
+                    p == FaultPoint::LocatorGetInterface)
+            << "a file left out is traced";
+      } else {
+        EXPECT_EQ(missing, 0u);
+      }
+    }
+
+    if (const char* line = ScanLine(o.step, p)) {
+      EXPECT_TRUE(HasLine(run.lines, line)) << "expected the line: " << line;
+    }
+    if (o.step == "scan" && p == FaultPoint::TaskLockTry) {
+      EXPECT_EQ(run.started, zel::result::UnspecifiedError);
+    }
+    if (o.step == "read" && !recordLost) {
+      std::set<zel::result_t> allowed;
+      switch (p) {
+        case FaultPoint::SettingsGet:  // category names are only left out
+          allowed = {0};
+          break;
+        case FaultPoint::KvGetValue:
+        case FaultPoint::StorageSerialize:
+          allowed = {kFault};
+          break;
+        case FaultPoint::Alloc:
+          allowed = {zel::result::OutOfMemory};
+          break;
+        case FaultPoint::XmlStorageCreate:  // the serialiser fails on the missing node
+          allowed = {zel::result::InvalidArgument};
+          break;
+        case FaultPoint::LocatorGetInterface:  // optional services, required ones, the node's factory
+          allowed = {0, kFault, zel::result::InvalidArgument};
+          break;
+        case FaultPoint::MetaInfoFind:
+          allowed = {0, kFault};
+          break;
+        default:
+          ADD_FAILURE() << "no expectation for " << host::FaultPointName(p) << " in read";
+      }
+      EXPECT_TRUE(allowed.count(run.readBack)) << Hex(run.readBack);
+    }
+  }
+  std::string points;
+  for (const auto& [name, count] : byPoint) points += " " + name + "=" + std::to_string(count);
+  std::printf("inventory scan and read back: fault points exercised: %llu (%s )\n",
+              static_cast<unsigned long long>(exercised), points.c_str());
+  RecordProperty("fault_points_exercised", static_cast<int>(exercised));
+  EXPECT_GT(exercised, static_cast<std::uint64_t>(kNewFiles) * 2);
+}
+
+}  // namespace
