@@ -94,6 +94,7 @@ zel::result_t DirectoryEnumerator::OpenDirectory(DirNode& node, const tov::Nativ
 
 zel::result_t DirectoryEnumerator::Open(const tov::NativePath& path, IPathMatcher* strategy) {
   Close();
+  m_filesystems.Clear();
   if (strategy != nullptr) strategy->AddRef();
   if (m_strategy != nullptr) m_strategy->Release();
   m_strategy = strategy;
@@ -112,6 +113,15 @@ bool DirectoryEnumerator::Examine() {
   const StackEntry& top = m_stack.back();
   const char* name = top.node->entry->d_name;
 
+  // The directory listing already tells most entries' type. Whatever it
+  // calls neither a directory nor a link comes back false from every branch
+  // below, so the lstat is spared; the file systems that leave the type
+  // unknown still get it.
+  const unsigned char type = top.node->entry->d_type;
+  if (type != DT_UNKNOWN && type != DT_DIR && type != DT_LNK) return false;
+  // "." and ".." end false whatever their lstat says.
+  if (IsDotOrDotDot(name)) return false;
+
   // The node's path already ends in "/". Most paths fit a stack buffer, which
   // spares a heap block per entry.
   struct stat st {};
@@ -127,7 +137,6 @@ bool DirectoryEnumerator::Examine() {
     if (!StatAnyLength(full.c_str(), st, AT_SYMLINK_NOFOLLOW)) return false;
   }
   if (!S_ISDIR(st.st_mode) && !S_ISLNK(st.st_mode)) return false;
-  if (IsDotOrDotDot(name)) return false;
 
   tov::NativePath joined = Join(top.path, name);
   if (S_ISLNK(st.st_mode)) {
@@ -140,7 +149,7 @@ bool DirectoryEnumerator::Examine() {
     return false;
   }
 
-  if (tools::IsScannableFilesystem(AT_FDCWD, joined.c_str()) == 0) return false;
+  if (m_filesystems.IsScannable(st.st_dev, joined.c_str()) == 0) return false;
   if (m_strategy != nullptr && m_strategy->Match(joined, 1) != 0) return false;
 
   NodeHolder node(new DirNode());

@@ -20,6 +20,7 @@
 #include <deque>
 
 #include "app_control/interfaces/ipath_matcher.h"
+#include "app_control/internal/filesystem_verdicts.h"
 #include "tov_common/native_path.h"
 #include "zel/noncopyable.h"
 #include "zel/result.h"
@@ -73,6 +74,8 @@ class DirectoryEnumerator : zel::NonCopyable {
 
   IPathMatcher* m_strategy = nullptr;
   std::deque<StackEntry> m_stack;
+  // Which devices below the root may be entered, asked once per device.
+  FilesystemVerdicts m_filesystems;
 };
 
 }  // namespace tov::app_control

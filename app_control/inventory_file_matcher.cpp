@@ -56,6 +56,10 @@ InventoryFileMatcher::InventoryFileMatcher(zel::IServiceLocator* serviceLocator,
 }
 
 zel::result_t InventoryFileMatcher::Match(const tov::NativePath& path, zel::IIO* io) {
+  return Match(path, io, nullptr);
+}
+
+zel::result_t InventoryFileMatcher::Match(const tov::NativePath& path, zel::IIO* io, const struct stat* known) {
   zel::ITracer* tracer = m_tracer.Get();
   try {
     ZEL_TRACE(tracer, Info) << "Match" << "() " << "path=" << path.view();
@@ -66,7 +70,9 @@ zel::result_t InventoryFileMatcher::Match(const tov::NativePath& path, zel::IIO*
     }
 
     struct stat st {};
-    if (::stat(path.c_str(), &st) == -1) {
+    if (known != nullptr) {
+      st = *known;
+    } else if (::stat(path.c_str(), &st) == -1) {
       const int error = errno;
       zel::TraceRecord record;
       if (zel::TraceTest(record, tracer, Error)) {

@@ -6,6 +6,8 @@
 // know the file). One object serves one run on the scan worker.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 
 #include "app_control/interfaces/format_recognizer.h"
@@ -52,6 +54,10 @@ class InventoryFileMatcher : zel::NonCopyable {
   // 0: give the file to the engine; 1: skip it; negative: failure (0x8000004B
   // when the file cannot be stat'ed, or the recogniser's failure). Never throws.
   zel::result_t Match(const tov::NativePath& path, zel::IIO* io);
+  // The same, for a caller that has just lstat'ed `path` and found a regular
+  // file (so a stat would find the same): `known` stands in for the stat.
+  // Null stats the path.
+  zel::result_t Match(const tov::NativePath& path, zel::IIO* io, const struct stat* known);
 
   // The scope test, shared with the walk for directories.
   IPathMatcher* GetPathMatcher() const noexcept { return m_pathMatcher.Get(); }

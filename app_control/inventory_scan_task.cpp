@@ -17,7 +17,6 @@
 #include "app_control/interfaces/itask_info_provider.h"
 #include "app_control/interfaces/itask_try_mutex.h"
 #include "app_control/inventory_file_matcher.h"
-#include "tov_utils/file_system.h"
 #include "zel/rtl/error_handling/checks.h"
 #include "zel/rtl/error_handling/exceptions.h"
 #include "zel/strings/conversions.h"
@@ -338,6 +337,8 @@ int InventoryScanTask::Run(tov::TryLockTaskTypeGuard&& lockGuard) noexcept {
 
     ZEL_CHECK_RESULT_LOG_RETURN(GetTracer(), m_inventory->Clear());
 
+    m_filesystems.Clear();
+
     bool cancelled = false;
     for (const tov::NativePath& root : roots) {
       result = ProcessPath(root);
@@ -406,11 +407,14 @@ zel::result_t InventoryScanTask::ProcessPath(const tov::NativePath& path) {
       IPathMatcher* strategy = strategyRef.Get();
       DirectoryEnumerator enumerator;
       ZEL_CHECK_RESULT_LOG_RETURN(GetTracer(), enumerator.Open(path, strategy), "Cannot open '" << path.view() << "'");
+      // One buffer for every entry's path: it grows to the longest and is
+      // then only rewritten.
+      tov::NativePath joined;
       for (;;) {
         const std::string_view name = enumerator.CurrentName();
         if (name != "." && name != "..") {
           const std::string_view directory = enumerator.CurrentDirectory().view();
-          tov::NativePath joined(directory);
+          joined.assign(directory);
           if (!directory.empty() && directory.back() != '/') joined += '/';
           joined += name;
           static_cast<void>(CategorizeFile(joined));
@@ -443,14 +447,16 @@ zel::result_t InventoryScanTask::CategorizeFile(const tov::NativePath& path) {
     ZEL_TRACE(GetTracer(), Info) << "skip (not a regular file)";
     return zel::result::False;
   }
-  if (tools::IsScannableFilesystem(AT_FDCWD, path.c_str()) == 0) {
+  if (m_filesystems.IsScannable(st.st_dev, path.c_str()) == 0) {
     ZEL_TRACE(GetTracer(), Info) << "skip magic";
     return zel::result::False;
   }
 
   IoRef io;
   ZEL_CHECK_RESULT_LOG_RETURN(GetTracer(), OpenFile(path, io));
-  const zel::result_t matched = m_matcher->Match(path, io);
+  // The lstat above found a regular file, not a link: the matcher's stat of
+  // the same path would find the same.
+  const zel::result_t matched = m_matcher->Match(path, io, &st);
   if (matched != 0) return matched;
 
   tov::ApplicationInfo info;

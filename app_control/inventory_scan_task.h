@@ -21,6 +21,7 @@
 #include "app_control/interfaces/iinventory_scan_task_settings.h"
 #include "app_control/interfaces/iinventory_storage.h"
 #include "app_control/interfaces/itask.h"
+#include "app_control/internal/filesystem_verdicts.h"
 #include "app_control/internal/pause_gate.h"
 #include "app_control/internal/try_lock_task_type_guard.h"
 #include "tov_common/categories/category_types.h"
@@ -119,6 +120,8 @@ class InventoryScanTask
   zel::RefPtr<zel::IFileFactory> m_fileFactory;
   std::optional<app_ctrl::Category> m_goldenImageCategory;
   zel::RefPtr<IInventoryStorage> m_inventory;
+  // The worker's: which devices the run's files may be inventoried from.
+  FilesystemVerdicts m_filesystems;
 };
 
 }  // namespace tov::app_control

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
 #include <new>
 #include <utility>
@@ -25,13 +24,20 @@ namespace {
 zel::wstring_t Wide(const std::string& text) { return zel::Utf8ToWide(text); }
 
 // The stand-in for a content hash when hashing is off: what tells this
-// file version apart without reading it, as 64 hex digits.
+// file version apart without reading it, as 64 hex digits. The inode comes
+// first because a record's id is read from the leading 16 digits: led by the
+// device, every file of a file system would share one id, and the inventory
+// would keep one record of them.
 std::string IdentityStamp(const struct stat& st) {
-  char text[65];
-  std::snprintf(text, sizeof text, "%016llx%016llx%016llx%016llx", static_cast<unsigned long long>(st.st_dev),
-                static_cast<unsigned long long>(st.st_ino), static_cast<unsigned long long>(st.st_size),
-                static_cast<unsigned long long>(st.st_ctim.tv_sec) * 1000000000ull +
-                    static_cast<unsigned long long>(st.st_ctim.tv_nsec));
+  static constexpr char kHex[] = "0123456789abcdef";
+  const std::uint64_t fields[] = {
+      static_cast<std::uint64_t>(st.st_ino), static_cast<std::uint64_t>(st.st_dev),
+      static_cast<std::uint64_t>(st.st_size),
+      static_cast<std::uint64_t>(st.st_ctim.tv_sec) * 1000000000ull + static_cast<std::uint64_t>(st.st_ctim.tv_nsec)};
+  std::string text(64, '0');
+  std::size_t at = 0;
+  for (const std::uint64_t field : fields)
+    for (int shift = 60; shift >= 0; shift -= 4) text[at++] = kHex[(field >> shift) & 0xF];
   return text;
 }
 

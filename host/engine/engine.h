@@ -149,7 +149,7 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   std::uint64_t HashesComputed() const noexcept { return m_hashesComputed.load(); }
   // Off: InventoryModule reads no content for a file the host opened and
   // gives, in place of the SHA-256, 64 hex digits of the file's identity
-  // (device, inode, size, change time). For measuring the walk without the
+  // (inode, device, size, change time). For measuring the walk without the
   // hashing, and for a quick stock-taking; GoldenImage criteria built from
   // such a run match no program start. Bare streams are still hashed.
   void SetContentHashing(bool on) noexcept { m_contentHashing.store(on); }

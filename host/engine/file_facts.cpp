@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
-#include <vector>
 
 namespace host::engine {
 
@@ -31,11 +30,25 @@ struct MdCtxDeleter {
 
 constexpr std::size_t kChunk = 64 * 1024;
 
+// The SHA-256 implementation, fetched from the provider once: EVP_sha256()
+// in a digest init makes OpenSSL look the algorithm up again on every file.
+const EVP_MD* Sha256Algorithm() noexcept {
+  static const EVP_MD* const algorithm = [] {
+    const EVP_MD* fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    return fetched != nullptr ? fetched : EVP_sha256();
+  }();
+  return algorithm;
+}
+
+// A read buffer of kChunk bytes, left uninitialised: it is only written by
+// the reads.
+std::unique_ptr<unsigned char[]> ReadBuffer() { return std::make_unique_for_overwrite<unsigned char[]>(kChunk); }
+
 // One SHA-256 computation; Final gives lower-case hex.
 class Sha256 {
  public:
   Sha256() : m_ctx(EVP_MD_CTX_new()) {
-    if (m_ctx && EVP_DigestInit_ex(m_ctx.get(), EVP_sha256(), nullptr) != 1) m_ctx.reset();
+    if (m_ctx && EVP_DigestInit_ex(m_ctx.get(), Sha256Algorithm(), nullptr) != 1) m_ctx.reset();
   }
   bool Ok() const noexcept { return m_ctx != nullptr; }
   bool Update(const void* data, std::size_t size) noexcept {
@@ -78,16 +91,16 @@ zel::result_t Sha256File(const std::string& path, std::string* hex) {
 zel::result_t Sha256Descriptor(int fd, std::string* hex) {
   Sha256 digest;
   if (!digest.Ok()) return zel::result::Unexpected;
-  std::vector<unsigned char> buffer(kChunk);
+  const std::unique_ptr<unsigned char[]> buffer = ReadBuffer();
   off_t offset = 0;
   for (;;) {
-    const ssize_t n = ::pread(fd, buffer.data(), buffer.size(), offset);
+    const ssize_t n = ::pread(fd, buffer.get(), kChunk, offset);
     if (n < 0) {
       if (errno == EINTR) continue;
       return zel::ResultFromErrno(static_cast<unsigned>(errno));
     }
     if (n == 0) break;
-    if (!digest.Update(buffer.data(), static_cast<std::size_t>(n))) return zel::result::Unexpected;
+    if (!digest.Update(buffer.get(), static_cast<std::size_t>(n))) return zel::result::Unexpected;
     offset += n;
   }
   return digest.Final(hex);
@@ -98,14 +111,13 @@ zel::result_t Sha256Stream(zel::IIO* io, std::string* hex) {
   if (const zel::result_t r = io->Seek(zel::seek_origin::Begin, 0, nullptr); ZEL_FAILED(r)) return r;
   Sha256 digest;
   if (!digest.Ok()) return zel::result::Unexpected;
-  std::vector<unsigned char> buffer(kChunk);
+  const std::unique_ptr<unsigned char[]> buffer = ReadBuffer();
   for (;;) {
     std::uint32_t n = 0;
-    if (const zel::result_t r = io->Read(buffer.data(), static_cast<std::uint32_t>(buffer.size()), &n);
-        ZEL_FAILED(r))
+    if (const zel::result_t r = io->Read(buffer.get(), static_cast<std::uint32_t>(kChunk), &n); ZEL_FAILED(r))
       return r;
     if (n == 0) break;
-    if (!digest.Update(buffer.data(), n)) return zel::result::Unexpected;
+    if (!digest.Update(buffer.get(), n)) return zel::result::Unexpected;
   }
   return digest.Final(hex);
 }

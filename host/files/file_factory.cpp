@@ -22,6 +22,10 @@ zel::result_t LastError() noexcept { return zel::ResultFromErrno(static_cast<uns
 
 // Also answers IOpenFile, so that the engine knows the file's path and
 // identity (and can use its hash cache) for what the scan opens.
+//
+// The stream is the descriptor's only user, so it keeps the position itself
+// and reads with pread: seeking and telling cost no system call, which
+// matters for the recogniser's seek-read-seek-back on every scanned file.
 class FdStream final : public HeapObject<FdStream, zel::IIO, IOpenFile> {
  public:
   zel::result_t Read(void* buffer, std::uint32_t count, std::uint32_t* read) override {
@@ -30,9 +34,10 @@ class FdStream final : public HeapObject<FdStream, zel::IIO, IOpenFile> {
     if (const zel::result_t failure = m_failRead->load(); failure != 0) return failure;
     ssize_t n;
     do {
-      n = ::read(m_fd, buffer, count);
+      n = ::pread(m_fd, buffer, count, m_position);
     } while (n < 0 && errno == EINTR);
     if (n < 0) return LastError();
+    m_position += n;
     if (read != nullptr) *read = static_cast<std::uint32_t>(n);
     return zel::result::NoError;
   }
@@ -42,23 +47,33 @@ class FdStream final : public HeapObject<FdStream, zel::IIO, IOpenFile> {
     return zel::result::AccessDenied;
   }
 
+  // lseek's rules: a position below 0 or beyond off_t is refused, one past
+  // the end is allowed.
   zel::result_t Seek(std::uint32_t origin, std::int64_t offset, std::uint64_t* position) override {
-    int whence;
+    std::int64_t base;
     switch (origin) {
-      case zel::seek_origin::Begin: whence = SEEK_SET; break;
-      case zel::seek_origin::Current: whence = SEEK_CUR; break;
-      case zel::seek_origin::End: whence = SEEK_END; break;
+      case zel::seek_origin::Begin: base = 0; break;
+      case zel::seek_origin::Current: base = m_position; break;
+      case zel::seek_origin::End: {
+        struct stat st;
+        if (::fstat(m_fd, &st) != 0) return LastError();
+        base = st.st_size;
+        break;
+      }
       default: return zel::result::InvalidArgument;
     }
-    const off_t at = ::lseek(m_fd, static_cast<off_t>(offset), whence);
-    if (at < 0) return LastError();
+    std::int64_t at = 0;
+    if (__builtin_add_overflow(base, offset, &at)) return zel::ResultFromErrno(static_cast<unsigned>(EOVERFLOW));
+    if (at < 0) return zel::ResultFromErrno(static_cast<unsigned>(EINVAL));
+    m_position = static_cast<off_t>(at);
     if (position != nullptr) *position = static_cast<std::uint64_t>(at);
     return zel::result::NoError;
   }
 
   zel::result_t Tell(std::uint64_t* position) override {
     if (position == nullptr) return zel::result::InvalidArgument;
-    return Seek(zel::seek_origin::Current, 0, position);
+    *position = static_cast<std::uint64_t>(m_position);
+    return zel::result::NoError;
   }
 
   zel::result_t GetSize(std::uint64_t* size) override {
@@ -89,6 +104,7 @@ class FdStream final : public HeapObject<FdStream, zel::IIO, IOpenFile> {
   ~FdStream() { ::close(m_fd); }
 
   const int m_fd;
+  off_t m_position = 0;
   const std::string m_path;
   const std::shared_ptr<std::atomic<zel::result_t>> m_failRead;
 };
@@ -119,9 +135,10 @@ zel::result_t OpenRegular(const char* path, int* fd) noexcept {
     r = LastError();
   } else if (!S_ISREG(st.st_mode)) {
     r = zel::result::InvalidType;
-  } else {
-    const int flags = ::fcntl(*fd, F_GETFL);
-    if (flags < 0 || ::fcntl(*fd, F_SETFL, flags & ~O_NONBLOCK) != 0) r = LastError();
+  } else if (::fcntl(*fd, F_SETFL, 0) != 0) {
+    // Of the status flags F_SETFL can change, O_NONBLOCK is the only one
+    // the open set: clearing them all makes the descriptor blocking.
+    r = LastError();
   }
   if (ZEL_FAILED(r)) {
     ::close(*fd);

@@ -114,9 +114,15 @@ String TwoPass(IAllocator* allocator, Walk walk) {
 
 wstring_t Utf8ToWide(std::string_view text, IAllocator* allocator) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  // Paths and names are mostly ASCII: that lead is one unit per byte and
+  // needs no decoding.
+  std::size_t ascii = 0;
+  while (ascii < text.size() && bytes[ascii] < 0x80) ++ascii;
   return TwoPass<wstring_t>(allocator, [&](char16_t* out) -> std::ptrdiff_t {
-    std::size_t units = 0;
-    for (std::size_t i = 0; i < text.size();) {
+    std::size_t units = ascii;
+    if (out != nullptr)
+      for (std::size_t i = 0; i < ascii; ++i) out[i] = static_cast<char16_t>(bytes[i]);
+    for (std::size_t i = ascii; i < text.size();) {
       char32_t cp;
       bool valid;
       i += DecodeUtf8(bytes + i, text.size() - i, cp, valid);
@@ -168,9 +174,20 @@ string_t WideToLocale(std::u16string_view text, IAllocator* allocator) {
   });
 }
 
+namespace {
+
+// Units below 0x80 at the head of `text`: one byte each, as they are.
+std::size_t AsciiLead(std::u16string_view text) noexcept {
+  std::size_t n = 0;
+  while (n < text.size() && text[n] < 0x80) ++n;
+  return n;
+}
+
+}  // namespace
+
 std::size_t Utf16ToUtf8Length(std::u16string_view text) noexcept {
-  std::size_t bytes = 0;
-  for (std::size_t i = 0; i < text.size();) {
+  std::size_t bytes = AsciiLead(text);
+  for (std::size_t i = bytes; i < text.size();) {
     std::size_t used;
     bytes += PutUtf8(NextUtf16(text, i, used), nullptr);
     i += used;
@@ -179,7 +196,9 @@ std::size_t Utf16ToUtf8Length(std::u16string_view text) noexcept {
 }
 
 char* Utf16ToUtf8(std::u16string_view text, char* out) noexcept {
-  for (std::size_t i = 0; i < text.size();) {
+  const std::size_t ascii = AsciiLead(text);
+  for (std::size_t i = 0; i < ascii; ++i) *out++ = static_cast<char>(text[i]);
+  for (std::size_t i = ascii; i < text.size();) {
     std::size_t used;
     out += PutUtf8(NextUtf16(text, i, used), out);
     i += used;

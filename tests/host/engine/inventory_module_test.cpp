@@ -12,6 +12,7 @@
 
 #include "engine_test_support.h"
 #include "host/engine/engine.h"
+#include "host/files/file_factory.h"
 #include "host/services/file_stream.h"
 #include "tov_common/categories/category_text.h"
 #include "tov_common/inventory/application_info.h"
@@ -238,6 +239,53 @@ TEST_F(InventoryModuleTest, CacheSparesUnchangedFilesAndMissesChangedOnes) {
   ASSERT_EQ(Inventory(fresh, info), 0);
   ASSERT_EQ(Inventory(fresh, info), 0);
   EXPECT_EQ(engine.HashesComputed(), base + 2);
+}
+
+TEST_F(InventoryModuleTest, WithoutContentHashingEachFileKeepsAnIdOfItsOwn) {
+  engine.SetContentHashing(false);
+  const std::string a = dir.Write("a", "same content");
+  const std::string b = dir.Write("b", "same content");
+  tov::ApplicationInfo ia, ib;
+  ASSERT_EQ(Inventory(a, ia), 0);
+  ASSERT_EQ(Inventory(b, ib), 0);
+  EXPECT_EQ(engine.HashesComputed(), 0u);
+
+  // The stand-in is the file's identity, inode first, and the id its lead.
+  struct stat st {};
+  ASSERT_EQ(::stat(a.c_str(), &st), 0);
+  const std::string stamp = N(ia.fileHash);
+  ASSERT_EQ(stamp.size(), 64u);
+  EXPECT_EQ(std::stoull(stamp.substr(0, 16), nullptr, 16), static_cast<std::uint64_t>(st.st_ino));
+  EXPECT_EQ(std::stoull(stamp.substr(16, 16), nullptr, 16), static_cast<std::uint64_t>(st.st_dev));
+  EXPECT_EQ(std::stoull(stamp.substr(32, 16), nullptr, 16), 12u);
+  EXPECT_EQ(ia.id, static_cast<std::uint64_t>(st.st_ino));
+  // Two files of one file system: two records, however alike.
+  EXPECT_NE(ia.id, ib.id);
+  EXPECT_NE(ia.fileHash.view(), ib.fileHash.view());
+}
+
+TEST_F(InventoryModuleTest, ScanOpenedFilesAreHashedOnceAndReadFromTheStart) {
+  // The scan's streams come from the file factory, and the recogniser has
+  // read and moved them before the engine sees them.
+  const std::string path = dir.Write("tool", "hello");
+  Settle();
+  host::FileFactory factory;
+  for (int run = 0; run < 2; ++run) {
+    zel::RefPtr<zel::IIO> io;
+    const zel::wstring_t wide = zel::Utf8ToWide(path);
+    ASSERT_EQ(factory.CreateFile(wide.c_str(), zel::file_access::Read, zel::file_share::Read,
+                                 zel::file_disposition::OpenExisting, 0, io.Ref()),
+              0);
+    char head[3];
+    std::uint32_t read = 0;
+    ASSERT_EQ(io->Read(head, sizeof head, &read), 0);
+    tov::ApplicationInfo info;
+    ASSERT_EQ(engine.InventoryModule(io.Get(), 0, info), 0);
+    EXPECT_EQ(N(info.fileHash), kHelloSha256) << run;
+    EXPECT_EQ(N(info.filePath), path);
+  }
+  EXPECT_EQ(engine.HashesComputed(), 1u);
+  EXPECT_EQ(engine.Hashes().Stats().hits, 1u);
 }
 
 TEST_F(InventoryModuleTest, DecisionsAndInventoryShareOneCache) {
