@@ -77,6 +77,15 @@ TEST(ProcessRegistry, ParsesCommandNamesWithParenthesesAndBlanks) {
 
   proc.Write("43/stat", "43 (truncated) S 1 2");
   EXPECT_EQ(registry.GetUniqueId(43, &id), zel::result::NotFound);
+  std::string badStart = StatLine(45, "x", 1, 5);
+  badStart.replace(badStart.rfind(" 5 22 23"), 8, " 5x 22 23");
+  proc.Write("45/stat", badStart);
+  EXPECT_EQ(registry.GetUniqueId(45, &id), zel::result::NotFound) << "a start time that is not a number";
+  std::string noNewline = StatLine(46, "y", 1, 77);
+  noNewline.resize(noNewline.find(" 22 23"));
+  proc.Write("46/stat", noNewline);
+  ASSERT_EQ(registry.GetUniqueId(46, &id), 0) << "the start time is the last field given";
+  EXPECT_EQ(id, (77ull << 22) | 46);
   EXPECT_EQ(registry.GetUniqueId(44, &id), zel::result::NotFound);
 }
 
