@@ -145,7 +145,25 @@ zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uni
   StatLine stat;
   if (!ReadStat(m_procRoot, pid, &stat)) return zel::result::NotFound;
   *uniqueId = MakeUniqueId(pid, stat.startTime);
+  Remember(*uniqueId, stat.parentPid);
   return zel::result::NoError;
+}
+
+void ProcessRegistry::Remember(std::uint64_t uniqueId, std::uint32_t parentPid) {
+  std::lock_guard lock(m_rememberedMutex);
+  m_remembered[m_nextRemembered] = {uniqueId, parentPid};
+  m_nextRemembered = (m_nextRemembered + 1) % kRemembered;
+}
+
+bool ProcessRegistry::Recall(std::uint64_t uniqueId, std::uint32_t* parentPid) const {
+  std::lock_guard lock(m_rememberedMutex);
+  for (const Remembered& r : m_remembered) {
+    if (r.uniqueId == uniqueId && uniqueId != 0) {
+      *parentPid = r.parentPid;
+      return true;
+    }
+  }
+  return false;
 }
 
 zel::result_t ProcessRegistry::GetProcessByPid(std::uint32_t pid, IProcessObject** process) {
@@ -163,10 +181,26 @@ zel::result_t ProcessRegistry::GetProcess(const std::uint64_t* uniqueId, IProces
   if (pid == 0) return zel::result::NotFound;
   StatLine stat;
   // A pid that now belongs to a younger process is not the one asked for.
-  if (!ReadStat(m_procRoot, pid, &stat) || MakeUniqueId(pid, stat.startTime) != *uniqueId) {
-    return zel::result::NotFound;
+  if (ReadStat(m_procRoot, pid, &stat) && MakeUniqueId(pid, stat.startTime) == *uniqueId) {
+    return MakeProcessObject(m_procRoot, pid, stat, process);
   }
-  return MakeProcessObject(m_procRoot, pid, stat, process);
+  std::uint32_t parentPid = 0;
+  if (!Recall(*uniqueId, &parentPid)) return zel::result::NotFound;
+  // Ended since: its pid, and its parent when that one is still the process
+  // that was there before it (not younger than it).
+  try {
+    ProcessDescription d;
+    d.processId = pid;
+    StatLine parent;
+    if (parentPid != 0 && ReadStat(m_procRoot, parentPid, &parent) &&
+        parent.startTime <= (*uniqueId >> kPidBits)) {
+      d.parentUniqueId = MakeUniqueId(parentPid, parent.startTime);
+    }
+    *process = MakeHeapObject<ProcessObject>(std::move(d)).Detach();
+    return zel::result::NoError;
+  } catch (const std::bad_alloc&) {
+    return zel::result::OutOfMemory;
+  }
 }
 
 }  // namespace host
