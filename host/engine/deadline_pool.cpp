@@ -18,23 +18,51 @@ DeadlinePool::DeadlinePool(std::size_t workers, std::chrono::milliseconds deadli
 
 DeadlinePool::~DeadlinePool() { Stop(); }
 
+bool DeadlinePool::Track(const SlotPtr& slot, bool queue) {
+  bool wakeWatchdog = false;
+  {
+    std::lock_guard lock(m_mutex);
+    if (m_stopping) return false;
+    slot->deadline = std::chrono::steady_clock::now() + m_deadline;
+    if (queue) m_queue.push_back(slot);
+    m_inFlight.push_back(slot);
+    wakeWatchdog = m_inFlight.size() == 1;
+  }
+  // Woken after the lock is gone, so that they don't wake only to wait for it.
+  if (queue) m_workReady.notify_one();
+  if (wakeWatchdog) m_watchWake.notify_one();
+  return true;
+}
+
 void DeadlinePool::Submit(std::shared_ptr<DeadlineJob> job) {
   auto slot = std::make_shared<Slot>();
   slot->job = std::move(job);
   m_submitted.fetch_add(1);
   m_pending.fetch_add(1);
-  {
-    std::lock_guard lock(m_mutex);
-    if (!m_stopping) {
-      slot->deadline = std::chrono::steady_clock::now() + m_deadline;
-      m_queue.push_back(slot);
-      m_inFlight.push_back(slot);
-      m_workReady.notify_one();
-      if (m_inFlight.size() == 1) m_watchWake.notify_one();
-      return;
-    }
+  if (!Track(slot, true)) AnswerTimedOut(*slot);
+}
+
+void DeadlinePool::RunHere(std::shared_ptr<DeadlineJob> job) {
+  auto slot = std::make_shared<Slot>();
+  slot->job = std::move(job);
+  m_submitted.fetch_add(1);
+  m_pending.fetch_add(1);
+  if (!Track(slot, false)) {
+    AnswerTimedOut(*slot);
+    return;
   }
-  AnswerTimedOut(*slot);
+  Finish(*slot);
+}
+
+void DeadlinePool::Finish(Slot& slot) {
+  slot.job->Decide();
+  if (slot.Claim()) {
+    m_inTime.fetch_add(1);
+    m_pending.fetch_sub(1);
+    slot.job->Answer(false);
+  } else {
+    m_late.fetch_add(1);
+  }
 }
 
 void DeadlinePool::AnswerTimedOut(Slot& slot) {
@@ -55,14 +83,7 @@ void DeadlinePool::Work() {
       m_queue.pop_front();
     }
     if (slot->answered.load()) continue;  // its deadline passed while it waited
-    slot->job->Decide();
-    if (slot->Claim()) {
-      m_inTime.fetch_add(1);
-      m_pending.fetch_sub(1);
-      slot->job->Answer(false);
-    } else {
-      m_late.fetch_add(1);
-    }
+    Finish(*slot);
   }
 }
 

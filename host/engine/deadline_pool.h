@@ -50,6 +50,12 @@ class DeadlinePool {
   // answered at once, timed out, on the caller's thread.
   void Submit(std::shared_ptr<DeadlineJob> job);
 
+  // Decides `job` on the calling thread, under the same deadline as a
+  // submitted one: the watchdog answers it when the decision is late, and
+  // Stop answers it at once. Saves the hand-over to a worker when the
+  // caller is free to decide. After Stop: answered at once, timed out.
+  void RunHere(std::shared_ptr<DeadlineJob> job);
+
   // Answers every job not answered yet as timed out, then waits for the
   // workers to finish the decisions they are in. Idempotent.
   void Stop();
@@ -70,6 +76,9 @@ class DeadlinePool {
 
   void Work();
   void Watch();
+  // Enters `slot` among those the watchdog keeps; false after Stop.
+  bool Track(const SlotPtr& slot, bool queue);
+  void Finish(Slot& slot);
   void AnswerTimedOut(Slot& slot);
 
   const std::chrono::milliseconds m_deadline;

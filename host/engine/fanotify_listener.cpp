@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/fanotify.h>
 #include <sys/stat.h>
@@ -21,39 +22,57 @@ namespace host::engine {
 namespace {
 
 constexpr std::string_view kDeletedMark = " (deleted)";
+// How long the publisher lingers for more decisions once it has one: a
+// steady stream of starts then wakes it once per batch, not per start.
+constexpr std::chrono::milliseconds kPublishLinger{10};
 
 std::string ErrnoText(int error) { return std::strerror(error); }
 
 }  // namespace
 
 std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, std::uint32_t pid) {
-  // Read at once with plain calls: this runs for every program start.
-  const std::string path = procRoot + "/" + std::to_string(pid) + "/status";
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Read with plain calls, and no further than needed: this runs for every
+  // program start, and Uid and PPid come in the first read.
+  char path[256];
+  const int pathLength = std::snprintf(path, sizeof path, "%s/%u/status", procRoot.c_str(), pid);
+  if (pathLength <= 0 || static_cast<std::size_t>(pathLength) >= sizeof path) return std::nullopt;
+  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
   char buffer[4096];
   std::size_t length = 0;
+  ProcessIdentity identity;
+  bool haveUid = false, havePpid = false;
+  const auto field = [&](std::string_view text, std::string_view name, std::uint32_t* out) {
+    for (std::size_t at = 0; at < text.size();) {
+      const std::size_t newline = text.find('\n', at);
+      if (newline == std::string_view::npos) return false;  // a line not read whole yet
+      if (text.substr(at, newline - at).starts_with(name))
+        return std::sscanf(text.data() + at + name.size(), "%u", out) == 1;
+      at = newline + 1;
+    }
+    return false;
+  };
   for (;;) {
     const ssize_t n = ::read(fd, buffer + length, sizeof buffer - 1 - length);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     length += static_cast<std::size_t>(n);
-    if (length == sizeof buffer - 1) break;  // Uid and PPid lie well within the first page
+    buffer[length] = '\0';
+    const std::string_view text(buffer, length);
+    haveUid = haveUid || field(text, "Uid:", &identity.uid);
+    havePpid = havePpid || field(text, "PPid:", &identity.ppid);
+    if ((haveUid && havePpid) || length == sizeof buffer - 1) break;  // both lie well within the first page
   }
   ::close(fd);
-  buffer[length] = '\0';
-  const std::string_view text(buffer, length);
-  const auto field = [&](std::string_view name, std::uint32_t* out) {
-    for (std::size_t at = 0; at < text.size();) {
-      const std::size_t end = std::min(text.find('\n', at), text.size());
-      if (text.substr(at, end - at).starts_with(name))
-        return std::sscanf(buffer + at + name.size(), "%u", out) == 1;
-      at = end + 1;
-    }
-    return false;
-  };
-  ProcessIdentity identity;
-  if (!field("Uid:", &identity.uid) || !field("PPid:", &identity.ppid)) return std::nullopt;
+  if (!haveUid || !havePpid) {
+    // The last line may lack its line break.
+    buffer[length] = '\0';
+    std::string text(buffer, length);
+    text.push_back('\n');
+    haveUid = haveUid || field(text, "Uid:", &identity.uid);
+    havePpid = havePpid || field(text, "PPid:", &identity.ppid);
+  }
+  if (!haveUid || !havePpid) return std::nullopt;
   return identity;
 }
 
@@ -77,13 +96,18 @@ std::string PathOfDescriptor(const std::string& procRoot, int fd, bool* deleted)
 }
 
 // One start held by the kernel: the event's descriptor, which the job owns
-// until both its decision and its answer are done with it.
+// until both its decision and its answer are done with it; then it is
+// closed at once, not when the pool forgets the job.
 class FanotifyListener::ExecJob final : public DeadlineJob {
  public:
   ExecJob(FanotifyListener& listener, int fd, std::uint32_t pid) : m_listener(listener), m_fd(fd), m_pid(pid) {}
-  ~ExecJob() override { ::close(m_fd); }
+  ~ExecJob() override { CloseDescriptor(); }
 
   void Decide() override {
+    struct Done {
+      ExecJob& job;
+      ~Done() { job.Release(); }
+    } done{*this};
     FanotifyListener& l = m_listener;
     if (!l.HoldDecision()) {
       m_abandoned = true;  // stopping: answered like those the pool answers at Stop
@@ -122,6 +146,10 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
   }
 
   void Answer(bool timedOut) override {
+    struct Done {
+      ExecJob& job;
+      ~Done() { job.Release(); }
+    } done{*this};
     FanotifyListener& l = m_listener;
     EnforceCounters& c = l.m_counters;
     if (timedOut || m_abandoned || m_undecided) {
@@ -139,16 +167,30 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     c.decided.fetch_add(1);
     if ((verdict & app_ctrl::verdict::TestModeFlag) != 0) c.testMode.fetch_add(1);
     (allow ? c.allowed : c.blocked).fetch_add(1);
-    // Queued before the answer: a start that follows this one in time is
-    // published after it.
-    l.m_published.Push(std::move(*m_decision));
+    // Queued before the answer, so that a start that follows this one in
+    // time is published after it; but the publisher is woken only once the
+    // start is answered: it must not take the processor from the program.
+    bool wakePublisher = false;
+    l.m_published.PushWithoutWake(std::move(*m_decision), &wakePublisher);
     l.Respond(m_fd, allow);
+    if (wakePublisher) l.m_published.Wake();
   }
 
  private:
+  // Decide and Answer each let go of the descriptor once; the second closes
+  // it. (A job answered before any decision keeps it to its destructor.)
+  void Release() {
+    if (m_holders.fetch_sub(1) == 1) CloseDescriptor();
+  }
+  void CloseDescriptor() {
+    if (!m_closed.exchange(true)) ::close(m_fd);
+  }
+
   FanotifyListener& m_listener;
   const int m_fd;
   const std::uint32_t m_pid;
+  std::atomic<int> m_holders{2};
+  std::atomic<bool> m_closed{false};
   bool m_undecided = false;
   bool m_abandoned = false;
   std::optional<ProgramDecision> m_decision;
@@ -206,10 +248,43 @@ FanotifyListener::OpenError FanotifyListener::Open(std::string* message) {
 
 void FanotifyListener::Start() {
   if (m_started || m_fan < 0) return;
+  const std::size_t deciders = std::max<std::size_t>(m_options.workers, 1);
+  // One epoll set for each deciding thread and one, made last, for the
+  // overflow reader. The group is in each exclusively: an event wakes one
+  // set that has a thread waiting, the first one made that has; so the
+  // overflow reader is woken only when every deciding thread is busy.
+  for (std::size_t i = 0; i <= deciders; ++i) {
+    const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epoll < 0) {
+      Fail("epoll_create1 failed: " + ErrnoText(errno));
+      return;
+    }
+    m_epolls.push_back(epoll);
+    epoll_event wake{};
+    wake.events = EPOLLIN;
+    wake.data.fd = m_wake;
+    epoll_event fan{};
+    fan.events = EPOLLIN | EPOLLEXCLUSIVE;
+    fan.data.fd = m_fan;
+    if (::epoll_ctl(epoll, EPOLL_CTL_ADD, m_wake, &wake) != 0) {
+      Fail("epoll_ctl failed: " + ErrnoText(errno));
+      return;
+    }
+    if (::epoll_ctl(epoll, EPOLL_CTL_ADD, m_fan, &fan) != 0) {
+      // A kernel without exclusive wake-ups: every thread wakes for each
+      // event and one of them gets it; slower, just as correct.
+      fan.events = EPOLLIN;
+      if (::epoll_ctl(epoll, EPOLL_CTL_ADD, m_fan, &fan) != 0) {
+        Fail("epoll_ctl failed: " + ErrnoText(errno));
+        return;
+      }
+    }
+  }
   m_started = true;
   m_pool = std::make_unique<DeadlinePool>(m_options.workers, m_options.decisionTimeout);
   m_publisher = std::thread([this] { PublishLoop(); });
-  m_reader = std::thread([this] { ReadLoop(); });
+  for (std::size_t i = 0; i < deciders; ++i) m_deciders.emplace_back([this, i] { DecideLoop(m_epolls[i]); });
+  m_reader = std::thread([this] { ReadLoop(m_epolls.back()); });
 }
 
 void FanotifyListener::Respond(int eventFd, bool allow) {
@@ -247,27 +322,45 @@ std::string FanotifyListener::FailureText() const {
   return m_failure;
 }
 
-void FanotifyListener::ReadLoop() {
-  pollfd fds[2] = {{m_fan, POLLIN, 0}, {m_wake, POLLIN, 0}};
+bool FanotifyListener::WaitForEvent(int epoll) {
+  epoll_event ready[2];
   for (;;) {
-    if (::poll(fds, 2, -1) < 0) {
+    const int n = ::epoll_wait(epoll, ready, 2, -1);
+    if (n < 0) {
       if (errno == EINTR) continue;
-      Fail("poll failed: " + ErrnoText(errno));
-      return;
+      Fail("epoll_wait failed: " + ErrnoText(errno));
+      return false;
     }
-    if (fds[1].revents != 0) return;
-    if ((fds[0].revents & POLLIN) != 0 && !ReadEvents()) return;
-    if ((fds[0].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
-      Fail("the fanotify descriptor failed");
-      return;
+    bool fan = false;
+    for (int i = 0; i < n; ++i) {
+      if (ready[i].data.fd == m_wake) return false;
+      if ((ready[i].events & (EPOLLERR | EPOLLHUP)) != 0) {
+        Fail("the fanotify descriptor failed");
+        return false;
+      }
+      fan = fan || (ready[i].events & EPOLLIN) != 0;
     }
+    if (fan) return true;
   }
 }
 
-bool FanotifyListener::ReadEvents() {
+void FanotifyListener::DecideLoop(int epoll) {
+  // One event per read: a second one read here would wait for this
+  // thread's decision, while another thread could take it at once.
+  while (WaitForEvent(epoll) && ReadEvents(FAN_EVENT_METADATA_LEN, true)) {
+  }
+}
+
+void FanotifyListener::ReadLoop(int epoll) {
+  while (WaitForEvent(epoll) && ReadEvents(8192, false)) {
+  }
+}
+
+bool FanotifyListener::ReadEvents(std::size_t size, bool here) {
   alignas(fanotify_event_metadata) char buffer[8192];
+  size = std::min(size, sizeof buffer);
   for (;;) {
-    const ssize_t length = ::read(m_fan, buffer, sizeof buffer);
+    const ssize_t length = ::read(m_fan, buffer, size);
     if (length < 0) {
       if (errno == EINTR) continue;
       if (errno == EAGAIN) return true;
@@ -290,36 +383,51 @@ bool FanotifyListener::ReadEvents() {
         ::close(event->fd);
         continue;
       }
-      ZEL_TRACE(m_tracer, zel::trace_level::Info) << "enforce: start held, pid " << event->pid;
-      if (event->pid == m_self) {
-        // Never wait on ourselves: a decision that needed a start of this
-        // process would wait for itself.
-        m_counters.allowed.fetch_add(1);
-        Respond(event->fd, true);
-        ::close(event->fd);
-        continue;
-      }
-      std::shared_ptr<ExecJob> job;
-      try {
-        job = std::make_shared<ExecJob>(*this, event->fd, static_cast<std::uint32_t>(event->pid));
-      } catch (...) {
-        m_counters.undecided.fetch_add(1);
-        AnswerByPolicy(event->fd);
-        ::close(event->fd);
-        continue;
-      }
-      m_pool->Submit(std::move(job));
+      HandleStart(event->fd, event->pid, here);
     }
+    // A deciding thread goes back to waiting: the next event may be another
+    // thread's already.
+    if (here) return true;
+  }
+}
+
+void FanotifyListener::HandleStart(int fd, std::int32_t pid, bool here) {
+  ZEL_TRACE(m_tracer, zel::trace_level::Info) << "enforce: start held, pid " << pid;
+  if (pid == m_self) {
+    // Never wait on ourselves: a decision that needed a start of this
+    // process would wait for itself.
+    m_counters.allowed.fetch_add(1);
+    Respond(fd, true);
+    ::close(fd);
+    return;
+  }
+  std::shared_ptr<ExecJob> job;
+  try {
+    job = std::make_shared<ExecJob>(*this, fd, static_cast<std::uint32_t>(pid));
+  } catch (...) {
+    m_counters.undecided.fetch_add(1);
+    AnswerByPolicy(fd);
+    ::close(fd);
+    return;
+  }
+  if (here) {
+    m_pool->RunHere(std::move(job));
+  } else {
+    m_pool->Submit(std::move(job));
   }
 }
 
 void FanotifyListener::PublishLoop() {
-  while (std::optional<ProgramDecision> decision = m_published.Pop()) {
-    try {
-      m_engine.Report(*decision);
-    } catch (...) {
-      // Reporting can't change what was answered; the next one may fare better.
+  std::vector<ProgramDecision> batch;
+  while (m_published.PopBatch(batch, kPublishLinger)) {
+    for (const ProgramDecision& decision : batch) {
+      try {
+        m_engine.Report(decision);
+      } catch (...) {
+        // Reporting can't change what was answered; the next one may fare better.
+      }
     }
+    batch.clear();
   }
 }
 
@@ -331,6 +439,7 @@ void FanotifyListener::Stop() {
     if (::write(m_wake, &one, sizeof one) < 0) {
       // An eventfd write fails only on overflow, which one write can't reach.
     }
+    // The deciding threads end once their decision is answered, below.
     m_reader.join();
     // Starts the reader never took are answered here, the same way as those
     // still being decided.
@@ -359,10 +468,14 @@ void FanotifyListener::Stop() {
       m_stopping = true;
     }
     m_delayCut.notify_all();
+    // Answers every start still being decided, here or on the pool's workers.
     m_pool->Stop();
+    for (std::thread& t : m_deciders) t.join();
   }
   if (m_fan >= 0) ::close(std::exchange(m_fan, -1));
   if (m_wake >= 0) ::close(std::exchange(m_wake, -1));
+  for (const int epoll : m_epolls) ::close(epoll);
+  m_epolls.clear();
   m_published.Close();
   if (m_publisher.joinable()) m_publisher.join();
 }

@@ -7,12 +7,19 @@
 // verdicts always allow), and the decision is reported to the engine's
 // subscribers like any other.
 //
+// A start costs as little as it can: a few deciding threads wait on the
+// group themselves (one of them woken per event) and decide the start they
+// read on the spot, with no hand-over; only when all of them are busy does
+// an overflow reader take the event and queue it for the pool's workers.
+// The verdict is written before anything is published.
+//
 // It must never hang the machine:
 // - starts made by this process are allowed at once, undecided;
-// - decisions run on a small DeadlinePool: a start not decided in time is
-//   answered by the time-out policy and counted;
-// - reporting runs on its own thread behind a BoundedQueue, so a slow
-//   publisher drops events (counted) but never holds a start;
+// - decisions, wherever they run, are under a small DeadlinePool's deadline:
+//   a start not decided in time is answered by the time-out policy and
+//   counted;
+// - reporting runs on its own thread behind a BoundedQueue, in batches, so
+//   a slow publisher drops events (counted) but never holds a start;
 // - Stop, and a fatal error of the reader, answer every pending start
 //   before the fanotify descriptor is closed; and should the process die
 //   anyway, the kernel allows what it still holds once the group closes.
@@ -102,8 +109,16 @@ class FanotifyListener {
   class ExecJob;
   friend class ExecJob;
 
-  void ReadLoop();
-  bool ReadEvents();  // false on a fatal error
+  // Deciding thread: reads one event at a time and decides it itself.
+  void DecideLoop(int epoll);
+  // Overflow reader: takes what the deciding threads can't and queues it.
+  void ReadLoop(int epoll);
+  // Waits on `epoll` for an event or for Stop: false when stopping or failed.
+  bool WaitForEvent(int epoll);
+  // Reads what is there (at most `size` bytes) and handles each start, on
+  // this thread (`here`) or through the pool's queue. False on a fatal error.
+  bool ReadEvents(std::size_t size, bool here);
+  void HandleStart(int fd, std::int32_t pid, bool here);
   void PublishLoop();
   void Respond(int eventFd, bool allow);
   void AnswerByPolicy(int eventFd);
@@ -128,6 +143,8 @@ class FanotifyListener {
   EnforceCounters m_counters;
   std::unique_ptr<DeadlinePool> m_pool;
   BoundedQueue<ProgramDecision> m_published;
+  std::vector<int> m_epolls;  // the deciding threads' ones first, the overflow reader's last
+  std::vector<std::thread> m_deciders;
   std::thread m_reader;
   std::thread m_publisher;
   bool m_started = false;

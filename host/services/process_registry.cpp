@@ -1,13 +1,17 @@
 #include "host/services/process_registry.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <string_view>
 #include <fstream>
 #include <iterator>
 #include <new>
-#include <sstream>
 
 #include "host/services/fault_switchboard.h"
 #include "zel/strings/conversions.h"
@@ -24,22 +28,42 @@ struct StatLine {
 // Reads pid's parent and start time. The command name sits between the first
 // "(" and the last ")" and may hold blanks and parentheses of its own.
 bool ReadStat(const std::string& procRoot, std::uint32_t pid, StatLine* out) {
-  std::ifstream in(procRoot + "/" + std::to_string(pid) + "/stat");
-  if (!in) return false;
-  const std::string line((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  const std::size_t close = line.rfind(')');
-  if (close == std::string::npos) return false;
-  std::istringstream rest(line.substr(close + 1));
-  std::string state;
-  std::uint64_t ppid = 0;
-  if (!(rest >> state >> ppid)) return false;
-  // Fields 5 to 21 lie between the parent pid and the start time.
-  std::string skip;
-  for (int i = 5; i <= 21; ++i) {
-    if (!(rest >> skip)) return false;
+  // Plain calls into a buffer on the stack: the engine asks this for every
+  // program start it decides.
+  char path[256];
+  const int pathLength = std::snprintf(path, sizeof path, "%s/%u/stat", procRoot.c_str(), pid);
+  if (pathLength <= 0 || static_cast<std::size_t>(pathLength) >= sizeof path) return false;
+  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char buffer[1024];
+  std::size_t length = 0;
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer + length, sizeof buffer - 1 - length);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    length += static_cast<std::size_t>(n);
+    if (length == sizeof buffer - 1 || buffer[length - 1] == '\n') break;  // the one line is whole
   }
-  std::uint64_t start = 0;
-  if (!(rest >> start)) return false;
+  ::close(fd);
+  const std::string_view line(buffer, length);
+  const std::size_t close = line.rfind(')');
+  if (close == std::string_view::npos) return false;
+  // After the name: the state (field 3), the parent (4), ... the start time (22).
+  std::string_view rest = line.substr(close + 1);
+  const auto number = [](std::string_view token, std::uint64_t* value) {
+    const auto [end, error] = std::from_chars(token.data(), token.data() + token.size(), *value);
+    return error == std::errc() && end == token.data() + token.size();
+  };
+  std::uint64_t ppid = 0, start = 0;
+  for (int field = 3; field <= 22; ++field) {
+    while (!rest.empty() && (rest.front() == ' ' || rest.front() == '\n')) rest.remove_prefix(1);
+    const std::size_t end = std::min(rest.find_first_of(" \n"), rest.size());
+    if (end == 0) return false;
+    const std::string_view token = rest.substr(0, end);
+    if (field == 4 && !number(token, &ppid)) return false;
+    if (field == 22 && !number(token, &start)) return false;
+    rest.remove_prefix(end);
+  }
   out->parentPid = static_cast<std::uint32_t>(ppid);
   out->startTime = start;
   return true;
@@ -124,7 +148,25 @@ zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uni
   StatLine stat;
   if (!ReadStat(m_procRoot, pid, &stat)) return zel::result::NotFound;
   *uniqueId = MakeUniqueId(pid, stat.startTime);
+  Remember(*uniqueId, stat.parentPid);
   return zel::result::NoError;
+}
+
+void ProcessRegistry::Remember(std::uint64_t uniqueId, std::uint32_t parentPid) {
+  std::lock_guard lock(m_rememberedMutex);
+  m_remembered[m_nextRemembered] = {uniqueId, parentPid};
+  m_nextRemembered = (m_nextRemembered + 1) % kRemembered;
+}
+
+bool ProcessRegistry::Recall(std::uint64_t uniqueId, std::uint32_t* parentPid) const {
+  std::lock_guard lock(m_rememberedMutex);
+  for (const Remembered& r : m_remembered) {
+    if (r.uniqueId == uniqueId && uniqueId != 0) {
+      *parentPid = r.parentPid;
+      return true;
+    }
+  }
+  return false;
 }
 
 zel::result_t ProcessRegistry::GetProcessByPid(std::uint32_t pid, IProcessObject** process) {
@@ -144,10 +186,26 @@ zel::result_t ProcessRegistry::GetProcess(const std::uint64_t* uniqueId, IProces
   if (pid == 0) return zel::result::NotFound;
   StatLine stat;
   // A pid that now belongs to a younger process is not the one asked for.
-  if (!ReadStat(m_procRoot, pid, &stat) || MakeUniqueId(pid, stat.startTime) != *uniqueId) {
-    return zel::result::NotFound;
+  if (ReadStat(m_procRoot, pid, &stat) && MakeUniqueId(pid, stat.startTime) == *uniqueId) {
+    return MakeProcessObject(m_procRoot, pid, stat, process);
   }
-  return MakeProcessObject(m_procRoot, pid, stat, process);
+  std::uint32_t parentPid = 0;
+  if (!Recall(*uniqueId, &parentPid)) return zel::result::NotFound;
+  // Ended since: its pid, and its parent when that one is still the process
+  // that was there before it (not younger than it).
+  try {
+    ProcessDescription d;
+    d.processId = pid;
+    StatLine parent;
+    if (parentPid != 0 && ReadStat(m_procRoot, parentPid, &parent) &&
+        parent.startTime <= (*uniqueId >> kPidBits)) {
+      d.parentUniqueId = MakeUniqueId(parentPid, parent.startTime);
+    }
+    *process = MakeHeapObject<ProcessObject>(std::move(d)).Detach();
+    return zel::result::NoError;
+  } catch (const std::bad_alloc&) {
+    return zel::result::OutOfMemory;
+  }
 }
 
 }  // namespace host

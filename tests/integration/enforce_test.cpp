@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -104,6 +105,11 @@ class Child {
     }
   }
   pid_t Pid() const { return m_pid; }
+  // Whether the start was answered yet (the program runs or its exec failed).
+  bool Answered() const {
+    pollfd p{m_pipe, POLLIN, 0};
+    return ::poll(&p, 1, 0) == 1;
+  }
 
   // The exec's outcome, then (when it ran) the exit code; both bounded.
   Started Wait(std::chrono::milliseconds limit = 10s) {
@@ -401,6 +407,36 @@ TEST_F(EnforceTest, StartNotDecidedInTimeIsAnsweredByThePolicy) {
         << acctl.Err();
     EXPECT_TRUE(EventLines().empty()) << "a start decided too late is not reported";
   }
+}
+
+TEST_F(EnforceTest, StartsBeyondTheBusyDecidingThreadsAreTakenAtOnceAndDecided) {
+  REQUIRE_FANOTIFY();
+  // Each decision is held 2 s: the first starts keep the threads that decide
+  // where they read busy, so the others must be taken by the overflow reader
+  // (each is traced as held when read) and decided by the pool.
+  const fs::path blocked = Program("blocked", bin), allowed = Program("allowed", bin);
+  Acctl acctl(dir, Enforce(DenySettings(), {"--decision-delay", "2000", "--decision-timeout", "60000"}, true));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  std::vector<std::unique_ptr<Child>> children;
+  for (int i = 0; i < 6; ++i) children.push_back(std::make_unique<Child>(i % 2 == 0 ? blocked : allowed));
+  for (const auto& child : children)
+    EXPECT_TRUE(acctl.WaitForErr("enforce: start held, pid " + std::to_string(child->Pid()))) << acctl.Err();
+  for (const auto& child : children)
+    EXPECT_FALSE(child->Answered()) << "every start was read while the first decisions were still held";
+  for (int i = 0; i < 6; ++i) {
+    const Started s = children[static_cast<std::size_t>(i)]->Wait(15s);
+    if (i % 2 == 0) {
+      EXPECT_EQ(s.execError, EPERM) << i;
+    } else {
+      EXPECT_EQ(s.exitCode, 0) << i;
+    }
+  }
+  acctl.Signal(SIGTERM);
+  ASSERT_EQ(acctl.Wait(), 0) << acctl.Err();
+  EXPECT_NE(acctl.Err().find("decided 6, allowed 3, blocked 3, test-mode 0, timed out 0, undecided 0"),
+            std::string::npos)
+      << acctl.Err();
+  EXPECT_EQ(EventLines().size(), 6u) << Slurp(events);
 }
 
 TEST_F(EnforceTest, SigtermAnswersAPendingStartBeforeTheListenerEnds) {

@@ -140,4 +140,52 @@ TEST(DeadlinePoolTest, StopAnswersEveryPendingJobBeforeItWaitsForTheWorkers) {
   EXPECT_EQ(afterStop->decided.load(), 0);
 }
 
+TEST(DeadlinePoolTest, RunHereDecidesOnTheCallersThreadUnderTheSameDeadline) {
+  DeadlinePool pool(1, 60ms);
+  // In time: decided and answered on this thread, once.
+  auto quick = std::make_shared<Job>();
+  pool.RunHere(quick);
+  EXPECT_EQ(quick->decided.load(), 1);
+  EXPECT_EQ(quick->Answers(), std::vector<bool>{false});
+
+  // Late: the watchdog answers while the caller is still deciding, and the
+  // late decision is not answered a second time.
+  auto slow = std::make_shared<Job>(0ms, true);
+  std::thread caller([&] { pool.RunHere(slow); });
+  EXPECT_EQ(slow->WaitAnswer(), std::vector<bool>{true});
+  slow->Release();
+  caller.join();
+  EXPECT_EQ(slow->Answers(), std::vector<bool>{true});
+  EXPECT_EQ(pool.Stats().late, 1u);
+
+  // A job decided here while the worker is stuck is not held behind it.
+  auto stuck = std::make_shared<Job>(0ms, true);
+  pool.Submit(stuck);
+  auto beside = std::make_shared<Job>();
+  pool.RunHere(beside);
+  EXPECT_EQ(beside->Answers(), std::vector<bool>{false});
+  stuck->Release();
+  EXPECT_EQ(stuck->WaitAnswer().size(), 1u);
+
+  pool.Stop();
+  auto afterStop = std::make_shared<Job>();
+  pool.RunHere(afterStop);
+  EXPECT_EQ(afterStop->Answers(), std::vector<bool>{true}) << "answered at once after Stop";
+  EXPECT_EQ(afterStop->decided.load(), 0);
+  EXPECT_EQ(pool.Pending(), 0u);
+}
+
+TEST(DeadlinePoolTest, StopAnswersAJobBeingDecidedHere) {
+  auto pool = std::make_unique<DeadlinePool>(1, 1h);
+  auto hanging = std::make_shared<Job>(0ms, true);
+  std::thread caller([&] { pool->RunHere(hanging); });
+  while (hanging->decided.load() == 0) std::this_thread::yield();
+  std::thread stopper([&] { pool->Stop(); });
+  EXPECT_EQ(hanging->WaitAnswer(), std::vector<bool>{true});
+  hanging->Release();
+  caller.join();
+  stopper.join();
+  EXPECT_EQ(hanging->Answers().size(), 1u);
+}
+
 }  // namespace

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "host/engine/bounded_queue.h"
 #include "host/engine/enforce_counters.h"
@@ -51,6 +52,56 @@ TEST(BoundedQueueTest, CloseWakesAWaitingConsumer) {
   queue.Close();
   consumer.join();
   EXPECT_EQ(got, std::nullopt);
+}
+
+TEST(BoundedQueueTest, BatchesComeWholeInOrderAndLingerEndsAtHalfFullOrClose) {
+  using namespace std::chrono_literals;
+  BoundedQueue<int> queue(8);
+  std::vector<int> got;
+  for (int i = 0; i < 3; ++i) queue.Push(i);
+  ASSERT_TRUE(queue.PopBatch(got, 0ms));
+  EXPECT_EQ(got, (std::vector<int>{0, 1, 2}));
+
+  // A consumer lingering for more is woken by the item that makes the
+  // queue half full, long before its linger ends.
+  got.clear();
+  std::thread consumer([&] { queue.PopBatch(got, 1h); });
+  for (int i = 10; i < 14; ++i) queue.Push(i);
+  consumer.join();
+  EXPECT_EQ(got, (std::vector<int>{10, 11, 12, 13}));
+
+  // ... and by Close, which then hands out nothing more.
+  got.clear();
+  queue.Push(20);
+  std::thread closing([&] { EXPECT_TRUE(queue.PopBatch(got, 1h)); });
+  std::this_thread::sleep_for(10ms);
+  queue.Close();
+  closing.join();
+  EXPECT_EQ(got, std::vector<int>{20});
+  EXPECT_FALSE(queue.PopBatch(got, 1h));
+}
+
+TEST(BoundedQueueTest, PushWithoutWakeSaysWhenTheWaitingConsumerMustBeWoken) {
+  BoundedQueue<int> queue(4);
+  bool wake = true;
+  EXPECT_TRUE(queue.PushWithoutWake(1, &wake));
+  EXPECT_FALSE(wake) << "nobody waits";
+  EXPECT_EQ(queue.Pop(), 1);
+  // A consumer that waits must be woken: without the Wake it would wait on.
+  std::optional<int> got;
+  std::thread consumer([&] { got = queue.Pop(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_TRUE(queue.PushWithoutWake(2, &wake));
+  if (wake) queue.Wake();
+  consumer.join();
+  EXPECT_EQ(got, 2);
+  queue.PushWithoutWake(3, &wake);
+  queue.PushWithoutWake(4, &wake);
+  queue.PushWithoutWake(5, &wake);
+  queue.PushWithoutWake(6, &wake);
+  EXPECT_FALSE(queue.PushWithoutWake(7, &wake)) << "full";
+  EXPECT_FALSE(wake);
+  EXPECT_EQ(queue.Dropped(), 1u);
 }
 
 TEST(EnforceCountersTest, TextAndJsonNameEveryCounterInOrder) {

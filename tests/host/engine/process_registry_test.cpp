@@ -77,7 +77,48 @@ TEST(ProcessRegistry, ParsesCommandNamesWithParenthesesAndBlanks) {
 
   proc.Write("43/stat", "43 (truncated) S 1 2");
   EXPECT_EQ(registry.GetUniqueId(43, &id), zel::result::NotFound);
+  std::string badStart = StatLine(45, "x", 1, 5);
+  badStart.replace(badStart.rfind(" 5 22 23"), 8, " 5x 22 23");
+  proc.Write("45/stat", badStart);
+  EXPECT_EQ(registry.GetUniqueId(45, &id), zel::result::NotFound) << "a start time that is not a number";
+  std::string noNewline = StatLine(46, "y", 1, 77);
+  noNewline.resize(noNewline.find(" 22 23"));
+  proc.Write("46/stat", noNewline);
+  ASSERT_EQ(registry.GetUniqueId(46, &id), 0) << "the start time is the last field given";
+  EXPECT_EQ(id, (77ull << 22) | 46);
   EXPECT_EQ(registry.GetUniqueId(44, &id), zel::result::NotFound);
+}
+
+TEST(ProcessRegistry, AProcessGivenAnIdIsStillDescribedAfterItEnds) {
+  ScratchDir proc;
+  proc.Write("7/stat", StatLine(7, "sh", 1, 50));
+  proc.Write("42/stat", StatLine(42, "short", 7, 100));
+  proc.Write("43/stat", StatLine(43, "never asked", 7, 100));
+  host::ProcessRegistry registry(proc.Path());
+  std::uint64_t id = 0;
+  ASSERT_EQ(registry.GetUniqueId(42, &id), 0);
+  std::uint64_t other = (100ull << 22) | 43;
+  std::filesystem::remove_all(std::filesystem::path(proc.Path()) / "42");
+  std::filesystem::remove_all(std::filesystem::path(proc.Path()) / "43");
+
+  zel::RefPtr<IProcessObject> process;
+  ASSERT_EQ(registry.GetProcess(&id, process.Ref()), 0);
+  ProcessDescription d;
+  ASSERT_EQ(process->GetDescription(&d), 0);
+  EXPECT_EQ(d.processId, 42u);
+  EXPECT_EQ(d.parentUniqueId, (50ull << 22) | 7) << "its parent lives on";
+  EXPECT_TRUE(d.imagePath.empty());
+  EXPECT_EQ(registry.GetProcess(&other, process.Ref()), zel::result::NotFound) << "never given an id";
+
+  // The pid taken again by a younger process: the remembered one is still
+  // the one described by its id, and a parent pid now held by a process
+  // younger than the child is not its parent.
+  proc.Write("42/stat", StatLine(42, "younger", 1, 900));
+  proc.Write("7/stat", StatLine(7, "reused", 1, 800));
+  ASSERT_EQ(registry.GetProcess(&id, process.Ref()), 0);
+  ASSERT_EQ(process->GetDescription(&d), 0);
+  EXPECT_EQ(d.processId, 42u);
+  EXPECT_EQ(d.parentUniqueId, 0u);
 }
 
 }  // namespace
