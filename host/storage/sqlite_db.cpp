@@ -83,6 +83,12 @@ zel::result_t Statement::Bind(int index, std::span<const std::uint8_t> blob) {
   return ResultFromSqlite(sqlite3_bind_blob64(m_stmt, index, data, blob.size(), SQLITE_TRANSIENT));
 }
 
+zel::result_t Statement::BindBorrowed(int index, std::span<const std::uint8_t> blob) {
+  static const std::uint8_t kEmpty = 0;
+  const void* data = blob.empty() ? &kEmpty : blob.data();
+  return ResultFromSqlite(sqlite3_bind_blob64(m_stmt, index, data, blob.size(), SQLITE_STATIC));
+}
+
 bool Statement::Step(zel::result_t* result) {
   const int rc = sqlite3_step(m_stmt);
   *result = ResultFromSqlite(rc);
@@ -107,6 +113,7 @@ zel::result_t StoreDatabase::Open(const std::string& path, const char* schema,
                                   std::initializer_list<const char*> kept) {
   Close();
   zel::result_t r = m_db.Open(path);
+  if (ZEL_SUCCEEDED(r)) r = m_db.Exec(kPageSizePragma);
   // WAL: a commit is atomic and survives a crash of this process at once; a
   // checkpoint is what forces it to the disk.
   if (ZEL_SUCCEEDED(r)) r = m_db.Exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");

@@ -19,6 +19,13 @@
 
 namespace host::storage {
 
+// Run first on every connection to the host's state file. It decides only
+// when the connection creates the file: a page of 32 KiB holds twenty-odd
+// inventory records of 1.4 KB (a 4 KiB page holds two, a third of it left
+// empty), so a scan's commit writes a third fewer bytes in an eighth of the
+// system calls, and small tables lose little to it.
+inline constexpr const char* kPageSizePragma = "PRAGMA page_size=32768";
+
 // An SQLite result code as a result_t (0 for SQLITE_OK/ROW/DONE).
 zel::result_t ResultFromSqlite(int code) noexcept;
 
@@ -68,6 +75,8 @@ class Statement {
 
   zel::result_t Bind(int index, std::int64_t value);
   zel::result_t Bind(int index, std::span<const std::uint8_t> blob);
+  // Binds the bytes without copying them: they must outlive the next Reset.
+  zel::result_t BindBorrowed(int index, std::span<const std::uint8_t> blob);
 
   // true: a row is there; false: done. A failure lands in *result.
   bool Step(zel::result_t* result);

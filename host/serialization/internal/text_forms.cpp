@@ -63,10 +63,17 @@ bool IsXmlSafeUtf8(std::string_view text) noexcept {
 }
 
 bool XmlSafeUtf16ToUtf8(std::u16string_view text, std::string& out) {
-  out.clear();
-  out.reserve(text.size());
+  // Written through a pointer into room for the worst case (three bytes a
+  // unit; a pair of units gives four) and cut to size after: a push_back a
+  // byte costs more than the conversion itself.
+  out.resize(3 * text.size());
+  char* p = out.data();
   for (std::size_t i = 0; i < text.size(); ++i) {
     std::uint32_t c = text[i];
+    if (c >= 0x20 && c < 0x80) {
+      *p++ = static_cast<char>(c);
+      continue;
+    }
     if (c >= 0xD800 && c <= 0xDBFF) {
       if (i + 1 == text.size() || text[i + 1] < 0xDC00 || text[i + 1] > 0xDFFF) return false;
       c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00u);
@@ -75,21 +82,22 @@ bool XmlSafeUtf16ToUtf8(std::u16string_view text, std::string& out) {
     }
     if (!XmlCharOk(c)) return false;
     if (c < 0x80) {
-      out.push_back(static_cast<char>(c));
+      *p++ = static_cast<char>(c);
     } else if (c < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+      *p++ = static_cast<char>(0xC0 | (c >> 6));
+      *p++ = static_cast<char>(0x80 | (c & 0x3F));
     } else if (c < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+      *p++ = static_cast<char>(0xE0 | (c >> 12));
+      *p++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      *p++ = static_cast<char>(0x80 | (c & 0x3F));
     } else {
-      out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+      *p++ = static_cast<char>(0xF0 | (c >> 18));
+      *p++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      *p++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      *p++ = static_cast<char>(0x80 | (c & 0x3F));
     }
   }
+  out.resize(static_cast<std::size_t>(p - out.data()));
   return true;
 }
 

@@ -1,5 +1,6 @@
 #include "host/serialization/internal/xml_codec.h"
 
+#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -164,11 +165,12 @@ class Encoder {
     if (text[0] != '\0') node.append_child(pugi::node_pcdata).set_value(text);
     return res::NoError;
   }
-  static result_t Number(pugi::xml_node node, std::int64_t v) {
-    return Text(node, std::to_string(v).c_str());
-  }
-  static result_t Number(pugi::xml_node node, std::uint64_t v) {
-    return Text(node, std::to_string(v).c_str());
+  template <class Integer>
+  static result_t Number(pugi::xml_node node, Integer v) {
+    char text[24];  // twenty digits and a sign at most
+    const auto end = std::to_chars(text, text + sizeof(text) - 1, v).ptr;
+    *end = '\0';
+    return Text(node, text);
   }
   // Text nodes hold C strings: a NUL inside goes hex like anything unsafe.
   result_t Narrow(pugi::xml_node node, std::string_view text) {

@@ -285,9 +285,12 @@ class vector_t {
     }
     if (n > max_size()) throw std::length_error("vector::append");
     if (n > capacity()) Reallocate(GrownCapacity(n));
+    // The end is read once: a store through a byte type may alias m_begin,
+    // and reloading it every step keeps a byte fill from becoming a memset.
+    T* const stop = m_begin + n;
     T* cur = m_end;
     try {
-      for (; cur != m_begin + n; ++cur) construct(cur);
+      for (; cur != stop; ++cur) construct(cur);
     } catch (...) {
       std::destroy(m_end, cur);
       throw;

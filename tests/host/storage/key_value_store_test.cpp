@@ -11,6 +11,7 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace {
 
@@ -145,9 +146,10 @@ TEST_F(KeyValueStoreTest, FailureCodesByCause) {
     ASSERT_EQ(store.Open(path, options), 0);
     Store::Value v;
     EXPECT_EQ(store.GetValue(Key("k"), v), 0);
-    const zel::result_t set = store.SetValue(Key("k"), Val("w"));
-    const zel::result_t commit = store.Commit();
-    EXPECT_TRUE(set == zel::result::AccessDenied || commit == zel::result::AccessDenied) << set << " " << commit;
+    EXPECT_EQ(store.SetValue(Key("k"), Val("w")), zel::result::AccessDenied) << "refused at once, not at Commit";
+    EXPECT_EQ(store.RemoveValue(Key("k")), zel::result::AccessDenied);
+    EXPECT_EQ(store.StagedCount(), 0u);
+    static_cast<void>(store.Commit());
     EXPECT_EQ(Committed("k"), "v");
   }
   // Full: the commit fails, nothing of it lands, the staged data waits.
@@ -156,7 +158,7 @@ TEST_F(KeyValueStoreTest, FailureCodesByCause) {
     host::KeyValueStore::Options options;
     options.maxPageCount = 8;
     ASSERT_EQ(store.Open(path, options), 0);
-    const std::string big(64 * 1024, 'b');
+    const std::string big(1024 * 1024, 'b');  // beyond eight pages of any size
     ASSERT_EQ(store.SetValue(Key("big"), Val(big)), 0);
     ASSERT_EQ(store.SetValue(Key("small"), Val("s")), 0);
     EXPECT_EQ(store.Commit(), zel::result::OutOfSpace);
@@ -203,6 +205,96 @@ TEST_F(KeyValueStoreTest, FaultHooksFailExactlyTheNthCall) {
       EXPECT_EQ(Committed("k" + std::to_string(round)), lost ? kNotFound : "v") << round;
     }
   }
+}
+
+TEST_F(KeyValueStoreTest, StagedChangesToOneKeyEndInTheLastOne) {
+  // Each case: a committed value (or none), then staged operations on the
+  // same key; what GetValue says before Commit and what the file holds after.
+  struct Case {
+    const char* name;
+    const char* committed;  // nullptr: the key is not in the file
+    std::vector<std::string> ops;  // "=x" sets x, "-" removes
+    std::vector<zel::result_t> results;
+    std::string staged;  // GetValue before Commit: the value or the code
+    std::string after;   // the file after Commit
+  };
+  const std::string notFound = kNotFound;
+  const std::vector<Case> cases = {
+      {"set then remove, never stored", nullptr, {"=a", "-"}, {0, 0}, notFound, notFound},
+      {"set then remove, stored before", "old", {"=a", "-"}, {0, 0}, notFound, notFound},
+      {"remove then set", "old", {"-", "=b"}, {0, 0}, "b", "b"},
+      {"set, set", nullptr, {"=a", "=b"}, {0, 0}, "b", "b"},
+      {"remove twice", "old", {"-", "-"}, {0, zel::result::False}, notFound, notFound},
+      {"set, remove, remove", nullptr, {"=a", "-", "-"}, {0, 0, zel::result::False}, notFound, notFound},
+      {"an empty value is a value", "old", {"="}, {0}, "", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::filesystem::remove(path);
+    host::KeyValueStore store;
+    ASSERT_EQ(store.Open(path), 0);
+    if (c.committed != nullptr) {
+      ASSERT_EQ(store.SetValue(Key("k"), Val(c.committed)), 0);
+      ASSERT_EQ(store.Commit(), 0);
+    }
+    for (std::size_t i = 0; i < c.ops.size(); ++i) {
+      const std::string& op = c.ops[i];
+      const zel::result_t r = op[0] == '=' ? store.SetValue(Key("k"), Val(std::string_view(op).substr(1)))
+                                           : store.RemoveValue(Key("k"));
+      EXPECT_EQ(r, c.results[i]) << "op " << i;
+    }
+    Store::Value v;
+    const zel::result_t got = store.GetValue(Key("k"), v);
+    EXPECT_EQ(got == 0 ? Text(v) : "<" + std::to_string(got) + ">", c.staged);
+    EXPECT_EQ(Committed("k"), c.committed != nullptr ? std::string(c.committed) : notFound) << "not before Commit";
+    ASSERT_EQ(store.Commit(), 0);
+    EXPECT_EQ(Committed("k"), c.after);
+    EXPECT_EQ(store.StagedCount(), 0u);
+  }
+}
+
+TEST_F(KeyValueStoreTest, ManyKeysInAnyOrderLandInOneCommit) {
+  // Keys staged out of byte order, some replaced, some removed again.
+  host::KeyValueStore store;
+  ASSERT_EQ(store.Open(path), 0);
+  ASSERT_EQ(store.SetValue(Key("100"), Val("committed")), 0);
+  ASSERT_EQ(store.Commit(), 0);
+  for (int i = 1000; i > 0; --i) {
+    const std::string key = std::to_string(i);
+    ASSERT_EQ(store.SetValue(Key(key), Val("v" + key)), 0);
+  }
+  for (int i = 3; i <= 1000; i += 3) ASSERT_EQ(store.RemoveValue(Key(std::to_string(i))), 0);
+  ASSERT_EQ(store.SetValue(Key("7"), Val("again")), 0);
+  ASSERT_EQ(store.Commit(), 0);
+  for (int i : {1, 2, 3, 7, 99, 100, 999, 1000}) {
+    const std::string key = std::to_string(i);
+    const std::string expected = i == 7 ? "again" : i % 3 == 0 ? kNotFound : "v" + key;
+    EXPECT_EQ(Committed(key), expected) << key;
+  }
+}
+
+TEST_F(KeyValueStoreTest, AFailedCommitKeepsTheStagedValuesReadable) {
+  host::KeyValueStore store;
+  host::KeyValueStore::Options options;
+  options.maxPageCount = 8;
+  ASSERT_EQ(store.Open(path, options), 0);
+  ASSERT_EQ(store.SetValue(Key("gone"), Val("g")), 0);
+  ASSERT_EQ(store.Commit(), 0);
+  ASSERT_EQ(store.RemoveValue(Key("gone")), 0);
+  ASSERT_EQ(store.SetValue(Key("a"), Val("1")), 0);
+  ASSERT_EQ(store.SetValue(Key("z"), Val(std::string(1024 * 1024, 'z'))), 0);
+  ASSERT_EQ(store.Commit(), zel::result::OutOfSpace);
+  EXPECT_EQ(Committed("gone"), "g") << "the removal was rolled back with the rest";
+  EXPECT_EQ(Committed("a"), kNotFound);
+  Store::Value v;
+  ASSERT_EQ(store.GetValue(Key("a"), v), 0);
+  EXPECT_EQ(Text(v), "1");
+  EXPECT_EQ(store.GetValue(Key("gone"), v), zel::result::NotFound);
+  ASSERT_EQ(store.SetValue(Key("z"), Val("small")), 0);
+  ASSERT_EQ(store.Commit(), 0);
+  EXPECT_EQ(Committed("gone"), kNotFound);
+  EXPECT_EQ(Committed("a"), "1");
+  EXPECT_EQ(Committed("z"), "small");
 }
 
 TEST_F(KeyValueStoreTest, CommitWaitsForNoWriterOnStagedData) {
