@@ -217,13 +217,15 @@ zel::result_t EventPublisher::PublishEvent(tov::RuntimeEvent* event) {
       return m_failCode;
     }
     std::string line = FormatEventJson(*event);
-    m_events.push_back(*event);
     if (m_out != nullptr) {
       std::fwrite(line.data(), 1, line.size(), m_out);
       std::fputc('\n', m_out);
       std::fflush(m_out);
+    } else {
+      m_events.push_back(*event);
+      m_lines.push_back(std::move(line));
     }
-    m_lines.push_back(std::move(line));
+    ++m_count;
     return zel::result::NoError;
   } catch (const std::bad_alloc&) {
     return zel::result::OutOfMemory;
@@ -250,13 +252,14 @@ std::vector<std::string> EventPublisher::Lines() const {
 
 std::size_t EventPublisher::Count() const {
   std::lock_guard lock(m_mutex);
-  return m_lines.size();
+  return m_count;
 }
 
 void EventPublisher::Clear() {
   std::lock_guard lock(m_mutex);
   m_events.clear();
   m_lines.clear();
+  m_count = 0;
 }
 
 }  // namespace host

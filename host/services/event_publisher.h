@@ -1,9 +1,10 @@
 // host::EventPublisher: the reference host's tov::INonRemoteEventPublisher.
 // Each event becomes one JSON line (type and severity by number and name,
 // subject, time, and every field under its FieldName name, in the event's
-// order) written to a stream, and a copy of the event and of the line is kept
-// for whoever inspects the host, tests above all. Safe for concurrent calls:
-// engine threads publish while the host reads.
+// order) written to a stream; without a stream a copy of the event and of the
+// line is kept instead, for whoever inspects the host, tests above all. A
+// long-running host that writes its events keeps none of them in memory.
+// Safe for concurrent calls: engine threads publish while the host reads.
 #pragma once
 
 #include <cstdint>
@@ -32,8 +33,10 @@ class EventPublisher final : public OwnedObject<EventPublisher, tov::INonRemoteE
   void FailWith(zel::result_t code, std::int64_t count = -1);
   void StopFailing() { FailWith(0, 0); }
 
+  // The kept copies (none when writing to a stream).
   std::vector<tov::RuntimeEvent> Events() const;
   std::vector<std::string> Lines() const;
+  // Events published since construction or Clear, kept or not.
   std::size_t Count() const;
   void Clear();
 
@@ -42,6 +45,7 @@ class EventPublisher final : public OwnedObject<EventPublisher, tov::INonRemoteE
   mutable std::mutex m_mutex;
   std::vector<tov::RuntimeEvent> m_events;
   std::vector<std::string> m_lines;
+  std::size_t m_count = 0;
   zel::result_t m_failCode = 0;
   std::int64_t m_failCount = 0;
 };

@@ -1,5 +1,5 @@
 // The host's event publisher: the exact JSON line, escaping of wide text,
-// the copy it keeps, and its fault injection.
+// the copy it keeps only when it has no stream, and its fault injection.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -69,9 +69,19 @@ TEST(EventPublisher, WritesOneExactJsonLine) {
       "\"subject\":{\"kind\":2},\"fields\":{}}";
   EXPECT_EQ(written, expected + "\n" + secondLine + "\n");
 
-  ASSERT_EQ(publisher.Lines().size(), 2u);
-  EXPECT_EQ(publisher.Lines()[0], expected);
-  const auto events = publisher.Events();
+  // Written events are counted, not kept: a long-running host must not grow.
+  EXPECT_EQ(publisher.Count(), 2u);
+  EXPECT_TRUE(publisher.Lines().empty());
+  EXPECT_TRUE(publisher.Events().empty());
+
+  // Without a stream the copies are what there is.
+  host::EventPublisher keeping;
+  ASSERT_EQ(keeping.PublishEvent(&event), 0);
+  ASSERT_EQ(keeping.PublishEvent(&second), 0);
+  ASSERT_EQ(keeping.Lines().size(), 2u);
+  EXPECT_EQ(keeping.Lines()[0], expected);
+  EXPECT_EQ(keeping.Lines()[1], secondLine);
+  const auto events = keeping.Events();
   ASSERT_EQ(events.size(), 2u);
   ASSERT_EQ(events[0].runtimeFields.size(), 6u);
   EXPECT_EQ(events[0].runtimeFields[0].data.GetWString().view(), u"al\"ice");
