@@ -30,9 +30,11 @@ class Reader : public internal::JsonDocumentReader {
     const Json::Value& list = object["masks"];
     if (!list.isArray()) Fault(where + ".masks", "expected an array of strings");
     for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
-      if (!list[i].isString() || list[i].asString().empty())
-        Fault(where + ".masks[" + std::to_string(i) + "]", "expected a non-empty string");
-      masks.push_back(zel::string_t(list[i].asString().c_str()));
+      const std::string at = where + ".masks[" + std::to_string(i) + "]";
+      if (!list[i].isString() || list[i].asString().empty()) Fault(at, "expected a non-empty string");
+      const std::string mask = list[i].asString();
+      if (mask.find('\0') != std::string::npos) Fault(at, "a NUL character in a mask");
+      masks.push_back(zel::string_t(mask.c_str()));
     }
     return masks;
   }
@@ -42,6 +44,8 @@ class Reader : public internal::JsonDocumentReader {
   void Common(const Json::Value& v, const std::string& where, Scope& scope) const {
     const std::string path = Text(v, where, "path", true);
     if (path.empty()) Fault(where + ".path", "expected a non-empty path");
+    // The scope keeps a C string: a NUL would cut the path short unseen.
+    if (path.find('\0') != std::string::npos) Fault(where + ".path", "a NUL character in a path");
     const std::string name = Text(v, where, "name", false);
     scope.path = zel::string_t(path.c_str());
     scope.name = zel::Utf8ToWide(name.empty() ? path : name);

@@ -73,6 +73,9 @@ TEST(ScanSettingsFromJson, RefusesWithUserErrors) {
       {R"({"scanScopes":[{"path":"/opt","depth":1}]})", R"(error scan.json: scanScopes[0]: unknown key "depth")"},
       {R"({"executableBitEnabled":1})", "error scan.json: document.executableBitEnabled: expected true or false"},
       {R"({"a":1,"a":2})", "error scan.json: not a JSON document: "},
+      // A path or mask the scope would keep cut at its NUL.
+      {R"({"secondaryScopes":[{"path":"\u0000/usr/bin"}]})", "error scan.json: secondaryScopes[0].path: a NUL"},
+      {R"({"scanScopes":[{"path":"/opt","masks":["a\u0000b"]}]})", "error scan.json: scanScopes[0].masks[0]: a NUL"},
       {Repeat("[", 1200), "error scan.json: not a JSON document: "},
       {R"({"scanScopes":)" + Repeat("[", 1200), "error scan.json: not a JSON document: "},
   };
