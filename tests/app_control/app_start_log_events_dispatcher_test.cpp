@@ -185,11 +185,13 @@ class CountingSink final : public host::OwnedObject<CountingSink, IApplicationSt
 };
 
 TEST_F(DispatcherTest, DeliveriesRunWhileOthersSubscribeAndUnsubscribe) {
-  constexpr int kDeliverers = 4;
+  // Eight threads: six deliver, two subscribe and unsubscribe sinks of their own.
+  constexpr int kDeliverers = 6;
+  constexpr int kChurners = 2;
   constexpr int kDeliveries = 2000;
   constexpr int kChurns = 1000;
   CountingSink steady;
-  std::vector<CountingSink> churn(3);
+  std::vector<CountingSink> churn(3 * kChurners);
   ASSERT_EQ(subscription->Subscribe(&steady), 0);
 
   std::atomic<bool> go{false};
@@ -200,16 +202,17 @@ TEST_F(DispatcherTest, DeliveriesRunWhileOthersSubscribeAndUnsubscribe) {
       for (int i = 0; i < kDeliveries; ++i) events->OnApplicationStartLogged(Arg(i));
     });
   }
-  threads.emplace_back([&] {
-    while (!go.load()) std::this_thread::yield();
-    for (int i = 0; i < kChurns; ++i) {
-      CountingSink& s = churn[i % churn.size()];
-      EXPECT_EQ(subscription->Subscribe(&s), 0);
-      if (i % 2 == 1) {
-        EXPECT_EQ(subscription->Unsubscribe(&churn[(i - 1) % churn.size()]), 0);
+  for (int c = 0; c < kChurners; ++c) {
+    threads.emplace_back([&, own = &churn[3 * c]] {
+      while (!go.load()) std::this_thread::yield();
+      for (int i = 0; i < kChurns; ++i) {
+        EXPECT_EQ(subscription->Subscribe(&own[i % 3]), 0);
+        if (i % 2 == 1) {
+          EXPECT_EQ(subscription->Unsubscribe(&own[(i - 1) % 3]), 0);
+        }
       }
-    }
-  });
+    });
+  }
   go = true;
   for (auto& t : threads) t.join();
 
