@@ -113,63 +113,79 @@ class Listener {
   pid_t m_pid = -1;
 };
 
-void BM_StartWarmCache(benchmark::State& state) {
+// Starts acctl enforce beside the benchmark, or says why it can't.
+bool StartListener(benchmark::State& state, Listener& listener) {
   if (::geteuid() != 0) {
     state.SkipWithError("needs root for fanotify");
-    return;
+    return false;
   }
+  std::string error;
+  if (!listener.Start(&error)) {
+    state.SkipWithError(error.c_str());
+    return false;
+  }
+  return true;
+}
+
+// Start times of the same program outside and inside the watched directory,
+// summed over the iterations and reported as averages.
+class SideBySide {
+ public:
+  // False (and the benchmark marked failed) when either start failed.
+  bool Add(benchmark::State& state, double plainUs, double watchedUs) {
+    if (plainUs < 0 || watchedUs < 0) {
+      state.SkipWithError("a start failed");
+      return false;
+    }
+    m_base += plainUs;
+    m_enforced += watchedUs;
+    ++m_n;
+    return true;
+  }
+  void Report(benchmark::State& state, const char* enforcedName) const {
+    if (m_n == 0) return;
+    const double n = static_cast<double>(m_n);
+    state.counters["base_us"] = m_base / n;
+    state.counters[enforcedName] = m_enforced / n;
+    state.counters["added_us"] = (m_enforced - m_base) / n;
+  }
+
+ private:
+  double m_base = 0, m_enforced = 0;
+  std::int64_t m_n = 0;
+};
+
+void BM_StartWarmCache(benchmark::State& state) {
   Listener listener;
   const std::string watched = (listener.Watched() / "true").string(), plain = (listener.Plain() / "true").string();
   fs::copy_file("/usr/bin/true", watched);
   fs::copy_file("/usr/bin/true", plain);
-  std::string error;
-  if (!listener.Start(&error)) {
-    state.SkipWithError(error.c_str());
-    return;
-  }
+  if (!StartListener(state, listener)) return;
   for (int i = 0; i < 20; ++i) {  // the hash cache and the page cache warm up
     TimedStart(watched);
     TimedStart(plain);
   }
-  double base = 0, enforced = 0;
-  std::int64_t n = 0;
+  SideBySide times;
   for (auto _ : state) {
     const double p = TimedStart(plain), w = TimedStart(watched);
-    if (p < 0 || w < 0) {
-      state.SkipWithError("a start failed");
-      break;
-    }
-    base += p;
-    enforced += w;
-    ++n;
+    if (!times.Add(state, p, w)) break;
   }
-  if (n == 0) return;
-  state.counters["base_us"] = base / static_cast<double>(n);
-  state.counters["enforced_us"] = enforced / static_cast<double>(n);
-  state.counters["added_us"] = (enforced - base) / static_cast<double>(n);
+  times.Report(state, "enforced_us");
 }
 BENCHMARK(BM_StartWarmCache)->Iterations(2000)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void BM_FirstStart50MB(benchmark::State& state) {
-  if (::geteuid() != 0) {
-    state.SkipWithError("needs root for fanotify");
-    return;
-  }
   Listener listener;
-  std::string error;
-  if (!listener.Start(&error)) {
-    state.SkipWithError(error.c_str());
-    return;
-  }
+  if (!StartListener(state, listener)) return;
   std::string padding(50u << 20, '\0');
   std::mt19937_64 random(42);
-  double base = 0, enforced = 0;
-  std::int64_t n = 0;
+  SideBySide times;
+  int n = 0;
   for (auto _ : state) {
     state.PauseTiming();
     // A new content each time: ELF ignores what follows its segments.
     for (std::size_t i = 0; i < padding.size(); i += 4096) padding[i] = static_cast<char>(random());
-    const std::string name = "big" + std::to_string(n);
+    const std::string name = "big" + std::to_string(n++);
     const std::string watched = (listener.Watched() / name).string(), plain = (listener.Plain() / name).string();
     for (const std::string& path : {watched, plain}) {
       fs::copy_file("/usr/bin/true", path);
@@ -181,18 +197,9 @@ void BM_FirstStart50MB(benchmark::State& state) {
     fs::remove(watched);
     fs::remove(plain);
     state.ResumeTiming();
-    if (p < 0 || w < 0) {
-      state.SkipWithError("a start failed");
-      break;
-    }
-    base += p;
-    enforced += w;
-    ++n;
+    if (!times.Add(state, p, w)) break;
   }
-  if (n == 0) return;
-  state.counters["base_us"] = base / static_cast<double>(n);
-  state.counters["first_start_us"] = enforced / static_cast<double>(n);
-  state.counters["added_us"] = (enforced - base) / static_cast<double>(n);
+  times.Report(state, "first_start_us");
 }
 BENCHMARK(BM_FirstStart50MB)->Iterations(10)->Unit(benchmark::kMillisecond)->UseRealTime();
 
