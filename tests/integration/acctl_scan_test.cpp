@@ -38,7 +38,12 @@ class AcctlScanTest : public test_support::AcctlProcessTest {
   }
 
   // A tree big enough that a scan is still under way when a test signals it.
-  std::string BigTree(int files) {
+  // Big enough that a scan takes most of a second on a fast machine, so
+  // that a signal sent once the first progress line is out finds it still
+  // walking.
+  static constexpr int kBigTreeFiles = 40000;
+  std::string BigTree() {
+    const int files = kBigTreeFiles;
     const std::string root = dir + "/big";
     for (int d = 0; d < files / 500 + 1; ++d) fs::create_directories(root + "/d" + std::to_string(d));
     for (int i = 0; i < files; ++i) {
@@ -170,7 +175,7 @@ TEST_F(AcctlScanTest, SettingsDocumentChoosesScopesMasksAndExclusions) {
 }
 
 TEST_F(AcctlScanTest, SignalsPauseResumeAndStopTheScan) {
-  const std::string root = BigTree(5000);
+  const std::string root = BigTree();
   const pid_t pid = Spawn("scan '" + root + "' --interval 0.05", "scan");
   ASSERT_TRUE(WaitForText(dir + "/scan.err", "files seen")) << Slurp(dir + "/scan.err");
   ::kill(pid, SIGUSR1);
@@ -187,7 +192,7 @@ TEST_F(AcctlScanTest, SignalsPauseResumeAndStopTheScan) {
 }
 
 TEST_F(AcctlScanTest, ASecondScanOnTheSameStoreIsRefusedByTheTaskTypeLock) {
-  const std::string root = BigTree(5000);
+  const std::string root = BigTree();
   const pid_t first = Spawn("scan '" + root + "' --interval 0.05", "first");
   ASSERT_TRUE(WaitForText(dir + "/first.err", "files seen")) << Slurp(dir + "/first.err");
   ::kill(first, SIGUSR1);  // hold it running while the second tries
@@ -199,7 +204,7 @@ TEST_F(AcctlScanTest, ASecondScanOnTheSameStoreIsRefusedByTheTaskTypeLock) {
   ::kill(first, SIGUSR2);
   EXPECT_EQ(Wait(first), 0) << Slurp(dir + "/first.err");
   const std::string out = Slurp(dir + "/first.out");
-  EXPECT_NE(out.find("5000 inventoried"), std::string::npos) << out;
+  EXPECT_NE(out.find(std::to_string(kBigTreeFiles) + " inventoried"), std::string::npos) << out;
 }
 
 }  // namespace
