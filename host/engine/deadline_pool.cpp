@@ -1,5 +1,6 @@
 #include "host/engine/deadline_pool.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace host::engine {
@@ -19,18 +20,16 @@ DeadlinePool::DeadlinePool(std::size_t workers, std::chrono::milliseconds deadli
 DeadlinePool::~DeadlinePool() { Stop(); }
 
 bool DeadlinePool::Track(const SlotPtr& slot, bool queue) {
-  bool wakeWatchdog = false;
   {
     std::lock_guard lock(m_mutex);
     if (m_stopping) return false;
     slot->deadline = std::chrono::steady_clock::now() + m_deadline;
     if (queue) m_queue.push_back(slot);
     m_inFlight.push_back(slot);
-    wakeWatchdog = m_inFlight.size() == 1;
   }
-  // Woken after the lock is gone, so that they don't wake only to wait for it.
+  // Woken after the lock is gone, so that it doesn't wake only to wait for
+  // it. The watchdog is not woken: it looks again within one deadline anyway.
   if (queue) m_workReady.notify_one();
-  if (wakeWatchdog) m_watchWake.notify_one();
   return true;
 }
 
@@ -95,7 +94,10 @@ void DeadlinePool::Watch() {
     // to back, so the front is always the next one to expire.
     while (!m_inFlight.empty() && m_inFlight.front()->answered.load()) m_inFlight.pop_front();
     if (m_inFlight.empty()) {
-      m_watchWake.wait(lock);
+      // A job tracked from now on has its deadline after this wait ends, so
+      // nobody needs to wake the watchdog for it: one wake-up per deadline
+      // while idle, instead of one more thread woken for every start.
+      m_watchWake.wait_for(lock, std::max(m_deadline, std::chrono::milliseconds(1)));
       continue;
     }
     const SlotPtr front = m_inFlight.front();

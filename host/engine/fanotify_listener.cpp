@@ -5,7 +5,9 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/fanotify.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,6 +29,36 @@ constexpr std::string_view kDeletedMark = " (deleted)";
 constexpr std::chrono::milliseconds kPublishLinger{10};
 
 std::string ErrnoText(int error) { return std::strerror(error); }
+
+// Linux's struct pidfd_info as of 6.13 (its first, 64-byte version), which
+// Debian 12's headers predate. A later kernel answers this size too.
+struct PidfdInfo {
+  std::uint64_t mask;
+  std::uint64_t cgroupid;
+  std::uint32_t pid, tgid, ppid, ruid, rgid, euid, egid, suid, sgid, fsuid, fsgid;
+  std::uint32_t spare0;
+};
+static_assert(sizeof(PidfdInfo) == 64);
+constexpr unsigned long kPidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
+constexpr std::uint64_t kPidfdInfoPid = 1u << 0;
+constexpr std::uint64_t kPidfdInfoCreds = 1u << 1;
+
+// Takes the kernel's " (deleted)" mark off a link read for `fd`.
+std::string DescriptorPath(const char* buffer, ssize_t n, int fd, bool* deleted) {
+  *deleted = false;
+  if (n <= 0) return {};
+  std::string path(buffer, static_cast<std::size_t>(n));
+  if (path.size() > kDeletedMark.size() && path.ends_with(kDeletedMark)) {
+    // The mark alone doesn't prove it: a name may end like that. Only a file
+    // with no links left is really gone.
+    struct stat st {};
+    if (::fstat(fd, &st) == 0 && st.st_nlink == 0) {
+      path.resize(path.size() - kDeletedMark.size());
+      *deleted = true;
+    }
+  }
+  return path;
+}
 
 }  // namespace
 
@@ -76,23 +108,64 @@ std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, 
   return identity;
 }
 
+std::optional<ProcessIdentity> QueryProcessIdentity(std::uint32_t pid, bool* unsupported) {
+  *unsupported = false;
+  const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0u));
+  if (pidfd < 0) {
+    *unsupported = errno == ENOSYS;
+    return std::nullopt;
+  }
+  PidfdInfo info{};
+  info.mask = kPidfdInfoPid | kPidfdInfoCreds;
+  const int r = ::ioctl(pidfd, kPidfdGetInfo, &info);
+  const int error = errno;
+  ::close(pidfd);
+  if (r != 0) {
+    *unsupported = error == ENOTTY || error == EINVAL || error == EOPNOTSUPP;
+    return std::nullopt;
+  }
+  if ((info.mask & (kPidfdInfoPid | kPidfdInfoCreds)) != (kPidfdInfoPid | kPidfdInfoCreds)) {
+    *unsupported = true;
+    return std::nullopt;
+  }
+  return ProcessIdentity{info.ruid, info.ppid};
+}
+
 std::string PathOfDescriptor(const std::string& procRoot, int fd, bool* deleted) {
-  *deleted = false;
   const std::string link = procRoot + "/self/fd/" + std::to_string(fd);
   char buffer[4096];
   const ssize_t n = ::readlink(link.c_str(), buffer, sizeof buffer);
-  if (n <= 0 || static_cast<std::size_t>(n) >= sizeof buffer) return {};
-  std::string path(buffer, static_cast<std::size_t>(n));
-  if (path.size() > kDeletedMark.size() && path.ends_with(kDeletedMark)) {
-    // The mark alone doesn't prove it: a name may end like that. Only a file
-    // with no links left is really gone.
-    struct stat st {};
-    if (::fstat(fd, &st) == 0 && st.st_nlink == 0) {
-      path.resize(path.size() - kDeletedMark.size());
-      *deleted = true;
-    }
+  return DescriptorPath(buffer, static_cast<std::size_t>(n) < sizeof buffer ? n : -1, fd, deleted);
+}
+
+StartProbe::StartProbe(std::string procRoot) : m_procRoot(std::move(procRoot)) {
+  m_fdDir = ::open((m_procRoot + "/self/fd").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (m_procRoot == "/proc") {
+    bool unsupported = false;
+    m_pidfd = QueryProcessIdentity(static_cast<std::uint32_t>(::getpid()), &unsupported).has_value();
   }
-  return path;
+}
+
+StartProbe::~StartProbe() {
+  if (m_fdDir >= 0) ::close(m_fdDir);
+}
+
+std::optional<ProcessIdentity> StartProbe::Identity(std::uint32_t pid) const {
+  if (m_pidfd) {
+    bool unsupported = false;
+    std::optional<ProcessIdentity> identity = QueryProcessIdentity(pid, &unsupported);
+    if (identity || !unsupported) return identity;
+  }
+  return ReadProcessIdentity(m_procRoot, pid);
+}
+
+std::string StartProbe::PathOf(int fd, bool* deleted) const {
+  if (m_fdDir < 0) return PathOfDescriptor(m_procRoot, fd, deleted);
+  char name[16];
+  std::snprintf(name, sizeof name, "%d", fd);
+  char buffer[4096];
+  const ssize_t n = ::readlinkat(m_fdDir, name, buffer, sizeof buffer);
+  return DescriptorPath(buffer, static_cast<std::size_t>(n) < sizeof buffer ? n : -1, fd, deleted);
 }
 
 // One start held by the kernel: the event's descriptor, which the job owns
@@ -118,9 +191,9 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     if (!settings) return;  // nothing is enforced while the task is stopped or paused: allow
     bool deleted = false;
     ProgramStart start;
-    start.path = PathOfDescriptor(l.m_options.procRoot, m_fd, &deleted);
+    start.path = l.m_probe.PathOf(m_fd, &deleted);
     start.pid = m_pid;
-    const std::optional<ProcessIdentity> who = ReadProcessIdentity(l.m_options.procRoot, m_pid);
+    const std::optional<ProcessIdentity> who = l.m_probe.Identity(m_pid);
     if (!who) {
       // Without its user no rule can be applied; the process is likely gone
       // and its start no longer matters.
@@ -131,7 +204,7 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
       return;
     }
     start.uid = who->uid;
-    ProgramDecision decision = l.m_engine.DecideOpenFile(m_fd, start, *settings);
+    ProgramDecision decision = l.m_engine.DecideHeld(m_fd, start, *settings);
     if (deleted) {
       ZEL_TRACE(l.m_tracer, zel::trace_level::Notice)
           << "enforce: " << start.path << " was deleted before its start by process " << m_pid
@@ -169,10 +242,38 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     (allow ? c.allowed : c.blocked).fetch_add(1);
     // Queued before the answer, so that a start that follows this one in
     // time is published after it; but the publisher is woken only once the
-    // start is answered: it must not take the processor from the program.
+    // start is answered and its report complete: it must not take the
+    // processor from the program, and it waits for the report anyway. The
+    // process's unique id (a read of procfs that a new process makes dear)
+    // is looked up once the start is answered: a program that ends at once
+    // may be gone by then, and its report names no process.
+    std::shared_ptr<PendingReport> report;
+    try {
+      report = std::make_shared<PendingReport>();
+      report->decision = std::move(*m_decision);
+    } catch (...) {
+      // No memory for a report: the start is answered all the same.
+      l.Respond(m_fd, allow);
+      return;
+    }
+    struct Complete {
+      PendingReport& report;
+      ~Complete() {
+        report.complete.store(true, std::memory_order_release);
+        report.complete.notify_one();
+      }
+    };
     bool wakePublisher = false;
-    l.m_published.PushWithoutWake(std::move(*m_decision), &wakePublisher);
-    l.Respond(m_fd, allow);
+    {
+      Complete complete{*report};
+      l.m_published.PushWithoutWake(report, &wakePublisher);
+      l.Respond(m_fd, allow);
+      try {
+        l.m_engine.DescribeProcess(report->decision, m_pid);
+      } catch (...) {
+        // Out of memory: the report goes out without the process.
+      }
+    }
     if (wakePublisher) l.m_published.Wake();
   }
 
@@ -199,6 +300,7 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
 FanotifyListener::FanotifyListener(Engine& engine, FanotifyOptions options, zel::ITracer* tracer)
     : m_engine(engine),
       m_options(std::move(options)),
+      m_probe(m_options.procRoot),
       m_tracer(tracer),
       m_self(::getpid()),
       m_published(m_options.publishQueue) {}
@@ -418,11 +520,13 @@ void FanotifyListener::HandleStart(int fd, std::int32_t pid, bool here) {
 }
 
 void FanotifyListener::PublishLoop() {
-  std::vector<ProgramDecision> batch;
+  std::vector<std::shared_ptr<PendingReport>> batch;
   while (m_published.PopBatch(batch, kPublishLinger)) {
-    for (const ProgramDecision& decision : batch) {
+    for (const std::shared_ptr<PendingReport>& report : batch) {
+      // Its start is answered; who started it follows in a moment.
+      report->complete.wait(false, std::memory_order_acquire);
       try {
-        m_engine.Report(decision);
+        m_engine.Report(report->decision);
       } catch (...) {
         // Reporting can't change what was answered; the next one may fare better.
       }

@@ -2,8 +2,8 @@
 // marked directories or mounts are held by the kernel (fanotify permission
 // events, FAN_OPEN_EXEC_PERM) until the engine decides them: the file's
 // facts come from the event's own descriptor (hashed through the engine's
-// cache, never reopened by path), the user from /proc/<pid>; the verdict
-// becomes FAN_ALLOW or FAN_DENY (only a real block denies: test-mode
+// cache, never reopened by path), the user from the process (StartProbe);
+// the verdict becomes FAN_ALLOW or FAN_DENY (only a real block denies: test-mode
 // verdicts always allow), and the decision is reported to the engine's
 // subscribers like any other.
 //
@@ -68,10 +68,40 @@ struct ProcessIdentity {
 };
 std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, std::uint32_t pid);
 
+// The same from the kernel's pidfd information (PIDFD_GET_INFO, Linux 6.13
+// and later), without procfs. nullopt when the process is gone, and with
+// `unsupported` set when this kernel can't tell at all.
+std::optional<ProcessIdentity> QueryProcessIdentity(std::uint32_t pid, bool* unsupported);
+
 // The path of an open descriptor, as <procRoot>/self/fd/<fd> names it. A
 // file deleted since it was opened loses the kernel's " (deleted)" mark and
 // sets `deleted`. Empty when the link can't be read.
 std::string PathOfDescriptor(const std::string& procRoot, int fd, bool* deleted);
+
+// What a start needs from procfs, read the cheap way. A start's process and
+// its descriptor are new to procfs each time, so every name looked up there
+// costs the kernel a fresh entry: the identity comes from the process's
+// pidfd where the kernel offers it (only with the real /proc: a copy given
+// for tests is read as files), and descriptor paths are read relative to a
+// <procRoot>/self/fd kept open. Thread safe: nothing changes after
+// construction.
+class StartProbe {
+ public:
+  explicit StartProbe(std::string procRoot);
+  StartProbe(const StartProbe&) = delete;
+  StartProbe& operator=(const StartProbe&) = delete;
+  ~StartProbe();
+
+  std::optional<ProcessIdentity> Identity(std::uint32_t pid) const;
+  // As PathOfDescriptor.
+  std::string PathOf(int fd, bool* deleted) const;
+  bool UsesPidfd() const noexcept { return m_pidfd; }
+
+ private:
+  const std::string m_procRoot;
+  int m_fdDir = -1;
+  bool m_pidfd = false;
+};
 
 class FanotifyListener {
  public:
@@ -108,6 +138,13 @@ class FanotifyListener {
  private:
   class ExecJob;
   friend class ExecJob;
+  // A decision on its way to the subscribers. It is queued before its start
+  // is answered, so that reports keep the order of the answers, and
+  // completed (the process's unique id) after; the publisher waits for that.
+  struct PendingReport {
+    ProgramDecision decision;
+    std::atomic<bool> complete{false};
+  };
 
   // Deciding thread: reads one event at a time and decides it itself.
   void DecideLoop(int epoll);
@@ -128,6 +165,7 @@ class FanotifyListener {
 
   Engine& m_engine;
   const FanotifyOptions m_options;
+  const StartProbe m_probe;
   zel::ITracer* const m_tracer;
   const pid_t m_self;
   int m_fan = -1;
@@ -142,7 +180,7 @@ class FanotifyListener {
   bool m_stopping = false;  // under m_delayMutex
   EnforceCounters m_counters;
   std::unique_ptr<DeadlinePool> m_pool;
-  BoundedQueue<ProgramDecision> m_published;
+  BoundedQueue<std::shared_ptr<PendingReport>> m_published;
   std::vector<int> m_epolls;  // the deciding threads' ones first, the overflow reader's last
   std::vector<std::thread> m_deciders;
   std::thread m_reader;

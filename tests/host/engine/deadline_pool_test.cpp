@@ -100,6 +100,24 @@ TEST(DeadlinePoolTest, SlowDecisionIsAnsweredAtTheDeadlineAndItsLateResultDroppe
   EXPECT_EQ(pool.Stats().timedOut, 1u);
 }
 
+TEST(DeadlinePoolTest, IdleWatchdogIsNotWokenYetAnswersAStuckJobAtItsDeadline) {
+  // Nobody wakes the watchdog for a new job; it must find the job itself,
+  // whether the pool was idle for less or for more than one deadline.
+  DeadlinePool pool(1, 50ms);
+  for (const auto idle : {10ms, 120ms}) {
+    std::this_thread::sleep_for(idle);
+    auto stuck = std::make_shared<Job>(0ms, true);
+    const auto begin = std::chrono::steady_clock::now();
+    pool.RunHere(std::make_shared<Job>());  // one answered at once first: the watchdog has nothing left
+    pool.Submit(stuck);
+    EXPECT_EQ(stuck->WaitAnswer(3s), std::vector<bool>{true}) << "idle " << idle.count() << " ms";
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 50ms);
+    stuck->Release();
+  }
+  pool.Stop();
+  EXPECT_EQ(pool.Stats().timedOut, 2u);
+}
+
 TEST(DeadlinePoolTest, JobsBehindStuckWorkersStillGetTheirAnswerInTime) {
   DeadlinePool pool(2, 60ms);
   auto stuck1 = std::make_shared<Job>(0ms, true), stuck2 = std::make_shared<Job>(0ms, true);

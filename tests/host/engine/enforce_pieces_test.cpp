@@ -3,10 +3,12 @@
 // process and of an open descriptor.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -153,11 +155,47 @@ TEST_F(ProcFilesTest, GoneOrTruncatedProcessHasNoIdentity) {
   EXPECT_FALSE(host::engine::ReadProcessIdentity(root.string(), 10)) << "a Uid that is not a number";
 }
 
-TEST_F(ProcFilesTest, OwnProcessIsReadFromTheRealProc) {
-  const auto identity = host::engine::ReadProcessIdentity("/proc", static_cast<std::uint32_t>(::getpid()));
+TEST_F(ProcFilesTest, OwnProcessIsTheSameThroughProcAndThroughItsPidfd) {
+  const auto self = static_cast<std::uint32_t>(::getpid());
+  const auto identity = host::engine::ReadProcessIdentity("/proc", self);
   ASSERT_TRUE(identity);
   EXPECT_EQ(identity->uid, ::getuid());
   EXPECT_EQ(identity->ppid, static_cast<std::uint32_t>(::getppid()));
+
+  const host::engine::StartProbe probe("/proc");
+  bool unsupported = true;
+  const auto queried = host::engine::QueryProcessIdentity(self, &unsupported);
+  // The probe uses the pidfd exactly when this kernel can answer through it.
+  EXPECT_EQ(probe.UsesPidfd(), queried.has_value());
+  EXPECT_EQ(unsupported, !queried.has_value());
+  if (queried) {
+    EXPECT_EQ(queried->uid, identity->uid);
+    EXPECT_EQ(queried->ppid, identity->ppid);
+  }
+  const auto probed = probe.Identity(self);
+  ASSERT_TRUE(probed);
+  EXPECT_EQ(probed->uid, identity->uid);
+  EXPECT_EQ(probed->ppid, identity->ppid);
+
+  // A process that is gone is no identity either way, and no sign of an
+  // old kernel.
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  ASSERT_GT(child, 0);
+  ::waitpid(child, nullptr, 0);
+  EXPECT_FALSE(probe.Identity(static_cast<std::uint32_t>(child)));
+  EXPECT_FALSE(host::engine::QueryProcessIdentity(static_cast<std::uint32_t>(child), &unsupported));
+  EXPECT_FALSE(unsupported);
+}
+
+TEST_F(ProcFilesTest, ProbeOverACopyOfProcReadsItsFiles) {
+  Status(7, "Name:\tsh\nPPid:\t3\nUid:\t1000\t0\t0\t0\n");
+  const host::engine::StartProbe probe(root.string());
+  EXPECT_FALSE(probe.UsesPidfd()) << "a pidfd would describe the real process 7, not the copy's";
+  const auto identity = probe.Identity(7);
+  ASSERT_TRUE(identity);
+  EXPECT_EQ(identity->uid, 1000u);
+  EXPECT_EQ(identity->ppid, 3u);
 }
 
 TEST_F(ProcFilesTest, DescriptorPathLosesTheDeletedMarkOnlyWhenTheFileIsGone) {
@@ -169,15 +207,27 @@ TEST_F(ProcFilesTest, DescriptorPathLosesTheDeletedMarkOnlyWhenTheFileIsGone) {
   const int oddFd = ::open(oddName.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
   ASSERT_GE(oddFd, 0);
-  bool deleted = true;
-  EXPECT_EQ(host::engine::PathOfDescriptor("/proc", fd, &deleted), file.string());
-  EXPECT_FALSE(deleted);
-  EXPECT_EQ(host::engine::PathOfDescriptor("/proc", oddFd, &deleted), oddName.string());
-  EXPECT_FALSE(deleted) << "a name that merely ends in the mark";
+  // Both readers: by path from the root, and relative to the probe's kept directory.
+  const host::engine::StartProbe probe("/proc");
+  const std::function<std::string(int, bool*)> readers[] = {
+      [](int d, bool* deleted) { return host::engine::PathOfDescriptor("/proc", d, deleted); },
+      [&probe](int d, bool* deleted) { return probe.PathOf(d, deleted); },
+  };
+  for (std::size_t i = 0; i < std::size(readers); ++i) {
+    SCOPED_TRACE(i == 0 ? "PathOfDescriptor" : "StartProbe::PathOf");
+    bool deleted = true;
+    EXPECT_EQ(readers[i](fd, &deleted), file.string());
+    EXPECT_FALSE(deleted);
+    EXPECT_EQ(readers[i](oddFd, &deleted), oddName.string());
+    EXPECT_FALSE(deleted) << "a name that merely ends in the mark";
+    EXPECT_EQ(readers[i](100000, &deleted), "") << "no such descriptor";
+  }
   fs::remove(file);
-  EXPECT_EQ(host::engine::PathOfDescriptor("/proc", fd, &deleted), file.string());
-  EXPECT_TRUE(deleted);
-  EXPECT_EQ(host::engine::PathOfDescriptor("/proc", 100000, &deleted), "") << "no such descriptor";
+  for (const auto& read : readers) {
+    bool deleted = false;
+    EXPECT_EQ(read(fd, &deleted), file.string());
+    EXPECT_TRUE(deleted);
+  }
   ::close(fd);
   ::close(oddFd);
 }
