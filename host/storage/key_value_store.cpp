@@ -75,6 +75,8 @@ zel::result_t KeyValueStore::Open(const std::string& path, const Options& option
     r = m_db.Exec(("PRAGMA main.max_page_count=" + std::to_string(options.maxPageCount)).c_str());
   }
   if (ZEL_SUCCEEDED(r)) r = m_get.Prepare(m_db, "SELECT value FROM main.key_value WHERE key = ?1");
+  // Answered from the key's index alone, without reading the row.
+  if (ZEL_SUCCEEDED(r)) r = m_exists.Prepare(m_db, "SELECT 1 FROM main.key_value WHERE key = ?1");
   if (ZEL_SUCCEEDED(r)) r = m_put.Prepare(m_db, "INSERT OR REPLACE INTO main.key_value (key, value) VALUES (?1, ?2)");
   if (ZEL_SUCCEEDED(r)) r = m_remove.Prepare(m_db, "DELETE FROM main.key_value WHERE key = ?1");
   if (ZEL_FAILED(r)) {
@@ -93,16 +95,17 @@ void KeyValueStore::Close() {
 
 void KeyValueStore::FinalizeAll() noexcept {
   // Statements go before the connection they belong to.
-  for (storage::Statement* s : {&m_get, &m_put, &m_remove}) s->Finalize();
+  for (storage::Statement* s : {&m_get, &m_exists, &m_put, &m_remove}) s->Finalize();
 }
 
 zel::result_t KeyValueStore::LookupCommitted(const KeyRange& key, bool& found, Value* value) {
-  StatementRun run(m_get);
-  zel::result_t r = m_get.BindBorrowed(1, Bytes(key));
+  storage::Statement& statement = value != nullptr ? m_get : m_exists;
+  StatementRun run(statement);
+  zel::result_t r = statement.BindBorrowed(1, Bytes(key));
   if (ZEL_FAILED(r)) return r;
-  found = m_get.Step(&r);
+  found = statement.Step(&r);
   if (ZEL_FAILED(r)) return r;
-  if (found && value != nullptr) CopyOut(m_get.ColumnBlob(0), *value);
+  if (found && value != nullptr) CopyOut(statement.ColumnBlob(0), *value);
   return zel::result::NoError;
 }
 

@@ -100,6 +100,7 @@ class KeyValueStore final : public OwnedObject<KeyValueStore, app_core::componen
   std::mutex m_mutex;
   storage::Database m_db;
   storage::Statement m_get;
+  storage::Statement m_exists;
   storage::Statement m_put;
   storage::Statement m_remove;
   StagedMap m_staged;
