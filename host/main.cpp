@@ -86,6 +86,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "acctl: unknown command '%s'\n", command.c_str());
     Usage();
     return 2;
+  } catch (const host::cli::UsageError& e) {
+    std::fprintf(stderr, "acctl: %s\n", e.what());
+    return 2;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "acctl: %s\n", e.what());
     return 1;

@@ -9,10 +9,23 @@
 
 namespace host::cli {
 
+namespace {
+
+constexpr const char* kCategoriesUsage =
+    "usage: acctl [--db PATH] categories import FILE | categories export\n"
+    "  import stores the categories of the JSON document FILE, replacing those\n"
+    "  with the same GUID; export prints every stored category as one document.\n";
+
+}  // namespace
+
 int RunCategories(const GlobalOptions& options, const std::vector<std::string>& args) {
+  if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
+    std::fputs(kCategoriesUsage, stdout);
+    return 0;
+  }
   const bool import = args.size() == 2 && args[0] == "import";
   if (!import && !(args.size() == 1 && args[0] == "export"))
-    throw UserError("usage: acctl [--db PATH] categories import FILE | categories export");
+    throw UsageError("categories: give import FILE or export");
   std::string db = options.dbPath;
   if (db.empty()) {
     db = DefaultStatePath();

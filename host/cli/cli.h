@@ -26,6 +26,12 @@ struct UserError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A command line the command can't take (unknown option, missing value,
+// missing operand): main prints "acctl: <what>" and exits 2.
+struct UsageError : UserError {
+  using UserError::UserError;
+};
+
 // "acctl: <step> failed: <result>" on stderr; returns 1.
 int Fail(const char* step, zel::result_t r);
 

@@ -72,7 +72,11 @@ int Demo(host::LoadedModule& module, std::uint32_t traceLevel) {
 }  // namespace
 
 int RunDemo(const GlobalOptions& options, const std::vector<std::string>& args) {
-  if (!args.empty()) throw UserError("demo takes no arguments");
+  if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
+    std::fputs("usage: acctl demo\n  The module's start-log dispatcher with two printing sinks.\n", stdout);
+    return 0;
+  }
+  if (!args.empty()) throw UsageError("demo takes no arguments");
   host::LoadedModule module(options.modulePath);
   return Demo(module, options.traceLevel);
 }

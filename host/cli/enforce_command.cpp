@@ -22,6 +22,7 @@
 #include "host/cli/app_control_run.h"
 #include "host/cli/category_document.h"
 #include "host/cli/cli.h"
+#include "host/cli/internal/arg_reader.h"
 #include "host/cli/settings_json.h"
 #include "host/engine/fanotify_listener.h"
 
@@ -50,59 +51,42 @@ constexpr const char* kUsage =
     "  --decision-delay MS testing aid: every decision waits MS first\n"
     "  --json              counters as one JSON line on stdout\n";
 
-// Bad usage: "acctl: enforce: <what>" and exit 2.
-struct UsageError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-std::chrono::milliseconds ParseMs(const std::string& text, const std::string& option) {
-  char* end = nullptr;
-  errno = 0;
-  const unsigned long value = std::strtoul(text.c_str(), &end, 10);
-  if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || value > 3'600'000ul)
-    throw UsageError(option + " wants milliseconds (0 to 3600000), not '" + text + "'");
-  return std::chrono::milliseconds(value);
-}
-
 EnforceArgs ParseArgs(const std::vector<std::string>& args) {
   EnforceArgs out;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    auto value = [&]() -> const std::string& {
-      if (i + 1 >= args.size()) throw UsageError(a + " needs a value");
-      return args[++i];
-    };
-    if (a == "--settings") {
-      out.settingsPath = value();
-    } else if (a == "--categories") {
-      out.categoriesPath = value();
-    } else if (a == "--watch") {
-      out.listener.watchDirs.push_back(value());
-    } else if (a == "--mount") {
-      out.listener.mounts.push_back(value());
-    } else if (a == "--on-timeout") {
-      const std::string& policy = value();
-      if (policy != "allow" && policy != "deny") throw UsageError("--on-timeout is allow or deny, not '" + policy + "'");
+  ArgReader r("enforce", args);
+  constexpr std::uint64_t kMaxMs = 3'600'000;
+  while (r.Next()) {
+    if (r.Is("--settings")) {
+      out.settingsPath = r.Value();
+    } else if (r.Is("--categories")) {
+      out.categoriesPath = r.Value();
+    } else if (r.Is("--watch")) {
+      out.listener.watchDirs.push_back(r.Value());
+    } else if (r.Is("--mount")) {
+      out.listener.mounts.push_back(r.Value());
+    } else if (r.Is("--on-timeout")) {
+      const std::string& policy = r.Value();
+      if (policy != "allow" && policy != "deny") r.Fail("--on-timeout is allow or deny, not '" + policy + "'");
       out.listener.denyOnTimeout = policy == "deny";
-    } else if (a == "--decision-timeout") {
-      out.listener.decisionTimeout = ParseMs(value(), a);
-      if (out.listener.decisionTimeout.count() == 0) throw UsageError("--decision-timeout must be above 0");
-    } else if (a == "--decision-delay") {
-      out.listener.decisionDelay = ParseMs(value(), a);
-    } else if (a == "--events") {
-      out.eventsPath = value();
-    } else if (a == "--json") {
+    } else if (r.Is("--decision-timeout")) {
+      out.listener.decisionTimeout = std::chrono::milliseconds(r.Number(kMaxMs));
+      if (out.listener.decisionTimeout.count() == 0) r.Fail("--decision-timeout must be above 0");
+    } else if (r.Is("--decision-delay")) {
+      out.listener.decisionDelay = std::chrono::milliseconds(r.Number(kMaxMs));
+    } else if (r.Is("--events")) {
+      out.eventsPath = r.Value();
+    } else if (r.Is("--json")) {
       out.json = true;
-    } else if (a == "--help" || a == "-h") {
+    } else if (r.IsHelp()) {
       out.help = true;
       return out;
     } else {
-      throw UsageError("unknown argument '" + a + "'");
+      r.Fail("unexpected argument " + r.Operand());
     }
   }
-  if (out.settingsPath.empty()) throw UsageError("--settings SETTINGS.json is required");
+  if (out.settingsPath.empty()) r.Fail("--settings SETTINGS.json is required");
   if (out.listener.watchDirs.empty() && out.listener.mounts.empty())
-    throw UsageError("nothing to enforce on: give --watch DIR or --mount PATH");
+    r.Fail("nothing to enforce on: give --watch DIR or --mount PATH");
   return out;
 }
 
@@ -227,13 +211,7 @@ class Enforcer {
 }  // namespace
 
 int RunEnforce(const GlobalOptions& globalOptions, const std::vector<std::string>& argv) {
-  EnforceArgs args;
-  try {
-    args = ParseArgs(argv);
-  } catch (const UsageError& e) {
-    std::fprintf(stderr, "acctl: enforce: %s\n", e.what());
-    return 2;
-  }
+  const EnforceArgs args = ParseArgs(argv);
   if (args.help) {
     std::fputs(kUsage, stdout);
     return 0;

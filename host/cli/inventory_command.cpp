@@ -19,6 +19,7 @@
 #include "app_control/module_entry.h"
 #include "host/cli/cli.h"
 #include "host/cli/host_session.h"
+#include "host/cli/internal/arg_reader.h"
 #include "host/cli/module_objects.h"
 #include "zel/strings/conversions.h"
 
@@ -39,40 +40,23 @@ const char kInventoryUsage[] =
     "  Lists the stored inventory: all of it, M records from position N, or the one record ID\n"
     "  (with its categories by name).\n";
 
-struct UsageError : UserError {
-  using UserError::UserError;
-};
-
-std::uint64_t Number(const std::string& text, const std::string& what) {
-  char* end = nullptr;
-  errno = 0;
-  const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-  if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0)
-    throw UsageError("inventory: bad " + what + " '" + text + "'");
-  return value;
-}
-
 InventoryArgs ParseInventoryArgs(const std::vector<std::string>& args) {
   InventoryArgs out;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    auto value = [&]() -> const std::string& {
-      if (i + 1 >= args.size()) throw UsageError("inventory: " + a + " needs a value");
-      return args[++i];
-    };
-    if (a == "--json") {
+  ArgReader r("inventory", args);
+  while (r.Next()) {
+    if (r.Is("--json")) {
       out.json = true;
-    } else if (a == "--from") {
-      out.from = Number(value(), "--from");
-    } else if (a == "--count") {
-      out.count = Number(value(), "--count");
-    } else if (a == "--id") {
-      out.id = Number(value(), "--id");
+    } else if (r.Is("--from")) {
+      out.from = r.Number();
+    } else if (r.Is("--count")) {
+      out.count = r.Number();
+    } else if (r.Is("--id")) {
+      out.id = r.Number();
       out.one = true;
-    } else if (a == "--help" || a == "-h") {
+    } else if (r.IsHelp()) {
       out.help = true;
     } else {
-      throw UsageError("inventory: unexpected argument " + a);
+      r.Fail("unexpected argument " + r.Operand());
     }
   }
   return out;
@@ -134,13 +118,7 @@ void PrintTable(const std::vector<tov::ApplicationInfo>& records, bool names) {
 }  // namespace
 
 int RunInventory(const GlobalOptions& options, const std::vector<std::string>& arguments) {
-  InventoryArgs args;
-  try {
-    args = ParseInventoryArgs(arguments);
-  } catch (const UsageError& e) {
-    std::fprintf(stderr, "acctl: %s\n", e.what());
-    return 2;
-  }
+  const InventoryArgs args = ParseInventoryArgs(arguments);
   if (args.help) {
     std::fputs(kInventoryUsage, stdout);
     return 0;

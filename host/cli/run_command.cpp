@@ -15,6 +15,7 @@
 #include "host/cli/app_control_run.h"
 #include "host/cli/cli.h"
 #include "host/cli/host_session.h"
+#include "host/cli/internal/arg_reader.h"
 #include "host/cli/settings_json.h"
 
 namespace host::cli {
@@ -25,7 +26,15 @@ struct RunArgs {
   std::string categoriesPath;
   std::string startsPath;
   std::vector<std::string> starts;
+  bool help = false;
 };
+
+constexpr const char* kRunUsage =
+    "usage: acctl run --settings SETTINGS.json [--categories CATEGORIES.json] [--starts FILE]\n"
+    "                 [PATH[:USER[:PID]]...]\n"
+    "  Runs application control on the given program starts and prints what it\n"
+    "  publishes for each as a JSON line. FILE holds one start a line:\n"
+    "  PATH [USER [PID]]; blank lines and lines starting with # are skipped.\n";
 
 std::uint32_t ParseNumber(const std::string& text, const std::string& what) {
   char* end = nullptr;
@@ -91,25 +100,22 @@ std::vector<engine::ProgramStart> StartsFromFile(const std::string& path) {
 
 RunArgs ParseArgs(const std::vector<std::string>& args) {
   RunArgs out;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    auto value = [&]() -> const std::string& {
-      if (i + 1 >= args.size()) throw UserError("run: " + a + " needs a value");
-      return args[++i];
-    };
-    if (a == "--settings") {
-      out.settingsPath = value();
-    } else if (a == "--categories") {
-      out.categoriesPath = value();
-    } else if (a == "--starts") {
-      out.startsPath = value();
-    } else if (!a.empty() && a[0] == '-') {
-      throw UserError("run: unknown option " + a);
+  ArgReader r("run", args);
+  while (r.Next()) {
+    if (r.Is("--settings")) {
+      out.settingsPath = r.Value();
+    } else if (r.Is("--categories")) {
+      out.categoriesPath = r.Value();
+    } else if (r.Is("--starts")) {
+      out.startsPath = r.Value();
+    } else if (r.IsHelp()) {
+      out.help = true;
+      return out;
     } else {
-      out.starts.push_back(a);
+      out.starts.push_back(r.Operand());
     }
   }
-  if (out.settingsPath.empty()) throw UserError("run: --settings SETTINGS.json is required");
+  if (out.settingsPath.empty()) r.Fail("--settings SETTINGS.json is required");
   return out;
 }
 
@@ -117,6 +123,10 @@ RunArgs ParseArgs(const std::vector<std::string>& args) {
 
 int RunRules(const GlobalOptions& options, const std::vector<std::string>& args) {
   const RunArgs run = ParseArgs(args);
+  if (run.help) {
+    std::fputs(kRunUsage, stdout);
+    return 0;
+  }
   // Every input is read and checked before anything is loaded.
   tov::settings::AppControlSettings settings = SettingsFromJson(ReadFile(run.settingsPath), run.settingsPath);
   const std::string categoriesJson = run.categoriesPath.empty() ? std::string() : ReadFile(run.categoriesPath);

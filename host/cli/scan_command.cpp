@@ -38,6 +38,7 @@
 #include "app_control/module_entry.h"
 #include "host/cli/cli.h"
 #include "host/cli/host_session.h"
+#include "host/cli/internal/arg_reader.h"
 #include "host/cli/module_objects.h"
 #include "host/cli/scan_settings_json.h"
 #include "host/module/module_loader.h"
@@ -182,25 +183,17 @@ const char kScanUsage[] =
     "  SIGINT stops the scan (the inventory is left empty); SIGUSR1 or SIGTSTP pauses it,\n"
     "  SIGUSR2 or SIGCONT resumes it.\n";
 
-struct UsageError : UserError {
-  using UserError::UserError;
-};
-
 ScanArgs ParseScanArgs(const std::vector<std::string>& args) {
   ScanArgs out;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
-    auto value = [&]() -> const std::string& {
-      if (i + 1 >= args.size()) throw UsageError("scan: " + a + " needs a value");
-      return args[++i];
-    };
-    if (a == "--settings") {
-      out.settingsPath = value();
-    } else if (a == "--mask") {
-      out.masks.push_back(value());
-      if (out.masks.back().empty()) throw UsageError("scan: --mask needs a non-empty glob");
-    } else if (a == "--golden-image") {
-      const std::string& v = value();
+  ArgReader r("scan", args);
+  while (r.Next()) {
+    if (r.Is("--settings")) {
+      out.settingsPath = r.Value();
+    } else if (r.Is("--mask")) {
+      out.masks.push_back(r.Value());
+      if (out.masks.back().empty()) r.Fail("--mask needs a non-empty glob");
+    } else if (r.Is("--golden-image")) {
+      const std::string& v = r.Value();
       if (v == "add") {
         out.golden = GoldenImageAction::Add;
       } else if (v == "remove") {
@@ -208,29 +201,26 @@ ScanArgs ParseScanArgs(const std::vector<std::string>& args) {
       } else if (v == "none") {
         out.golden = GoldenImageAction::None;
       } else {
-        throw UsageError("scan: --golden-image takes add, remove or none, not '" + v + "'");
+        r.Fail("--golden-image takes add, remove or none, not '" + v + "'");
       }
-    } else if (a == "--interval") {
-      const std::string& v = value();
+    } else if (r.Is("--interval")) {
+      const std::string& v = r.Value();
       char* end = nullptr;
       out.interval = std::strtod(v.c_str(), &end);
-      if (v.empty() || *end != '\0' || !(out.interval > 0) || out.interval > 3600)
-        throw UsageError("scan: bad --interval '" + v + "'");
-    } else if (a == "--no-first-group") {
+      if (v.empty() || *end != '\0' || !(out.interval > 0) || out.interval > 3600) r.Fail("bad --interval '" + v + "'");
+    } else if (r.Is("--no-first-group")) {
       out.noFirstGroup = true;
-    } else if (a == "--no-second-group") {
+    } else if (r.Is("--no-second-group")) {
       out.noSecondGroup = true;
-    } else if (a == "--no-exec-bit") {
+    } else if (r.Is("--no-exec-bit")) {
       out.noExecBit = true;
-    } else if (a == "--json") {
+    } else if (r.Is("--json")) {
       out.json = true;
-    } else if (a == "--help" || a == "-h") {
+    } else if (r.IsHelp()) {
       out.help = true;
-    } else if (!a.empty() && a[0] == '-') {
-      throw UsageError("scan: unknown option " + a);
     } else {
-      if (a.empty()) throw UsageError("scan: an empty root");
-      out.roots.push_back(a);
+      if (r.Operand().empty()) r.Fail("an empty root");
+      out.roots.push_back(r.Arg());
     }
   }
   return out;
@@ -368,20 +358,13 @@ std::string ResultText(zel::result_t r) {
 }  // namespace
 
 int RunScan(const GlobalOptions& options, const std::vector<std::string>& arguments) {
-  ScanArgs args;
-  InventoryScanSettings settings;
-  try {
-    args = ParseScanArgs(arguments);
-    if (args.help) {
-      std::fputs(kScanUsage, stdout);
-      return 0;
-    }
-    settings = BuildSettings(args);
-    CheckRoots(settings);
-  } catch (const UsageError& e) {
-    std::fprintf(stderr, "acctl: %s\n", e.what());
-    return 2;
+  const ScanArgs args = ParseScanArgs(arguments);
+  if (args.help) {
+    std::fputs(kScanUsage, stdout);
+    return 0;
   }
+  InventoryScanSettings settings = BuildSettings(args);
+  CheckRoots(settings);
   const std::string db = StorePath(options);
   const bool terminal = ::isatty(STDERR_FILENO) == 1;
   const double interval = args.interval > 0 ? args.interval : (terminal ? 0.2 : 2.0);

@@ -3,6 +3,7 @@
 // exit code.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 
@@ -76,6 +77,42 @@ TEST_F(AcctlTest, BadInputFailsWithAMessage) {
     EXPECT_NE(o.exitCode, 0) << c.args;
     EXPECT_NE(o.err.find(c.message), std::string::npos) << c.args << "\nstderr: " << o.err;
     EXPECT_EQ(o.out, "") << c.args;
+  }
+}
+
+TEST_F(AcctlTest, EveryCommandAnswersHelpAndBadUsageAlike) {
+  // --help: the usage on stdout, exit 0. A command line the command can't
+  // take: one "acctl:" line naming the command, nothing on stdout, exit 2.
+  const char* const commands[] = {"demo", "run", "categories", "enforce", "scan", "inventory"};
+  for (const std::string command : commands) {
+    const Outcome help = Run(command + " --help");
+    EXPECT_EQ(help.exitCode, 0) << command << ": " << help.err;
+    EXPECT_EQ(help.out.rfind("usage: acctl", 0), 0u) << command << ": " << help.out;
+    EXPECT_EQ(help.err, "") << command;
+
+    const Outcome bad = Run(command + " --frobnicate");
+    EXPECT_EQ(bad.exitCode, 2) << command << ": " << bad.err;
+    EXPECT_EQ(bad.out, "") << command;
+    EXPECT_EQ(bad.err.rfind("acctl: ", 0), 0u) << command << ": " << bad.err;
+    EXPECT_EQ(std::count(bad.err.begin(), bad.err.end(), '\n'), 1) << command << ": " << bad.err;
+  }
+  const struct {
+    const char* args;
+    const char* message;
+  } usage[] = {
+      {"run /bin/true", "acctl: run: --settings SETTINGS.json is required\n"},
+      {"run --settings", "acctl: run: --settings needs a value\n"},
+      {"scan --mask", "acctl: scan: --mask needs a value\n"},
+      {"inventory --count -1", "acctl: inventory: bad --count '-1'\n"},
+      {"inventory extra", "acctl: inventory: unexpected argument extra\n"},
+      {"enforce --settings s.json --watch /tmp --decision-timeout 3600001",
+       "acctl: enforce: bad --decision-timeout '3600001' (0 to 3600000)\n"},
+      {"categories import", "acctl: categories: give import FILE or export\n"},
+  };
+  for (const auto& c : usage) {
+    const Outcome o = Run(c.args);
+    EXPECT_EQ(o.exitCode, 2) << c.args;
+    EXPECT_EQ(o.err, c.message) << c.args;
   }
 }
 
