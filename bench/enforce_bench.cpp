@@ -8,8 +8,7 @@
 //
 // Needs root (fanotify); skipped with a message otherwise. BM_DecisionWork
 // is the part of the added time that is the listener's own work, without
-// any thread hand-over: what a worker does for one start with a warm cache
-// while the start waits; BM_DescribeProcess what it does after the answer.
+// any thread hand-over: what a worker does for one start with a warm cache.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -205,50 +204,28 @@ void BM_FirstStart50MB(benchmark::State& state) {
 }
 BENCHMARK(BM_FirstStart50MB)->Iterations(10)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// The listener's own work for one start with a warm cache, on one thread:
-// what the start waits for (the path, the user and the verdict), then what
-// follows its answer (the process's unique id, for the report).
-struct DecisionBench {
-  DecisionBench() : fd(::open("/usr/bin/true", O_RDONLY | O_CLOEXEC)) {
-    settings.allowListMode = 0;
-    engine.SetProcessRegistry(&processes);
-    engine.DecideHeld(fd, {"/usr/bin/true", 0, self}, settings);
-  }
-  ~DecisionBench() {
-    engine.SetProcessRegistry(nullptr);
-    ::close(fd);
-  }
-
+void BM_DecisionWork(benchmark::State& state) {
   host::ProcessRegistry processes;
   host::engine::Engine engine;
+  engine.SetProcessRegistry(&processes);
   host::engine::EacSettings settings;
-  const host::engine::StartProbe probe{"/proc"};
-  const std::uint32_t self = static_cast<std::uint32_t>(::getpid());
-  const int fd;
-};
-
-void BM_DecisionWork(benchmark::State& state) {
-  DecisionBench b;
+  settings.allowListMode = 0;
+  const int fd = ::open("/usr/bin/true", O_RDONLY | O_CLOEXEC);
+  const auto self = static_cast<std::uint32_t>(::getpid());
+  engine.DecideOpenFile(fd, {"/usr/bin/true", 0, self}, settings);
+  const host::engine::StartProbe probe("/proc");
   for (auto _ : state) {
     bool deleted = false;
     host::engine::ProgramStart start;
-    start.path = b.probe.PathOf(b.fd, &deleted);
-    start.pid = b.self;
-    const auto who = b.probe.Identity(start.pid);
+    start.path = probe.PathOf(fd, &deleted);
+    start.pid = self;
+    const auto who = probe.Identity(start.pid);
     start.uid = who ? who->uid : 0;
-    benchmark::DoNotOptimize(b.engine.DecideHeld(b.fd, start, b.settings));
+    benchmark::DoNotOptimize(engine.DecideOpenFile(fd, start, settings));
   }
+  engine.SetProcessRegistry(nullptr);
+  ::close(fd);
 }
 BENCHMARK(BM_DecisionWork)->Unit(benchmark::kMicrosecond);
-
-void BM_DescribeProcess(benchmark::State& state) {
-  DecisionBench b;
-  host::engine::ProgramDecision decision;
-  for (auto _ : state) {
-    b.engine.DescribeProcess(decision, b.self);
-    benchmark::DoNotOptimize(decision);
-  }
-}
-BENCHMARK(BM_DescribeProcess)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

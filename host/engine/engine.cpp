@@ -184,11 +184,8 @@ ProgramDecision Engine::DecideNow(const ProgramStart& start, const EacSettings& 
   return DecideWithFacts(start, FactsForPath(start.path), settings);
 }
 
-ProgramDecision Engine::DecideHeld(int fd, const ProgramStart& start, const EacSettings& settings) const {
-  ProgramDecision pd;
-  pd.facts = FactsForDescriptor(fd, start.path);
-  Judge(pd, start, settings);
-  return pd;
+ProgramDecision Engine::DecideOpenFile(int fd, const ProgramStart& start, const EacSettings& settings) const {
+  return DecideWithFacts(start, FactsForDescriptor(fd, start.path), settings);
 }
 
 std::shared_ptr<const EacSettings> Engine::ActiveSettings() const {
@@ -201,12 +198,6 @@ ProgramDecision Engine::DecideWithFacts(const ProgramStart& start, FileFacts fac
                                         const EacSettings& settings) const {
   ProgramDecision pd;
   pd.facts = std::move(facts);
-  Judge(pd, start, settings);
-  DescribeProcess(pd, start.pid);
-  return pd;
-}
-
-void Engine::Judge(ProgramDecision& pd, const ProgramStart& start, const EacSettings& settings) const {
   const UserPrincipals user = PrincipalsOf(start.uid);
   pd.decision = Decide(settings, CurrentCategories(), pd.facts, user);
 
@@ -218,22 +209,20 @@ void Engine::Judge(ProgramDecision& pd, const ProgramStart& start, const EacSett
   info.fileName = Wide(pd.facts.name);
   info.filePath = Wide(pd.facts.path);
   info.userId = Wide(uidText);
-  if (pd.decision.ruleIndex >= 0) {
-    pd.category.productCategoryName = settings.rules[static_cast<std::size_t>(pd.decision.ruleIndex)].ruleName;
-  }
-  pd.category.categoryName = pd.decision.categoryName;
-}
-
-void Engine::DescribeProcess(ProgramDecision& pd, std::uint32_t pid) const {
   zel::RefPtr<IProcessRegistry> registry;
   {
     std::lock_guard lock(m_mutex);
     registry = m_processRegistry;
   }
-  if (registry && pid != 0) {
+  if (registry && start.pid != 0) {
     std::uint64_t uniqueId = 0;
-    if (ZEL_SUCCEEDED(registry->GetUniqueId(pid, &uniqueId))) pd.info.processUniqueId = uniqueId;
+    if (ZEL_SUCCEEDED(registry->GetUniqueId(start.pid, &uniqueId))) info.processUniqueId = uniqueId;
   }
+  if (pd.decision.ruleIndex >= 0) {
+    pd.category.productCategoryName = settings.rules[static_cast<std::size_t>(pd.decision.ruleIndex)].ruleName;
+  }
+  pd.category.categoryName = pd.decision.categoryName;
+  return pd;
 }
 
 template <class Hash, class Restat>

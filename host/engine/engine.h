@@ -114,20 +114,15 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
 
   // Decides on the caller's thread with `settings`; reports nothing.
   ProgramDecision DecideNow(const ProgramStart& start, const EacSettings& settings) const;
-  // The same for a start the kernel holds, already open as `fd`: its
-  // content is hashed through that descriptor, never reopened by path, and
-  // `start.path` is taken as its name. Only what the verdict and the report
-  // need of the file and the user is done while the start waits; the
-  // process's unique id waits for DescribeProcess, once it is answered.
-  ProgramDecision DecideHeld(int fd, const ProgramStart& start, const EacSettings& settings) const;
-  // Gives the report of a decision the unique id of process `pid`; left
-  // 0 when the process is gone.
-  void DescribeProcess(ProgramDecision& pd, std::uint32_t pid) const;
+  // The same for a program already open as `fd` (a start caught in the
+  // kernel): its content is hashed through that descriptor, never reopened
+  // by path, and `start.path` is taken as its name.
+  ProgramDecision DecideOpenFile(int fd, const ProgramStart& start, const EacSettings& settings) const;
   // The settings of the started engine task; null while none is started or
   // it is paused, when nothing is enforced.
   std::shared_ptr<const EacSettings> ActiveSettings() const;
   // Tells every subscriber about a decision taken with DecideNow or
-  // DecideHeld, on the caller's thread; like the engine thread, it
+  // DecideOpenFile, on the caller's thread; like the engine thread, it
   // counts a sink that throws and goes on.
   void Report(const ProgramDecision& decision);
 
@@ -199,9 +194,6 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   FileFacts FactsForPath(const std::string& path) const;
   FileFacts FactsForDescriptor(int fd, const std::string& path) const;
   ProgramDecision DecideWithFacts(const ProgramStart& start, FileFacts facts, const EacSettings& settings) const;
-  // The verdict on `pd.facts` for `start`'s user, and what the report says
-  // of the program, the user and the rule.
-  void Judge(ProgramDecision& pd, const ProgramStart& start, const EacSettings& settings) const;
   // Hash of an open file through the cache: `stamp` is its fstat before
   // reading, `restat` gives it again afterwards; the result is cached only
   // when the file did not change while it was read.

@@ -204,7 +204,7 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
       return;
     }
     start.uid = who->uid;
-    ProgramDecision decision = l.m_engine.DecideHeld(m_fd, start, *settings);
+    ProgramDecision decision = l.m_engine.DecideOpenFile(m_fd, start, *settings);
     if (deleted) {
       ZEL_TRACE(l.m_tracer, zel::trace_level::Notice)
           << "enforce: " << start.path << " was deleted before its start by process " << m_pid
@@ -242,38 +242,10 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     (allow ? c.allowed : c.blocked).fetch_add(1);
     // Queued before the answer, so that a start that follows this one in
     // time is published after it; but the publisher is woken only once the
-    // start is answered and its report complete: it must not take the
-    // processor from the program, and it waits for the report anyway. The
-    // process's unique id (a read of procfs that a new process makes dear)
-    // is looked up once the start is answered: a program that ends at once
-    // may be gone by then, and its report names no process.
-    std::shared_ptr<PendingReport> report;
-    try {
-      report = std::make_shared<PendingReport>();
-      report->decision = std::move(*m_decision);
-    } catch (...) {
-      // No memory for a report: the start is answered all the same.
-      l.Respond(m_fd, allow);
-      return;
-    }
-    struct Complete {
-      PendingReport& report;
-      ~Complete() {
-        report.complete.store(true, std::memory_order_release);
-        report.complete.notify_one();
-      }
-    };
+    // start is answered: it must not take the processor from the program.
     bool wakePublisher = false;
-    {
-      Complete complete{*report};
-      l.m_published.PushWithoutWake(report, &wakePublisher);
-      l.Respond(m_fd, allow);
-      try {
-        l.m_engine.DescribeProcess(report->decision, m_pid);
-      } catch (...) {
-        // Out of memory: the report goes out without the process.
-      }
-    }
+    l.m_published.PushWithoutWake(std::move(*m_decision), &wakePublisher);
+    l.Respond(m_fd, allow);
     if (wakePublisher) l.m_published.Wake();
   }
 
@@ -520,13 +492,11 @@ void FanotifyListener::HandleStart(int fd, std::int32_t pid, bool here) {
 }
 
 void FanotifyListener::PublishLoop() {
-  std::vector<std::shared_ptr<PendingReport>> batch;
+  std::vector<ProgramDecision> batch;
   while (m_published.PopBatch(batch, kPublishLinger)) {
-    for (const std::shared_ptr<PendingReport>& report : batch) {
-      // Its start is answered; who started it follows in a moment.
-      report->complete.wait(false, std::memory_order_acquire);
+    for (const ProgramDecision& decision : batch) {
       try {
-        m_engine.Report(report->decision);
+        m_engine.Report(decision);
       } catch (...) {
         // Reporting can't change what was answered; the next one may fare better.
       }

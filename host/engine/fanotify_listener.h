@@ -138,13 +138,6 @@ class FanotifyListener {
  private:
   class ExecJob;
   friend class ExecJob;
-  // A decision on its way to the subscribers. It is queued before its start
-  // is answered, so that reports keep the order of the answers, and
-  // completed (the process's unique id) after; the publisher waits for that.
-  struct PendingReport {
-    ProgramDecision decision;
-    std::atomic<bool> complete{false};
-  };
 
   // Deciding thread: reads one event at a time and decides it itself.
   void DecideLoop(int epoll);
@@ -180,7 +173,7 @@ class FanotifyListener {
   bool m_stopping = false;  // under m_delayMutex
   EnforceCounters m_counters;
   std::unique_ptr<DeadlinePool> m_pool;
-  BoundedQueue<std::shared_ptr<PendingReport>> m_published;
+  BoundedQueue<ProgramDecision> m_published;
   std::vector<int> m_epolls;  // the deciding threads' ones first, the overflow reader's last
   std::vector<std::thread> m_deciders;
   std::thread m_reader;
