@@ -317,6 +317,29 @@ TEST_F(EnforceTest, BlockedCopyFailsWithEpermWhileTheAllowedOneAndUnwatchedOnesR
   }
 }
 
+TEST_F(EnforceTest, EveryReportNamesTheProcessEvenOfAProgramThatEndsAtOnce) {
+  // The process's facts are read while its start is held: once it is
+  // answered, a program like this one is gone before anything could look.
+  REQUIRE_FANOTIFY();
+  const fs::path allowed = Program("allowed", bin);
+  Acctl acctl(dir, Enforce(DenySettings()));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  std::vector<pid_t> pids;
+  for (int i = 0; i < 20; ++i) {
+    Child child(allowed);
+    pids.push_back(child.Pid());
+    ASSERT_EQ(child.Wait().exitCode, 0);
+  }
+  acctl.Signal(SIGTERM);
+  ASSERT_EQ(acctl.Wait(), 0) << acctl.Err();
+  const std::vector<std::string> lines = EventLines();
+  ASSERT_EQ(lines.size(), pids.size()) << Slurp(events);
+  for (std::size_t i = 0; i < pids.size(); ++i) {
+    EXPECT_NE(lines[i].find("\"ProcessId\":" + std::to_string(pids[i]) + ","), std::string::npos) << lines[i];
+    EXPECT_NE(lines[i].find("\"AccessUserId\":0,"), std::string::npos) << lines[i];
+  }
+}
+
 TEST_F(EnforceTest, GoldenImageAllowListRunsOnlyTheImagesContent) {
   REQUIRE_FANOTIFY();
   std::string trueHash;
