@@ -2,9 +2,10 @@
 // copy of /usr/bin/true in a directory that `acctl enforce` watches,
 // alternated with the same in a directory it does not watch, in one run
 // (so both see the same machine load). Reported: microseconds per start
-// without and with the listener, and the difference, with the hash cache
-// warm. A second benchmark gives the first-start cost of a 50 MB program
-// (a content never seen, so it is hashed while the start waits).
+// without and with the listener, and the difference (of the averages and of
+// the medians), with the hash cache warm. A second benchmark gives the
+// first-start cost of a 50 MB program (a content never seen, so it is
+// hashed while the start waits).
 //
 // Needs root (fanotify); skipped with a message otherwise. BM_DecisionWork
 // is the part of the added time that is the listener's own work, without
@@ -16,9 +17,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <random>
 #include <sstream>
 #include <string>
@@ -129,7 +132,9 @@ bool StartListener(benchmark::State& state, Listener& listener) {
 }
 
 // Start times of the same program outside and inside the watched directory,
-// summed over the iterations and reported as averages.
+// reported as averages and as medians: on a shared machine a few starts
+// that wait a millisecond for the processor move the average by tens of
+// microseconds, the median hardly at all.
 class SideBySide {
  public:
   // False (and the benchmark marked failed) when either start failed.
@@ -138,22 +143,28 @@ class SideBySide {
       state.SkipWithError("a start failed");
       return false;
     }
-    m_base += plainUs;
-    m_enforced += watchedUs;
-    ++m_n;
+    m_base.push_back(plainUs);
+    m_enforced.push_back(watchedUs);
     return true;
   }
-  void Report(benchmark::State& state, const char* enforcedName) const {
-    if (m_n == 0) return;
-    const double n = static_cast<double>(m_n);
-    state.counters["base_us"] = m_base / n;
-    state.counters[enforcedName] = m_enforced / n;
-    state.counters["added_us"] = (m_enforced - m_base) / n;
+  void Report(benchmark::State& state, const char* enforcedName) {
+    if (m_base.empty()) return;
+    const double base = Mean(m_base), enforced = Mean(m_enforced);
+    state.counters["base_us"] = base;
+    state.counters[enforcedName] = enforced;
+    state.counters["added_us"] = enforced - base;
+    state.counters["added_median_us"] = Median(m_enforced) - Median(m_base);
   }
 
  private:
-  double m_base = 0, m_enforced = 0;
-  std::int64_t m_n = 0;
+  static double Mean(const std::vector<double>& v) { return std::accumulate(v.begin(), v.end(), 0.0) / v.size(); }
+  static double Median(std::vector<double>& v) {
+    const auto middle = v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2);
+    std::nth_element(v.begin(), middle, v.end());
+    return *middle;
+  }
+
+  std::vector<double> m_base, m_enforced;
 };
 
 void BM_StartWarmCache(benchmark::State& state) {
