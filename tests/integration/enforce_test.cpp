@@ -459,7 +459,9 @@ TEST_F(EnforceTest, StartsBeyondTheBusyDecidingThreadsAreTakenAtOnceAndDecided) 
   EXPECT_NE(acctl.Err().find("decided 6, allowed 3, blocked 3, test-mode 0, timed out 0, undecided 0"),
             std::string::npos)
       << acctl.Err();
-  EXPECT_EQ(EventLines().size(), 6u) << Slurp(events);
+  // With the listener's own account (events dropped, traces): one report
+  // went missing once in a loaded sanitizer run, and this says where.
+  EXPECT_EQ(EventLines().size(), 6u) << Slurp(events) << "\nacctl stderr:\n" << acctl.Err();
 }
 
 TEST_F(EnforceTest, SigtermAnswersAPendingStartBeforeTheListenerEnds) {
