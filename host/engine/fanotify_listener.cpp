@@ -17,6 +17,7 @@
 #include <mutex>
 #include <utility>
 
+#include "host/services/pidfd.h"
 #include "zel/trace/trace_stream.h"
 
 namespace host::engine {
@@ -29,19 +30,6 @@ constexpr std::string_view kDeletedMark = " (deleted)";
 constexpr std::chrono::milliseconds kPublishLinger{10};
 
 std::string ErrnoText(int error) { return std::strerror(error); }
-
-// Linux's struct pidfd_info as of 6.13 (its first, 64-byte version), which
-// Debian 12's headers predate. A later kernel answers this size too.
-struct PidfdInfo {
-  std::uint64_t mask;
-  std::uint64_t cgroupid;
-  std::uint32_t pid, tgid, ppid, ruid, rgid, euid, egid, suid, sgid, fsuid, fsgid;
-  std::uint32_t spare0;
-};
-static_assert(sizeof(PidfdInfo) == 64);
-constexpr unsigned long kPidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
-constexpr std::uint64_t kPidfdInfoPid = 1u << 0;
-constexpr std::uint64_t kPidfdInfoCreds = 1u << 1;
 
 // Takes the kernel's " (deleted)" mark off a link read for `fd`.
 std::string DescriptorPath(const char* buffer, ssize_t n, int fd, bool* deleted) {
@@ -109,26 +97,9 @@ std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, 
 }
 
 std::optional<ProcessIdentity> QueryProcessIdentity(std::uint32_t pid, bool* unsupported) {
-  *unsupported = false;
-  const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0u));
-  if (pidfd < 0) {
-    *unsupported = errno == ENOSYS;
-    return std::nullopt;
-  }
-  PidfdInfo info{};
-  info.mask = kPidfdInfoPid | kPidfdInfoCreds;
-  const int r = ::ioctl(pidfd, kPidfdGetInfo, &info);
-  const int error = errno;
-  ::close(pidfd);
-  if (r != 0) {
-    *unsupported = error == ENOTTY || error == EINVAL || error == EOPNOTSUPP;
-    return std::nullopt;
-  }
-  if ((info.mask & (kPidfdInfoPid | kPidfdInfoCreds)) != (kPidfdInfoPid | kPidfdInfoCreds)) {
-    *unsupported = true;
-    return std::nullopt;
-  }
-  return ProcessIdentity{info.ruid, info.ppid};
+  const std::optional<PidfdFacts> facts = QueryPidfd(pid, unsupported);
+  if (!facts) return std::nullopt;
+  return ProcessIdentity{facts->uid, facts->ppid};
 }
 
 std::string PathOfDescriptor(const std::string& procRoot, int fd, bool* deleted) {

@@ -12,8 +12,10 @@
 #include <fstream>
 #include <iterator>
 #include <new>
+#include <optional>
 
 #include "host/services/fault_switchboard.h"
+#include "host/services/pidfd.h"
 #include "zel/strings/conversions.h"
 
 namespace host {
@@ -120,15 +122,12 @@ class ProcessObject final : public HeapObject<ProcessObject, IProcessObject> {
   const ProcessDescription m_description;
 };
 
-zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, const StatLine& stat,
+zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, std::uint64_t parentUniqueId,
                                 IProcessObject** process) {
   try {
     ProcessDescription d;
     d.processId = pid;
-    StatLine parent;
-    if (stat.parentPid != 0 && ReadStat(procRoot, stat.parentPid, &parent)) {
-      d.parentUniqueId = MakeUniqueId(stat.parentPid, parent.startTime);
-    }
+    d.parentUniqueId = parentUniqueId;
     const std::string base = procRoot + "/" + std::to_string(pid);
     d.imagePath = zel::Utf8ToWide(ReadLink(base + "/exe"));
     d.commandLine = zel::Utf8ToWide(ReadCommandLine(base + "/cmdline"));
@@ -140,15 +139,48 @@ zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, 
   }
 }
 
+// Pidfd serials tell processes apart only with the real procfs: a copy of
+// it given for tests describes processes that pidfd_open would not find.
+bool UsePidfdSerials(const std::string& procRoot) {
+  if (procRoot != "/proc") return false;
+  bool unsupported = false;
+  const std::optional<PidfdFacts> self = QueryPidfd(static_cast<std::uint32_t>(::getpid()), &unsupported);
+  return self && self->serial != 0;
+}
+
 }  // namespace
+
+ProcessRegistry::ProcessRegistry(std::string procRoot)
+    : m_procRoot(std::move(procRoot)), m_pidfdSerials(UsePidfdSerials(m_procRoot)) {}
+
+bool ProcessRegistry::ReadIncarnation(std::uint32_t pid, Incarnation* out) const {
+  if (m_pidfdSerials) {
+    bool unsupported = false;
+    const std::optional<PidfdFacts> facts = QueryPidfd(pid, &unsupported);
+    if (!facts || facts->serial == 0) return false;
+    *out = {facts->ppid, facts->serial};
+    return true;
+  }
+  StatLine stat;
+  if (!ReadStat(m_procRoot, pid, &stat)) return false;
+  *out = {stat.parentPid, stat.startTime};
+  return true;
+}
+
+std::uint64_t ProcessRegistry::ParentUniqueId(std::uint32_t parentPid, std::uint64_t childStamp) const {
+  Incarnation parent;
+  // A parent younger than its child is another process that took the pid.
+  if (parentPid == 0 || !ReadIncarnation(parentPid, &parent) || parent.stamp > childStamp) return 0;
+  return MakeUniqueId(parentPid, parent.stamp);
+}
 
 zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uniqueId) {
   if (const zel::result_t fault = FaultAt(FaultPoint::ProcessRegistryGet)) return fault;
   if (uniqueId == nullptr || pid == 0 || pid >= (1u << kPidBits)) return zel::result::InvalidArgument;
-  StatLine stat;
-  if (!ReadStat(m_procRoot, pid, &stat)) return zel::result::NotFound;
-  *uniqueId = MakeUniqueId(pid, stat.startTime);
-  Remember(*uniqueId, stat.parentPid);
+  Incarnation incarnation;
+  if (!ReadIncarnation(pid, &incarnation)) return zel::result::NotFound;
+  *uniqueId = MakeUniqueId(pid, incarnation.stamp);
+  Remember(*uniqueId, incarnation.parentPid);
   return zel::result::NoError;
 }
 
@@ -173,9 +205,9 @@ zel::result_t ProcessRegistry::GetProcessByPid(std::uint32_t pid, IProcessObject
   if (const zel::result_t fault = FaultAt(FaultPoint::ProcessRegistryGet)) return fault;
   if (process == nullptr || pid == 0 || pid >= (1u << kPidBits)) return zel::result::InvalidArgument;
   *process = nullptr;
-  StatLine stat;
-  if (!ReadStat(m_procRoot, pid, &stat)) return zel::result::NotFound;
-  return MakeProcessObject(m_procRoot, pid, stat, process);
+  Incarnation incarnation;
+  if (!ReadIncarnation(pid, &incarnation)) return zel::result::NotFound;
+  return MakeProcessObject(m_procRoot, pid, ParentUniqueId(incarnation.parentPid, incarnation.stamp), process);
 }
 
 zel::result_t ProcessRegistry::GetProcess(const std::uint64_t* uniqueId, IProcessObject** process) {
@@ -184,23 +216,20 @@ zel::result_t ProcessRegistry::GetProcess(const std::uint64_t* uniqueId, IProces
   *process = nullptr;
   const std::uint32_t pid = PidOf(*uniqueId);
   if (pid == 0) return zel::result::NotFound;
-  StatLine stat;
+  const std::uint64_t stamp = *uniqueId >> kPidBits;
+  Incarnation incarnation;
   // A pid that now belongs to a younger process is not the one asked for.
-  if (ReadStat(m_procRoot, pid, &stat) && MakeUniqueId(pid, stat.startTime) == *uniqueId) {
-    return MakeProcessObject(m_procRoot, pid, stat, process);
+  if (ReadIncarnation(pid, &incarnation) && incarnation.stamp == stamp) {
+    return MakeProcessObject(m_procRoot, pid, ParentUniqueId(incarnation.parentPid, stamp), process);
   }
   std::uint32_t parentPid = 0;
   if (!Recall(*uniqueId, &parentPid)) return zel::result::NotFound;
   // Ended since: its pid, and its parent when that one is still the process
-  // that was there before it (not younger than it).
+  // that was there before it.
   try {
     ProcessDescription d;
     d.processId = pid;
-    StatLine parent;
-    if (parentPid != 0 && ReadStat(m_procRoot, parentPid, &parent) &&
-        parent.startTime <= (*uniqueId >> kPidBits)) {
-      d.parentUniqueId = MakeUniqueId(parentPid, parent.startTime);
-    }
+    d.parentUniqueId = ParentUniqueId(parentPid, stamp);
     *process = MakeHeapObject<ProcessObject>(std::move(d)).Detach();
     return zel::result::NoError;
   } catch (const std::bad_alloc&) {

@@ -1,8 +1,13 @@
 // host::ProcessRegistry: the reference host's IProcessRegistry over procfs.
-// A process's unique id joins its start time (clock ticks since boot, from
-// /proc/<pid>/stat) with its pid, so a pid that the kernel hands out again
-// names a different process: (starttime << 22) | pid, pids staying below
-// 2^22 on Linux. Process objects are snapshots taken when they are asked for.
+// A process's unique id joins a stamp of its incarnation with its pid, so a
+// pid that the kernel hands out again names a different process:
+// (stamp << 22) | pid, pids staying below 2^22 on Linux. The stamp is the
+// process's pidfd serial where the kernel has one (see pidfd.h): asked of a
+// pidfd, it costs no procfs read while a program start is held. Elsewhere,
+// and always for a copy of procfs given for tests, it is the start time
+// (clock ticks since boot, from <procRoot>/<pid>/stat). Either stamp grows
+// with the age of the machine, so a parent's is never above its child's.
+// Process objects are snapshots taken when they are asked for.
 //
 // The last processes given a unique id are remembered with their parent: an
 // event about a program start is published after the start was answered,
@@ -24,7 +29,7 @@ namespace host {
 class ProcessRegistry final : public OwnedObject<ProcessRegistry, IProcessRegistry> {
  public:
   // `procRoot`: where procfs is mounted; a copy of it serves tests.
-  explicit ProcessRegistry(std::string procRoot = "/proc") : m_procRoot(std::move(procRoot)) {}
+  explicit ProcessRegistry(std::string procRoot = "/proc");
   ProcessRegistry(const ProcessRegistry&) = delete;
   ProcessRegistry& operator=(const ProcessRegistry&) = delete;
 
@@ -36,6 +41,8 @@ class ProcessRegistry final : public OwnedObject<ProcessRegistry, IProcessRegist
   static std::uint32_t PidOf(std::uint64_t uniqueId) noexcept {
     return static_cast<std::uint32_t>(uniqueId & ((1u << kPidBits) - 1));
   }
+  // Whether stamps are pidfd serials here (else start times).
+  bool UsesPidfdSerials() const noexcept { return m_pidfdSerials; }
 
  private:
   struct Remembered {
@@ -44,10 +51,19 @@ class ProcessRegistry final : public OwnedObject<ProcessRegistry, IProcessRegist
   };
   static constexpr std::size_t kRemembered = 256;
 
+  struct Incarnation {
+    std::uint32_t parentPid = 0;
+    std::uint64_t stamp = 0;
+  };
+  bool ReadIncarnation(std::uint32_t pid, Incarnation* out) const;
+  // The parent's unique id, 0 when it is gone or its pid now names a process
+  // younger than the child of stamp `childStamp`.
+  std::uint64_t ParentUniqueId(std::uint32_t parentPid, std::uint64_t childStamp) const;
   void Remember(std::uint64_t uniqueId, std::uint32_t parentPid);
   bool Recall(std::uint64_t uniqueId, std::uint32_t* parentPid) const;
 
   const std::string m_procRoot;
+  const bool m_pidfdSerials;
   mutable std::mutex m_rememberedMutex;
   std::array<Remembered, kRemembered> m_remembered{};
   std::size_t m_nextRemembered = 0;

@@ -1,6 +1,7 @@
 // The procfs process registry against the test process itself, and against
 // a made-up procfs for the parsing of awkward command names and pid reuse.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -52,6 +53,50 @@ TEST(ProcessRegistry, DescribesTheTestProcess) {
   EXPECT_FALSE(none);
   const std::uint64_t zero = 0;
   EXPECT_EQ(registry.GetProcess(&zero, none.Ref()), zel::result::NotFound);
+}
+
+// Where pidfds carry serials, ids are asked of the kernel, not of procfs:
+// a later process has a larger stamp, a pid's id stays the same while its
+// process lives, and an ended child is still described with its parent.
+TEST(ProcessRegistry, PidfdSerialsOrderProcessesByAge) {
+  host::ProcessRegistry registry;
+  if (!registry.UsesPidfdSerials()) GTEST_SKIP() << "this kernel's pidfds carry no serial (pidfs, Linux 6.9)";
+  const auto self = static_cast<std::uint32_t>(::getpid());
+  std::uint64_t mine = 0, again = 0;
+  ASSERT_EQ(registry.GetUniqueId(self, &mine), 0);
+  ASSERT_EQ(registry.GetUniqueId(self, &again), 0);
+  EXPECT_EQ(mine, again);
+
+  std::uint64_t children[2] = {};
+  for (std::uint64_t& id : children) {
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::close(ready[1]);
+      char c;
+      (void)!::read(ready[0], &c, 1);  // lives until its id is taken
+      ::_exit(0);
+    }
+    ASSERT_GT(child, 0);
+    EXPECT_EQ(registry.GetUniqueId(static_cast<std::uint32_t>(child), &id), 0);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(host::ProcessRegistry::PidOf(id), static_cast<std::uint32_t>(child));
+  }
+  const unsigned shift = host::ProcessRegistry::kPidBits;
+  EXPECT_GT(children[0] >> shift, mine >> shift) << "a child is younger than its parent";
+  EXPECT_GT(children[1] >> shift, children[0] >> shift) << "the second child is younger than the first";
+
+  // Both children have ended: described from memory, with this process as parent.
+  zel::RefPtr<IProcessObject> ended;
+  ASSERT_EQ(registry.GetProcess(&children[1], ended.Ref()), 0);
+  ProcessDescription d;
+  ASSERT_EQ(ended->GetDescription(&d), 0);
+  EXPECT_EQ(d.processId, host::ProcessRegistry::PidOf(children[1]));
+  EXPECT_EQ(d.parentUniqueId, mine);
+  EXPECT_TRUE(d.imagePath.view().empty());
 }
 
 TEST(ProcessRegistry, ParsesCommandNamesWithParenthesesAndBlanks) {
