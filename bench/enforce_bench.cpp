@@ -7,12 +7,19 @@
 // first-start cost of a 50 MB program (a content never seen, so it is
 // hashed while the start waits).
 //
+// BM_StartAllowAtOnce is the floor under any listener: a thread of this
+// process that answers every start FAN_ALLOW the moment it reads it,
+// measured the same way. What acctl enforce adds beyond it is its own.
+//
 // Needs root (fanotify); skipped with a message otherwise. BM_DecisionWork
 // is the part of the added time that is the listener's own work, without
 // any thread hand-over: what a worker does for one start with a warm cache.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/fanotify.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -185,6 +192,87 @@ void BM_StartWarmCache(benchmark::State& state) {
   times.Report(state, "enforced_us");
 }
 BENCHMARK(BM_StartWarmCache)->Iterations(2000)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// A listener that decides nothing: one thread, blocking reads, FAN_ALLOW for
+// every start. Ends when the group is closed under it.
+class AllowAtOnce {
+ public:
+  // False when fanotify can't be had or `dir` can't be marked.
+  bool Open(const std::string& dir) {
+    m_fan = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY | O_LARGEFILE);
+    if (m_fan < 0) return false;
+    if (::fanotify_mark(m_fan, FAN_MARK_ADD, FAN_OPEN_EXEC_PERM | FAN_EVENT_ON_CHILD, AT_FDCWD, dir.c_str()) != 0)
+      return false;
+    m_wake = ::eventfd(0, EFD_CLOEXEC);
+    m_thread = std::thread([this] { Loop(); });
+    return true;
+  }
+  ~AllowAtOnce() {
+    if (m_thread.joinable()) {
+      const std::uint64_t one = 1;
+      (void)!::write(m_wake, &one, sizeof one);
+      m_thread.join();
+    }
+    if (m_wake >= 0) ::close(m_wake);
+    if (m_fan >= 0) ::close(m_fan);
+  }
+
+ private:
+  void Loop() {
+    alignas(fanotify_event_metadata) char buffer[4096];
+    pollfd fds[2] = {{m_fan, POLLIN, 0}, {m_wake, POLLIN, 0}};
+    for (;;) {
+      // Blocks in read as a plain listener does; the poll only lets it end.
+      if (::poll(fds, 2, -1) < 0 || (fds[1].revents & POLLIN) != 0) return;
+      const ssize_t n = ::read(m_fan, buffer, sizeof buffer);
+      if (n <= 0) continue;
+      auto* event = reinterpret_cast<fanotify_event_metadata*>(buffer);
+      for (ssize_t left = n; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
+        if (event->fd < 0) continue;
+        const fanotify_response answer{event->fd, FAN_ALLOW};
+        (void)!::write(m_fan, &answer, sizeof answer);
+        ::close(event->fd);
+      }
+    }
+  }
+
+  int m_fan = -1;
+  int m_wake = -1;
+  std::thread m_thread;
+};
+
+void BM_StartAllowAtOnce(benchmark::State& state) {
+  if (::geteuid() != 0) {
+    state.SkipWithError("needs root for fanotify");
+    return;
+  }
+  std::string pattern = (fs::temp_directory_path() / "enforce_floor.XXXXXX").string();
+  const fs::path root = ::mkdtemp(pattern.data());
+  fs::create_directory(root / "watched");
+  fs::create_directory(root / "plain");
+  const std::string watched = (root / "watched" / "true").string(), plain = (root / "plain" / "true").string();
+  fs::copy_file("/usr/bin/true", watched);
+  fs::copy_file("/usr/bin/true", plain);
+  {
+    AllowAtOnce listener;
+    if (!listener.Open((root / "watched").string())) {
+      state.SkipWithError("fanotify is not available");
+    } else {
+      for (int i = 0; i < 20; ++i) {
+        TimedStart(watched);
+        TimedStart(plain);
+      }
+      SideBySide times;
+      for (auto _ : state) {
+        const double p = TimedStart(plain), w = TimedStart(watched);
+        if (!times.Add(state, p, w)) break;
+      }
+      times.Report(state, "enforced_us");
+    }
+  }
+  fs::remove_all(root);
+}
+BENCHMARK(BM_StartAllowAtOnce)->Iterations(2000)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void BM_FirstStart50MB(benchmark::State& state) {
   Listener listener;
