@@ -50,9 +50,16 @@ TEST_F(RoundTrip, XmlFormIsRootWithOneElementPerField) {
   ApplicationIds ids = MakeIds(2);
   std::string xml;
   ASSERT_EQ(ToXml(Ref(ids, m_idsDescriptor), xml), 0);
-  EXPECT_EQ(xml,
-            "<?xml version=\"1.0\"?>\n<root>\n  <list>\n    <item>11400714819323198485</item>\n"
-            "    <item>4354685564936845354</item>\n  </list>\n</root>\n");
+  EXPECT_EQ(xml, "<root><list><item>11400714819323198485</item><item>4354685564936845354</item></list></root>");
+}
+
+TEST_F(RoundTrip, AnIndentedDocumentWithADeclarationStillReads) {
+  const std::string indented =
+      "<?xml version=\"1.0\"?>\n<root>\n  <list>\n    <item>11400714819323198485</item>\n"
+      "    <item>4354685564936845354</item>\n  </list>\n</root>\n";
+  ApplicationIds ids;
+  ASSERT_EQ(FromXml(indented, Ref(ids, m_idsDescriptor)), 0);
+  EXPECT_TRUE(ids.list == MakeIds(2).list);
 }
 
 TEST_F(RoundTrip, EveryFieldTypeInBothFormsWithoutLeaks) {
