@@ -1,5 +1,6 @@
 #include "host/storage/key_value_store.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <span>
@@ -182,8 +183,37 @@ zel::result_t KeyValueStore::RemoveValue(const KeyRange& key) {
   return Stage(key, nullptr);
 }
 
-zel::result_t KeyValueStore::WriteStaged() {
-  for (const auto& [key, change] : m_staged) {
+std::vector<const KeyValueStore::StagedMap::value_type*> KeyValueStore::StagedInKeyOrder() const {
+  // Sorted by the keys' first eight bytes, read big-endian and zero-padded
+  // (so the same order as memcmp), held beside the entry: most comparisons
+  // are settled without touching the entries, which lie all over the heap.
+  struct Slot {
+    std::uint64_t prefix;
+    const StagedMap::value_type* entry;
+  };
+  std::vector<Slot> slots;
+  slots.reserve(m_staged.size());
+  for (const auto& entry : m_staged) {
+    std::uint64_t prefix = 0;
+    const std::string& key = entry.first;
+    for (std::size_t i = 0; i < 8; ++i) {
+      prefix = (prefix << 8) | (i < key.size() ? static_cast<unsigned char>(key[i]) : 0u);
+    }
+    slots.push_back({prefix, &entry});
+  }
+  std::sort(slots.begin(), slots.end(), [](const Slot& a, const Slot& b) {
+    if (a.prefix != b.prefix) return a.prefix < b.prefix;
+    return a.entry->first < b.entry->first;  // char_traits<char> compares as unsigned bytes
+  });
+  std::vector<const StagedMap::value_type*> order;
+  order.reserve(slots.size());
+  for (const Slot& slot : slots) order.push_back(slot.entry);
+  return order;
+}
+
+zel::result_t KeyValueStore::WriteStaged(const std::vector<const StagedMap::value_type*>& order) {
+  for (const StagedMap::value_type* entry : order) {
+    const auto& [key, change] = *entry;
     const std::span<const std::uint8_t> name(reinterpret_cast<const std::uint8_t*>(key.data()), key.size());
     storage::Statement& statement = change.removed ? m_remove : m_put;
     StatementRun run(statement);
@@ -200,9 +230,15 @@ zel::result_t KeyValueStore::Commit() {
   std::lock_guard lock(m_mutex);
   if (m_failCommit.Fire()) return m_failCommit.code;
   if (!m_db.IsOpen()) return zel::result::NotInitialized;
+  std::vector<const StagedMap::value_type*> order;
+  try {
+    order = StagedInKeyOrder();
+  } catch (const std::bad_alloc&) {
+    return zel::result::OutOfMemory;  // before the transaction: nothing to roll back
+  }
   storage::Transaction tx(m_db);
   zel::result_t r = tx.Begin();
-  if (ZEL_SUCCEEDED(r)) r = WriteStaged();
+  if (ZEL_SUCCEEDED(r)) r = WriteStaged(order);
   if (ZEL_SUCCEEDED(r)) r = tx.Commit();
   // A failure rolls the table back and keeps everything staged, so that the
   // next Commit tries it all again.

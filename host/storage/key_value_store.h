@@ -2,7 +2,7 @@
 // one table ("key_value") in the host's SQLite state file, next to the
 // service settings and the categories.
 //
-// Writes and removals are staged in this object's memory, ordered by key,
+// Writes and removals are staged in this object's memory, hashed by key,
 // and written into the table at Commit, inside one BEGIN IMMEDIATE ...
 // COMMIT. So the database's write lock is held only for the length of a
 // Commit (the settings and categories services share the file and must not
@@ -10,8 +10,8 @@
 // bytes and nothing else, and a process killed before or during Commit
 // leaves the last committed state: the staged changes die with it. The
 // price is memory: everything staged since the last Commit is held here (a
-// scan's records, about 1.4 KB each). Keys go to the table in their byte
-// order, which keeps the key index growing at one end during a large
+// scan's records). Keys go to the table in their byte order, sorted once at
+// Commit, which keeps the key index growing at one end during a large
 // Commit. Reads see this object's staged changes first.
 //
 // Failures by name: a key not stored NotFound; not open NotInitialized; a
@@ -25,10 +25,11 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "app_control/interfaces/ikey_value_storage.h"
@@ -88,13 +89,21 @@ class KeyValueStore final : public OwnedObject<KeyValueStore, app_core::componen
     bool removed = false;
     std::vector<std::uint8_t> bytes;
   };
-  // By key bytes, which is the order SQLite compares BLOB keys in.
-  using StagedMap = std::map<std::string, Staged, std::less<>>;
+  // A scan stages its records in random key order: hashing them costs far
+  // less than keeping a tree ordered; Commit sorts once.
+  struct KeyHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view key) const noexcept { return std::hash<std::string_view>{}(key); }
+  };
+  using StagedMap = std::unordered_map<std::string, Staged, KeyHash, std::equal_to<>>;
 
   // With m_mutex held.
   zel::result_t LookupCommitted(const KeyRange& key, bool& found, Value* value);
   zel::result_t Stage(const KeyRange& key, const ValueRange* value);
-  zel::result_t WriteStaged();
+  // The staged entries in key byte order, the order SQLite compares BLOB
+  // keys in. May throw std::bad_alloc.
+  std::vector<const StagedMap::value_type*> StagedInKeyOrder() const;
+  zel::result_t WriteStaged(const std::vector<const StagedMap::value_type*>& order);
   void FinalizeAll() noexcept;
 
   std::mutex m_mutex;

@@ -74,14 +74,60 @@ class Encoder {
       if (!IsElementName(row->name)) return res::InvalidType;
       ValueType type;
       if (const result_t r = ResolveRowType(m_meta, *row, &type); ZEL_FAILED(r)) return r;
-      pugi::xml_node child = node.append_child(row->name);
       const void* member = MemberOf(record, *row);
+      bool zero = false;
+      if (const result_t r = IsZero(*row, type, member, &zero); ZEL_FAILED(r)) return r;
+      if (zero) continue;  // an absent element reads as the zero of its type
+      pugi::xml_node child = node.append_child(row->name);
       const result_t r = row->flags == zel::ser_field_flags::Vector
                              ? Vector(*row, type, const_cast<void*>(member), child, depth)
                              : Value(type, member, child, depth);
       if (ZEL_FAILED(r)) return r;
+      // A nested record whose fields were all left out says nothing either.
+      if (type.code == ser_type::Record && row->flags != zel::ser_field_flags::Vector && !child.first_child()) {
+        node.remove_child(child);
+      }
     }
     return res::NoError;
+  }
+
+  // Whether the member is the zero of its type and so needs no element.
+  // Records are judged afterwards, by what their own fields wrote.
+  static result_t IsZero(const zel::TypeDescriptorField& row, const ValueType& type, const void* p, bool* zero) {
+    *zero = false;
+    if (row.flags == zel::ser_field_flags::Vector) {
+      std::uint32_t count = 0;
+      if (const result_t r = row.vectorHelper->GetCount(const_cast<void*>(p), &count); ZEL_FAILED(r)) return r;
+      *zero = count == 0;
+      return res::NoError;
+    }
+    switch (type.code) {
+      case ser_type::Bool:
+      case ser_type::Int8:
+      case ser_type::Int16:
+      case ser_type::Int32:
+      case ser_type::Int64:
+      case ser_type::UInt8:
+      case ser_type::UInt16:
+      case ser_type::UInt32:
+      case ser_type::UInt64:
+        *zero = LoadUnsigned(p, ser_type::FixedSize(type.code)) == 0;
+        return res::NoError;
+      case ser_type::String:
+        *zero = static_cast<const zel::string_t*>(p)->view().empty();
+        return res::NoError;
+      case ser_type::WString:
+        *zero = static_cast<const zel::wstring_t*>(p)->view().empty();
+        return res::NoError;
+      case ser_type::Variant: {
+        VariantView view;
+        if (const result_t r = ViewVariant(p, &view); ZEL_FAILED(r)) return r;
+        *zero = view.kind == VariantKind::Empty;
+        return res::NoError;
+      }
+      default:
+        return res::NoError;
+    }
   }
 
   result_t Value(const ValueType& type, const void* p, pugi::xml_node node, int depth) {
@@ -207,14 +253,53 @@ class Decoder {
     for (const zel::TypeDescriptorField* row = descriptor->fields; row->flags != zel::kFieldTableEnd; ++row) {
       ValueType type;
       if (const result_t r = ResolveRowType(m_meta, *row, &type); ZEL_FAILED(r)) return r;
-      pugi::xml_node child = node.child(row->name);
-      if (!child) return res::NotFound;
+      // A null `node` is a nested record that was left out: all its fields
+      // are absent.
+      const pugi::xml_node child = node.child(row->name);
       void* member = MemberOf(record, *row);
-      const result_t r = row->flags == zel::ser_field_flags::Vector ? Vector(*row, type, child, member, depth)
-                                                                     : Value(type, child, member, depth);
+      result_t r = res::NoError;
+      if (!child) {
+        r = Zero(*row, type, member, depth);
+      } else if (row->flags == zel::ser_field_flags::Vector) {
+        r = Vector(*row, type, child, member, depth);
+      } else {
+        r = Value(type, child, member, depth);
+      }
       if (ZEL_FAILED(r)) return r;
     }
     return res::NoError;
+  }
+
+  // An absent field is the zero of its type, whatever the record's
+  // constructor put there.
+  result_t Zero(const zel::TypeDescriptorField& row, const ValueType& type, void* p, int depth) {
+    if (row.flags == zel::ser_field_flags::Vector) return row.vectorHelper->Resize(p, 0);
+    switch (type.code) {
+      case ser_type::Bool:
+      case ser_type::Int8:
+      case ser_type::Int16:
+      case ser_type::Int32:
+      case ser_type::Int64:
+      case ser_type::UInt8:
+      case ser_type::UInt16:
+      case ser_type::UInt32:
+      case ser_type::UInt64:
+        std::memset(p, 0, ser_type::FixedSize(type.code));
+        return res::NoError;
+      case ser_type::String:
+        static_cast<zel::string_t*>(p)->clear();
+        return res::NoError;
+      case ser_type::WString:
+        static_cast<zel::wstring_t*>(p)->clear();
+        return res::NoError;
+      case ser_type::Record:
+        return Record(type.record, pugi::xml_node(), p, depth + 1);
+      case ser_type::Variant:
+        SetVariantEmpty(p);
+        return res::NoError;
+      default:
+        return res::InvalidType;
+    }
   }
 
   result_t Value(const ValueType& type, pugi::xml_node node, void* p, int depth) {

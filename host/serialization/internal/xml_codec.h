@@ -11,8 +11,12 @@
 //   variant_t     attribute tag="N" and the value as above; a typed object
 //                 adds serId="N" and its fields as children; tag 16 is two
 //                 decimal words, a byte vector hex
-// A reader needs every field's element, refuses text that is not exactly a
-// value of the field's type, and leaves the record untouched on failure.
+// A field that holds the zero of its type (0, false, an empty string, list
+// or variant, a nested record with nothing to write) has no element. A
+// reader sets every field whose element is absent to that zero, whatever the
+// target held, so records written with every element still read the same.
+// It refuses text that is not exactly a value of the field's type and
+// leaves the record untouched on failure.
 #pragma once
 
 #include <pugixml.hpp>

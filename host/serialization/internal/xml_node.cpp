@@ -188,7 +188,9 @@ zel::result_t XmlNode::Flush() {
     if (const zel::result_t r = io->SetSize(0); ZEL_FAILED(r)) return r;
     if (const zel::result_t r = io->Seek(zel::seek_origin::Begin, 0, nullptr); ZEL_FAILED(r)) return r;
     IoWriter writer(io);
-    m_document->document.save(writer, "  ", pugi::format_default, pugi::encoding_utf8);
+    // Documents are records kept by the thousand, read only by this code:
+    // no indentation and no declaration, which a reader does not need.
+    m_document->document.save(writer, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
     if (ZEL_FAILED(writer.result())) return writer.result();
     return io->Flush();
   } catch (const std::bad_alloc&) {

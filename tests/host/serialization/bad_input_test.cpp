@@ -174,7 +174,6 @@ TEST_F(BadInput, MalformedAndMistypedXml) {
       {"empty", "", zel::result::SyntaxError},
       {"not closed", "<root><list><item>1</item></list>", zel::result::SyntaxError},
       {"garbage", "\x01\x02 not xml", zel::result::SyntaxError},
-      {"missing field", doc(""), zel::result::NotFound},
       {"letters for a number", doc("<list><item>12a</item></list>"), zel::result::InvalidType},
       {"negative for unsigned", doc("<list><item>-1</item></list>"), zel::result::InvalidType},
       {"too large", doc("<list><item>18446744073709551616</item></list>"), zel::result::InvalidType},
@@ -212,7 +211,9 @@ TEST_F(BadInput, MistypedFieldsOfTheFullRecordInXml) {
       {"variant int32 range", "<item tag=\"9\">-5</item>", "<item tag=\"9\">-2147483649</item>"},
       {"variant pair", "<item tag=\"16\">1 18446744073709551615</item>", "<item tag=\"16\">1</item>"},
       {"typed unknown id", "serId=\"2119630849\"", "serId=\"1\""},
-      {"nested field missing", "<label>inner</label>", ""},
+      {"nested field mistyped", "<code>7</code>", "<code>seven</code>"},
+      {"no text for a number", "<i16>-32768</i16>", "<i16 />"},
+      {"no text for a bool", "<flag>true</flag>", "<flag />"},
   };
   for (const Case& c : cases) {
     std::string bad = xml;

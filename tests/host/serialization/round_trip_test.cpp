@@ -9,6 +9,7 @@
 
 namespace {
 
+using sertest::Defaulted;
 using sertest::Everything;
 using tov::app_control::ApplicationIds;
 
@@ -50,9 +51,145 @@ TEST_F(RoundTrip, XmlFormIsRootWithOneElementPerField) {
   ApplicationIds ids = MakeIds(2);
   std::string xml;
   ASSERT_EQ(ToXml(Ref(ids, m_idsDescriptor), xml), 0);
-  EXPECT_EQ(xml,
-            "<?xml version=\"1.0\"?>\n<root>\n  <list>\n    <item>11400714819323198485</item>\n"
-            "    <item>4354685564936845354</item>\n  </list>\n</root>\n");
+  EXPECT_EQ(xml, "<root><list><item>11400714819323198485</item><item>4354685564936845354</item></list></root>");
+}
+
+TEST_F(RoundTrip, AnIndentedDocumentWithADeclarationStillReads) {
+  const std::string indented =
+      "<?xml version=\"1.0\"?>\n<root>\n  <list>\n    <item>11400714819323198485</item>\n"
+      "    <item>4354685564936845354</item>\n  </list>\n</root>\n";
+  ApplicationIds ids;
+  ASSERT_EQ(FromXml(indented, Ref(ids, m_idsDescriptor)), 0);
+  EXPECT_TRUE(ids.list == MakeIds(2).list);
+}
+
+TEST_F(RoundTrip, OnlyFieldsThatAreNotZeroAreWrittenAndEachReadsBackOverAFilledTarget) {
+  // One field set at a time, with the whole form it gives. Several values
+  // look like zero but are not the zero of their type (a list of one zero, a
+  // variant holding 0 or ""), so they are written.
+  struct Case {
+    void (*set)(Everything&);
+    const char* xml;
+  };
+  const Case cases[] = {
+      {[](Everything&) {}, "<root/>"},
+      {[](Everything& e) { e.flag = true; }, "<root><flag>true</flag></root>"},
+      {[](Everything& e) { e.i8 = -1; }, "<root><i8>-1</i8></root>"},
+      {[](Everything& e) { e.u8 = 1; }, "<root><u8>1</u8></root>"},
+      {[](Everything& e) { e.i16 = -1; }, "<root><i16>-1</i16></root>"},
+      {[](Everything& e) { e.u16 = 256; }, "<root><u16>256</u16></root>"},
+      {[](Everything& e) { e.i32 = -1; }, "<root><i32>-1</i32></root>"},
+      {[](Everything& e) { e.u32 = 0x10000; }, "<root><u32>65536</u32></root>"},
+      {[](Everything& e) { e.i64 = -1; }, "<root><i64>-1</i64></root>"},
+      {[](Everything& e) { e.u64 = 1ull << 40; }, "<root><u64>1099511627776</u64></root>"},
+      {[](Everything& e) { e.text = zel::string_t(" "); }, "<root><text> </text></root>"},
+      {[](Everything& e) { e.wide = zel::wstring_t(u"w"); }, "<root><wide>w</wide></root>"},
+      {[](Everything& e) { e.inner.code = -1; }, "<root><inner><code>-1</code></inner></root>"},
+      {[](Everything& e) { e.inner.label = zel::string_t("l"); }, "<root><inner><label>l</label></inner></root>"},
+      {[](Everything& e) { e.inner.ids.push_back(0); }, "<root><inner><ids><item>0</item></ids></inner></root>"},
+      {[](Everything& e) { e.inners.emplace_back(); }, "<root><inners><item/></inners></root>"},
+      {[](Everything& e) { e.names.push_back(zel::string_t("")); }, "<root><names><item/></names></root>"},
+      {[](Everything& e) { e.wideNames.push_back(zel::wstring_t(u"")); },
+       "<root><wideNames><item/></wideNames></root>"},
+      {[](Everything& e) { e.shorts.push_back(0); }, "<root><shorts><item>0</item></shorts></root>"},
+      {[](Everything& e) { e.flags.push_back(false); }, "<root><flags><item>false</item></flags></root>"},
+      {[](Everything& e) { e.any.SetInt32(0); }, "<root><any tag=\"9\">0</any></root>"},
+      {[](Everything& e) { e.any.SetString(zel::string_t("")); }, "<root><any tag=\"14\"/></root>"},
+      {[](Everything& e) { e.anys.emplace_back(); }, "<root><anys><item tag=\"0\"/></anys></root>"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.xml);
+    Everything source;
+    c.set(source);
+    std::string xml;
+    ASSERT_EQ(ToXml(Ref(source, sertest::EverythingDescriptor()), xml), 0);
+    EXPECT_EQ(xml, c.xml);
+
+    Everything target = sertest::MakeEverything(&m_allocator);  // every field set: none may survive
+    ASSERT_EQ(FromXml(xml, Ref(target, sertest::EverythingDescriptor())), 0);
+    EXPECT_TRUE(target == source);
+    std::string again;
+    ASSERT_EQ(ToXml(Ref(target, sertest::EverythingDescriptor()), again), 0);
+    EXPECT_EQ(again, xml);
+  }
+  EXPECT_EQ(TakeErrorLines(), 0u);
+  EXPECT_EQ(m_allocator.LiveBlocks(), 0);
+}
+
+TEST_F(RoundTrip, AnAbsentFieldReadsAsZeroNotAsItsConstructorDefault) {
+  // Defaulted starts at -1, true, "unnamed" and an inner code of -1.
+  struct Case {
+    const char* name;
+    void (*set)(Defaulted&);
+  };
+  const Case cases[] = {
+      {"constructor defaults", [](Defaulted&) {}},
+      {"all zero",
+       [](Defaulted& d) {
+         d.uid = 0;
+         d.size = 0;
+         d.enabled = false;
+         d.name.clear();
+         d.inner = sertest::Inner();
+       }},
+      {"some zero",
+       [](Defaulted& d) {
+         d.uid = 0;
+         d.enabled = false;
+         d.inner.label.clear();
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Defaulted source;
+    c.set(source);
+    std::string xml;
+    ASSERT_EQ(ToXml(Ref(source, sertest::DefaultedDescriptor()), xml), 0);
+    Defaulted fresh;  // holds the defaults the form may not lean on
+    ASSERT_EQ(FromXml(xml, Ref(fresh, sertest::DefaultedDescriptor())), 0) << xml;
+    EXPECT_TRUE(fresh == source) << xml;
+    Defaulted other;
+    other.uid = 5;
+    other.size = 6;
+    other.name = zel::string_t("other");
+    other.inner.ids.push_back(3);
+    ASSERT_EQ(FromXml(xml, Ref(other, sertest::DefaultedDescriptor())), 0) << xml;
+    EXPECT_TRUE(other == source) << xml;
+  }
+}
+
+TEST_F(RoundTrip, RecordsWrittenWithEveryElementStillRead) {
+  {
+    // Zeros written out, as every record used to be, over a filled target.
+    const std::string full =
+        "<?xml version=\"1.0\"?>\n<root>\n  <flag>false</flag>\n  <i8>0</i8>\n  <u8>0</u8>\n  <i16>0</i16>\n"
+        "  <u16>0</u16>\n  <i32>-7</i32>\n  <u32>0</u32>\n  <i64>0</i64>\n  <u64>0</u64>\n  <text />\n"
+        "  <wide>w</wide>\n  <inner>\n    <code>0</code>\n    <label />\n    <ids />\n  </inner>\n  <inners />\n"
+        "  <names />\n  <wideNames />\n  <shorts>\n    <item>0</item>\n  </shorts>\n  <flags />\n"
+        "  <any tag=\"0\" />\n  <anys />\n</root>\n";
+    Everything expected;
+    expected.i32 = -7;
+    expected.wide = zel::wstring_t(u"w");
+    expected.shorts.push_back(0);
+    Everything target = sertest::MakeEverything(&m_allocator);
+    ASSERT_EQ(FromXml(full, Ref(target, sertest::EverythingDescriptor())), 0);
+    EXPECT_TRUE(target == expected);
+  }
+  {
+    const std::string full =
+        "<?xml version=\"1.0\"?>\n<root>\n  <uid>0</uid>\n  <size>-1</size>\n  <enabled>false</enabled>\n"
+        "  <name />\n  <inner>\n    <code>-1</code>\n    <label />\n    <ids />\n  </inner>\n</root>\n";
+    Defaulted target;
+    ASSERT_EQ(FromXml(full, Ref(target, sertest::DefaultedDescriptor())), 0);
+    EXPECT_EQ(target.uid, 0);
+    EXPECT_EQ(target.size, -1);
+    EXPECT_FALSE(target.enabled);
+    EXPECT_TRUE(target.name.view().empty());
+    EXPECT_EQ(target.inner.code, -1);
+    EXPECT_TRUE(target.inner.label.view().empty());
+  }
+  EXPECT_EQ(TakeErrorLines(), 0u);
+  EXPECT_EQ(m_allocator.LiveBlocks(), 0);
 }
 
 TEST_F(RoundTrip, EveryFieldTypeInBothFormsWithoutLeaks) {

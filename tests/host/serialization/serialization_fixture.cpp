@@ -16,6 +16,7 @@ using zel::ser_field_flags::Vector;
 zel::SerObjDescriptorImpl<Inner> g_innerHelper;
 zel::SerObjDescriptorImpl<Everything> g_everythingHelper;
 zel::SerObjDescriptorImpl<Chain> g_chainHelper;
+zel::SerObjDescriptorImpl<Defaulted> g_defaultedHelper;
 zel::SerVectorHelperImpl<zel::types::vector_t<std::uint64_t>> g_u64s;
 zel::SerVectorHelperImpl<zel::types::vector_t<Inner>> g_inners;
 zel::SerVectorHelperImpl<zel::types::vector_t<zel::string_t>> g_strings;
@@ -64,10 +65,21 @@ zel::TypeDescriptorField g_chainRows[] = {
     zel::kFieldTableTerminator,
 };
 
+zel::TypeDescriptorField g_defaultedRows[] = {
+    ROW(st::Int32, Defaulted, uid),
+    ROW(st::Int64, Defaulted, size),
+    ROW(st::Bool, Defaulted, enabled),
+    ROW(st::String, Defaulted, name),
+    st::RecordRow("inner", offsetof(Defaulted, inner), sizeof(Inner), Inner::SerId),
+    zel::kFieldTableTerminator,
+};
+
 zel::TypeDescriptor g_innerDescriptor{Inner::SerId, "Inner", sizeof(Inner), g_innerRows, &g_innerHelper};
 zel::TypeDescriptor g_everythingDescriptor{Everything::SerId, "Everything", sizeof(Everything), g_everythingRows,
                                            &g_everythingHelper};
 zel::TypeDescriptor g_chainDescriptor{Chain::SerId, "Chain", sizeof(Chain), g_chainRows, &g_chainHelper};
+zel::TypeDescriptor g_defaultedDescriptor{Defaulted::SerId, "Defaulted", sizeof(Defaulted), g_defaultedRows,
+                                          &g_defaultedHelper};
 
 template <class V, class Eq>
 bool RangeEquals(const V& a, const V& b, Eq eq) {
@@ -83,9 +95,14 @@ bool RangeEquals(const V& a, const V& b, Eq eq) {
 const zel::TypeDescriptor* InnerDescriptor() { return &g_innerDescriptor; }
 const zel::TypeDescriptor* EverythingDescriptor() { return &g_everythingDescriptor; }
 const zel::TypeDescriptor* ChainDescriptor() { return &g_chainDescriptor; }
+const zel::TypeDescriptor* DefaultedDescriptor() { return &g_defaultedDescriptor; }
 
 bool operator==(const Inner& a, const Inner& b) {
   return a.code == b.code && a.label == b.label && a.ids == b.ids;
+}
+
+bool operator==(const Defaulted& a, const Defaulted& b) {
+  return a.uid == b.uid && a.size == b.size && a.enabled == b.enabled && a.name == b.name && a.inner == b.inner;
 }
 
 bool VariantEquals(const zel::variant_t& a, const zel::variant_t& b) {
@@ -203,7 +220,8 @@ SerializationTest::SerializationTest() {
   m_locator.Register<zel::IAllocator>(&m_allocator);
   m_services = host::RegisterSerializationServices(m_locator);
   m_idsDescriptor = zel::StaticTypeDescriptor<tov::app_control::ApplicationIds>::Get();
-  for (const zel::TypeDescriptor* d : {InnerDescriptor(), EverythingDescriptor(), ChainDescriptor(), m_idsDescriptor}) {
+  for (const zel::TypeDescriptor* d :
+       {InnerDescriptor(), EverythingDescriptor(), ChainDescriptor(), DefaultedDescriptor(), m_idsDescriptor}) {
     EXPECT_EQ(m_services.metaInfo->RegisterDescriptor(d), 0) << d->name;
   }
 }

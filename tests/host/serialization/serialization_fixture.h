@@ -51,6 +51,21 @@ struct Everything {
   zel::types::vector_t<zel::variant_t> anys;
 };
 
+// Constructor defaults that are not zero, as records with "unknown" ids of
+// -1 have: a field left out of the XML form must still read as zero.
+struct Defaulted {
+  static constexpr std::uint32_t SerId = 0x7E570004;
+  Defaulted() {
+    inner.code = -1;
+    inner.label = zel::string_t("x");
+  }
+  std::int32_t uid = -1;
+  std::int64_t size = -1;
+  bool enabled = true;
+  zel::string_t name = zel::string_t("unnamed");
+  Inner inner;
+};
+
 // A record that can hold itself through a typed variant: nesting depth tests.
 struct Chain {
   static constexpr std::uint32_t SerId = 0x7E570003;
@@ -61,9 +76,11 @@ struct Chain {
 const zel::TypeDescriptor* InnerDescriptor();
 const zel::TypeDescriptor* EverythingDescriptor();
 const zel::TypeDescriptor* ChainDescriptor();
+const zel::TypeDescriptor* DefaultedDescriptor();
 
 bool operator==(const Inner& a, const Inner& b);
 bool operator==(const Everything& a, const Everything& b);
+bool operator==(const Defaulted& a, const Defaulted& b);
 bool VariantEquals(const zel::variant_t& a, const zel::variant_t& b);
 
 // Every field set, with wide strings that hold a surrogate pair and lone

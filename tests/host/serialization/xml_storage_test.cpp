@@ -27,7 +27,7 @@ TEST_F(XmlStorage, BuildFlushAndReopen) {
     ASSERT_EQ(root->Flush(), 0);
   }
   const std::string text(reinterpret_cast<const char*>(buffer.data()), buffer.size());
-  EXPECT_EQ(text, "<?xml version=\"1.0\"?>\n<root>\n  <name kind=\"x\">a&lt;b</name>\n</root>\n");
+  EXPECT_EQ(text, "<root><name kind=\"x\">a&lt;b</name></root>");
 
   const zel::byte_range_t range{buffer.data(), buffer.data() + buffer.size()};
   zel::RefPtr<zel::IIO> in;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -12,6 +13,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "host/storage/sqlite_db.h"
 
 namespace {
 
@@ -271,6 +274,38 @@ TEST_F(KeyValueStoreTest, ManyKeysInAnyOrderLandInOneCommit) {
     const std::string expected = i == 7 ? "again" : i % 3 == 0 ? kNotFound : "v" + key;
     EXPECT_EQ(Committed(key), expected) << key;
   }
+}
+
+TEST_F(KeyValueStoreTest, RowsReachTheTableInKeyByteOrder) {
+  // Staged in no order; keys that differ only past their eighth byte, that
+  // are prefixes of others, that hold NUL or bytes above 0x7F.
+  const std::vector<std::string> keys = {
+      "18446744073709551615", "9", "12345678901234567890", "12345678", "1234567", "12345678901234567891",
+      std::string("a\0b", 3), "a", std::string("a\0", 2), "\xFF", "\x80x", "\x7F", "abcdefgh\xFF", "abcdefgh\x01",
+      "1844674407370955161",
+  };
+  host::KeyValueStore store;
+  ASSERT_EQ(store.Open(path), 0);
+  for (const std::string& key : keys) ASSERT_EQ(store.SetValue(Key(key), Val("v")), 0);
+  ASSERT_EQ(store.Commit(), 0);
+  store.Close();
+
+  // A rowid table numbers the rows as they were inserted.
+  host::storage::Database db;
+  ASSERT_EQ(db.Open(path), 0);
+  host::storage::Statement rows;
+  ASSERT_EQ(rows.Prepare(db, "SELECT key FROM main.key_value ORDER BY rowid"), 0);
+  std::vector<std::string> inserted;
+  zel::result_t r = 0;
+  while (rows.Step(&r)) {
+    const auto blob = rows.ColumnBlob(0);
+    inserted.emplace_back(reinterpret_cast<const char*>(blob.data()), blob.size());
+  }
+  ASSERT_EQ(r, 0);
+  rows.Finalize();
+  std::vector<std::string> sorted = keys;
+  std::sort(sorted.begin(), sorted.end());  // std::string compares bytes as unsigned, as SQLite does
+  EXPECT_EQ(inserted, sorted);
 }
 
 TEST_F(KeyValueStoreTest, AFailedCommitKeepsTheStagedValuesReadable) {
