@@ -101,18 +101,12 @@ class Encoder {
       *zero = count == 0;
       return res::NoError;
     }
+    // Bool and the integers: every byte zero.
+    if (const std::uint32_t size = ser_type::FixedSize(type.code); size != 0) {
+      *zero = LoadUnsigned(p, size) == 0;
+      return res::NoError;
+    }
     switch (type.code) {
-      case ser_type::Bool:
-      case ser_type::Int8:
-      case ser_type::Int16:
-      case ser_type::Int32:
-      case ser_type::Int64:
-      case ser_type::UInt8:
-      case ser_type::UInt16:
-      case ser_type::UInt32:
-      case ser_type::UInt64:
-        *zero = LoadUnsigned(p, ser_type::FixedSize(type.code)) == 0;
-        return res::NoError;
       case ser_type::String:
         *zero = static_cast<const zel::string_t*>(p)->view().empty();
         return res::NoError;
@@ -274,18 +268,11 @@ class Decoder {
   // constructor put there.
   result_t Zero(const zel::TypeDescriptorField& row, const ValueType& type, void* p, int depth) {
     if (row.flags == zel::ser_field_flags::Vector) return row.vectorHelper->Resize(p, 0);
+    if (const std::uint32_t size = ser_type::FixedSize(type.code); size != 0) {
+      std::memset(p, 0, size);
+      return res::NoError;
+    }
     switch (type.code) {
-      case ser_type::Bool:
-      case ser_type::Int8:
-      case ser_type::Int16:
-      case ser_type::Int32:
-      case ser_type::Int64:
-      case ser_type::UInt8:
-      case ser_type::UInt16:
-      case ser_type::UInt32:
-      case ser_type::UInt64:
-        std::memset(p, 0, ser_type::FixedSize(type.code));
-        return res::NoError;
       case ser_type::String:
         static_cast<zel::string_t*>(p)->clear();
         return res::NoError;
