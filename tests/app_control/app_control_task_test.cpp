@@ -69,6 +69,9 @@ class AppControlTaskTest : public testsupport::ModuleFixture, public testsupport
 
 
  public:  // the case tables arrange through these
+  void RefuseSubscription() {
+    locator.Refuse(app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid, kFailure);
+  }
   host::EventPublisher publisher;
   tov::settings::AppControlSettings settings;
   zel::RefPtr<ITask> task;
@@ -100,29 +103,31 @@ TEST_F(AppControlTaskTest, ConstructionCreatesTheEngineTaskFromConvertedSettings
   SettingsFace()->Release();
 }
 
-TEST_F(AppControlTaskTest, FailedEngineCreationFailsConstruction) {
-  creator.failWith = kFailure;
-  EXPECT_EQ(Create(), kFailure);
-  EXPECT_THAT(journal.Take(), ElementsAre("creator.CreateObject"));
-  EXPECT_TRUE(Traced("Cannot create EAC task"));
-  EXPECT_TRUE(Traced("Cannot apply settings"));
-  EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
-}
-
-TEST_F(AppControlTaskTest, FailedTrustedProgramsFailConstructionAndReleaseTheEngineTask) {
-  serviceManager.failRead = kFailure;
-  EXPECT_EQ(Create(), kFailure);
-  EXPECT_TRUE(Traced("UpdateServiceSettings2 failed"));
-  EXPECT_TRUE(Traced("Cannot add trusted programs"));
-  EXPECT_EQ(engineTask.ExtraRefs(), 0);
-  EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
-}
-
-TEST_F(AppControlTaskTest, MissingSubscriptionServiceFailsConstruction) {
-  locator.Refuse(app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid, kFailure);
-  EXPECT_EQ(Create(), kFailure);
-  EXPECT_TRUE(journal.Take().empty());
-  EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
+TEST_F(AppControlTaskTest, EachFailedConstructionStepFailsItAndReleasesWhatItHeld) {
+  struct Case {
+    const char* name;
+    void (*arrange)(AppControlTaskTest&);
+    std::vector<std::string> calls;
+    std::vector<const char*> lines;
+  };
+  const Case cases[] = {
+      {"engine task refused", [](AppControlTaskTest& t) { t.creator.failWith = kFailure; }, {"creator.CreateObject"},
+       {"Cannot create EAC task", "Cannot apply settings"}},
+      {"trusted programs unwritable", [](AppControlTaskTest& t) { t.serviceManager.failRead = kFailure; },
+       {"creator.CreateObject", "ssm.Read:exclusions"}, {"UpdateServiceSettings2 failed", "Cannot add trusted programs"}},
+      {"no subscription service", [](AppControlTaskTest& t) { t.RefuseSubscription(); }, {}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    c.arrange(*this);
+    EXPECT_EQ(Create(), kFailure);
+    EXPECT_EQ(journal.Take(), c.calls);
+    for (const char* line : c.lines) EXPECT_TRUE(Traced(line)) << line;
+    EXPECT_EQ(engineTask.ExtraRefs(), 0);
+    EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
+    creator.failWith = 0;
+    serviceManager.failRead = 0;
+  }
 }
 
 // ---- Start and Stop ------------------------------------------------------------------
@@ -184,16 +189,6 @@ TEST_F(AppControlTaskTest, StartUnwindsInReverseOrder) {
     engineTask.throwOnStart = false;
     subscription.subscribeResult = 0;
   }
-}
-
-TEST_F(AppControlTaskTest, DisableZyphFailureIsLoggedTwiceWithItsExpressions) {
-  ASSERT_EQ(Create(), 0);
-  serviceManager.failRead = kFailure;
-  EXPECT_EQ(task->Start(1, nullptr), kFailure);
-  EXPECT_TRUE(Traced("(tools::UpdateServiceSettingsSync(GetTracer(), GetServiceLocator(), "
-                     "app_ctrl::CLSID_ENT_APP_CONTROLLER, modifier)),(ZEL_SUCCEEDED(_result)) failed: result = "
-                     "0x8000004b"));
-  EXPECT_TRUE(Traced("(DisableZyph()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
 }
 
 TEST_F(AppControlTaskTest, PositiveEngineStartCountsAsSuccessAndKeepsTheSubscription) {

@@ -108,7 +108,7 @@ class FakeFormatResult : public zel::object::Ifaces<FormatResult> {
 };
 
 // A chain of (kind, id) elements, the first one returned.
-inline zel::RefPtr<FakeFormatResult> MakeChain(std::initializer_list<std::pair<std::uint32_t, FormatId>> elements) {
+inline zel::RefPtr<FakeFormatResult> MakeChain(const std::vector<std::pair<std::uint32_t, FormatId>>& elements) {
   zel::RefPtr<FakeFormatResult> head, tail;
   for (const auto& [kind, id] : elements) {
     auto element = MakeObject<FakeFormatResult>(kind, id);
