@@ -163,6 +163,7 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   fs::create_symlink(Path("a.sh"), Path("link-to-a"));
   fs::create_directory_symlink(Path("deep"), Path("link-to-deep"));
   ASSERT_EQ(::mkfifo(Path("pipe").c_str(), 0600), 0);
+  taskInfo.cgroupName = "scans/inventory";
   {
     auto task = MakeTask(Settings({root}));
     ASSERT_TRUE(task);
@@ -174,6 +175,10 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   EXPECT_EQ(engine.lastFlags, 0u);
   EXPECT_EQ(files.arguments, (std::vector<std::uint32_t>{1, 1, 4, 0}));
   EXPECT_EQ(taskInfo.askedSession.load(), 42u);
+  // The worker joins the task's cgroup by its own thread id.
+  EXPECT_EQ(cgroups.lastGroup, "scans/inventory");
+  EXPECT_NE(cgroups.lastTid, static_cast<std::int32_t>(::getpid()));
+  EXPECT_GT(cgroups.lastTid, 0);
   EXPECT_TRUE(Traced("skip (not a regular file)"));  // the links and the fifo
   EXPECT_TRUE(Traced("Task has been stopped with result 0x00000000"));
   // Nothing to publish and nothing to remove, but the call is made.
@@ -536,16 +541,6 @@ TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
     EXPECT_EQ(std::count(storage.journal.begin(), storage.journal.end(), "Flush"), c.flushed ? 1 : 0);
     EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
   }
-}
-
-TEST_F(InventoryScanTaskTest, CgroupJoinUsesTheWorkersThreadId) {
-  File("a");
-  taskInfo.cgroupName = "scans/inventory";
-  auto task = MakeTask(Settings({root}));
-  EXPECT_EQ(RunToEnd(task.Get()), 0);
-  EXPECT_EQ(cgroups.lastGroup, "scans/inventory");
-  EXPECT_NE(cgroups.lastTid, static_cast<std::int32_t>(::getpid()));
-  EXPECT_GT(cgroups.lastTid, 0);
 }
 
 TEST_F(InventoryScanTaskTest, MissingServicesFailCreation) {

@@ -152,29 +152,6 @@ TEST_F(InventoryStorageTest, RecordsAreWrittenAtAddInfoListAndTimestampOnlyAtFlu
   EXPECT_TRUE(host.Failures().empty()) << host.Failures().front();
 }
 
-TEST_F(InventoryStorageTest, TraceLinesOfTheOperations) {
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
-  ASSERT_EQ(inv.writer->AddInfo(App(42, u"x")), 0);
-  ASSERT_EQ(inv.writer->Flush(), 0);
-  tov::ApplicationIdList ids;
-  ASSERT_EQ(inv.reader->GetApplicationIdList(0, 5, ids), 0);
-  tov::ApplicationInfo info;
-  ASSERT_EQ(inv.reader->GetApplicationInfo(42, info), 0);
-  inv = {};
-  EXPECT_THAT(host.tracer.Texts(),
-              testing::IsSupersetOf({
-                  "tov::app_control::InventoryStorage::InventoryStorage(zel::IServiceLocator*)",
-                  "virtual result_t tov::app_control::InventoryStorage::AddInfo(const tov::ApplicationInfo&), id:42",
-                  "virtual result_t tov::app_control::InventoryStorage::Flush()",
-                  "virtual result_t tov::app_control::InventoryStorage::GetApplicationIdList(uint64_t, uint64_t, "
-                  "tov::ApplicationIdList&) const, from: 0, count: 5",
-                  "result_t tov::app_control::InventoryStorage::LoadAppInfo(const ApplicationId&, "
-                  "tov::ApplicationInfo&) const, id: 42",
-                  "tov::app_control::InventoryStorage::~InventoryStorage()",
-              }));
-}
-
 TEST_F(InventoryStorageTest, TheLaterOfTwoRecordsWithOneIdStandsTwice) {
   Inventory inv = MakeInventory(&host.locator);
   ASSERT_TRUE(inv);

@@ -214,20 +214,6 @@ TEST(ServiceManager, TwoWritersThroughTheUpdateLoop) {
   EXPECT_EQ(sm.Flushes(), 2u * kPerThread);
 }
 
-TEST(ServiceManager, TwoConnectionsOnOneFileShareTheRevision) {
-  TempDb db;
-  host::ServiceManager first, second;
-  Opened(first, db.path());
-  Opened(second, db.path());
-  Counter c;
-  std::uint32_t rev = 0;
-  ASSERT_EQ(Write(first, 1, 1, 0), 0);
-  ASSERT_EQ(Read(second, 1, c, rev), 0);
-  EXPECT_EQ(c.value, 1u);
-  ASSERT_EQ(Write(first, 1, 2, rev), 0);
-  EXPECT_EQ(Write(second, 1, 3, rev), kSettingsRevisionChanged);
-}
-
 // An operation of the store under test, named for the trace.
 struct Operation {
   const char* what;
