@@ -1,5 +1,7 @@
 // Loads the built module the way the service process does and speaks to it
-// only through its three exported functions and the interfaces they give.
+// only through its three exported functions: that each export is wired to its
+// own entry point and that the module stays loaded while its objects live.
+// What the objects do is tested in process.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -9,21 +11,15 @@
 #include <string>
 #include <vector>
 
-#include "app_control/interfaces/iapplication_start_log_events.h"
 #include "host/module/module_loader.h"
 #include "host/services/collecting_tracer.h"
 #include "host/services/counting_allocator.h"
 #include "host/services/service_locator.h"
-#include "support/recording_sink.h"
 #include "zel/rtl/objclient.h"
 
 namespace {
 
-using app_ctrl::IApplicationStartLogEvents;
-using app_ctrl::IApplicationStartLogEventsSubscription;
-
 constexpr std::uint32_t kDispatcherClass = 0xA17CCC95;
-constexpr zel::result_t kNoInterface = zel::result::InterfaceNotSupported;
 
 std::set<std::string> DefinedDynamicSymbols(const std::string& path) {
   std::set<std::string> names;
@@ -93,46 +89,6 @@ TEST_F(ModuleTest, UnloadFollowsLivingObjects) {
   EXPECT_EQ(module.CanUnload(), 0);
   EXPECT_EQ(allocator.LiveBlocks(), 0);
   EXPECT_TRUE(module.Unload());
-}
-
-TEST_F(ModuleTest, UnsupportedInterfaceGivesNullAndKeepsNothing) {
-  auto factory = Factory(kDispatcherClass);
-  void* out = &out;
-  EXPECT_EQ(factory->CreateInstance(&locator, 0x0BADF00D, &out), kNoInterface);
-  EXPECT_EQ(out, nullptr);
-  out = &out;
-  EXPECT_EQ(factory->QueryInterface(IApplicationStartLogEvents::iid, &out), kNoInterface);
-  EXPECT_EQ(out, nullptr);
-  factory.Reset();
-  EXPECT_EQ(module.CanUnload(), 0);
-  EXPECT_EQ(allocator.LiveBlocks(), 0);
-  EXPECT_EQ(allocator.OutstandingRefs(), 1) << "only the locator's";
-}
-
-TEST_F(ModuleTest, DispatcherFansEventsOutInOrder) {
-  void* out = nullptr;
-  ASSERT_EQ(Factory(kDispatcherClass)->CreateInstance(&locator, 0, &out), 0);
-  auto subscription = zel::RefPtr<IApplicationStartLogEventsSubscription>::Adopt(
-      static_cast<IApplicationStartLogEventsSubscription*>(out));
-  ASSERT_EQ(subscription->QueryInterface(IApplicationStartLogEvents::iid, &out), 0);
-  auto events = zel::RefPtr<IApplicationStartLogEvents>::Adopt(static_cast<IApplicationStartLogEvents*>(out));
-
-  testsupport::Journal journal;
-  testsupport::RecordingSink first("first", journal), second("second", journal);
-  ASSERT_EQ(subscription->Subscribe(&first), 0);
-  ASSERT_EQ(subscription->Subscribe(&second), 0);
-  EXPECT_EQ(events->OnApplicationStartLogged(reinterpret_cast<const void*>(1)), 0);
-  ASSERT_EQ(subscription->Unsubscribe(&first), 0);
-  EXPECT_EQ(subscription->Unsubscribe(&first), zel::result::NotFound);
-  EXPECT_EQ(events->OnApplicationStartLogLost(reinterpret_cast<const void*>(2)), 0);
-  EXPECT_EQ(journal.entries, (std::vector<std::string>{"first:logged:1", "second:logged:1", "second:lost:2"}));
-
-  events.Reset();
-  subscription.Reset();
-  EXPECT_EQ(second.ExtraRefs(), 0);
-  EXPECT_EQ(module.CanUnload(), 0);
-  EXPECT_EQ(allocator.LiveBlocks(), 0);
-  EXPECT_TRUE(tracer.Lines().empty());
 }
 
 }  // namespace
