@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "host/services/collecting_tracer.h"
 #include "host/services/counting_allocator.h"
@@ -65,6 +66,10 @@ TEST_F(BlobToolsTest, AnyToBlobCopiesExactlyTheBytesAndFreesThem) {
   ASSERT_EQ(old.size(), 6u);
   EXPECT_EQ(old[5], 6);
   EXPECT_EQ(binary.lastObject, &field);
+
+  binary.output = {9};  // fits the block it has: copied in place
+  ASSERT_EQ(tools::AnyToBlob(&locator, data, old), 0);
+  EXPECT_EQ(std::vector<unsigned char>(old.begin(), old.end()), std::vector<unsigned char>{9});
 
   binary.output.clear();
   ASSERT_EQ(tools::AnyToBlob(&locator, data, old), 0);
