@@ -127,6 +127,7 @@ TEST(ScopeRules, SeveralIncludesAndTheRootScope) {
   Check(root,
         {
             {"/", true, true},
+            {"/a", true, true},  // the shortest path below the root
             {"/etc/passwd", true, true},
             {"/proc", false, false},
             {"/proc/self/exe", false, false},
