@@ -2,6 +2,7 @@
 // the way the service process does and drives it through its entry points.
 //
 //   acctl [--module PATH] [--trace LEVEL] [--db PATH] [--events FILE] COMMAND ...
+//   acctl --version
 //
 //   demo (the default)   the start-log dispatcher with two printing sinks
 //   run --settings S.json [--categories C.json] [--starts FILE] [PATH[:USER[:PID]]...]
@@ -23,6 +24,7 @@
 #include <vector>
 
 #include "host/cli/cli.h"
+#include "host/cli/install_layout.h"
 #include "zel/itracer.h"
 
 namespace {
@@ -31,6 +33,7 @@ namespace {
 void Usage(std::FILE* out = stderr) {
   std::fprintf(out,
                "usage: acctl [--module PATH] [--trace LEVEL] [--db PATH] [--events FILE] COMMAND\n"
+               "       acctl --version\n"
                "  demo\n"
                "  run --settings SETTINGS.json [--categories CATEGORIES.json] [--starts FILE] "
                "[PATH[:USER[:PID]]...]\n"
@@ -46,7 +49,7 @@ void Usage(std::FILE* out = stderr) {
 
 int main(int argc, char** argv) {
   host::cli::GlobalOptions options;
-  options.modulePath = AC_DEFAULT_MODULE_PATH;
+  options.modulePath = host::cli::DefaultModulePath(AC_INSTALLED_MODULE_PATH, AC_DEFAULT_MODULE_PATH);
   if (const char* env = std::getenv("ACCTL_MODULE")) options.modulePath = env;
   options.traceLevel = zel::trace_level::Notice;
   int i = 1;
@@ -66,6 +69,9 @@ int main(int argc, char** argv) {
         return 2;
       }
       options.traceLevel = static_cast<std::uint32_t>(level);
+    } else if (std::strcmp(argv[i], "--version") == 0) {
+      std::printf("acctl %s\n", AC_VERSION);
+      return 0;
     } else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
       Usage(stdout);
       return 0;
