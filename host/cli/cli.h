@@ -39,12 +39,18 @@ int Fail(const char* step, zel::result_t r);
 std::string ReadFile(const std::string& path);
 
 // The persistent store for commands that keep state between runs:
-// $XDG_STATE_HOME/acctl/acctl.db, or ~/.local/state/acctl/acctl.db.
+// /var/lib/acctl/acctl.db for root, else $XDG_STATE_HOME/acctl/acctl.db or
+// ~/.local/state/acctl/acctl.db.
 std::string DefaultStatePath();
 
-// The store of a command that keeps state: --db, or DefaultStatePath() with
-// its directory made.
-std::string StorePath(const GlobalOptions& options);
+// The store of a command that keeps state: --db, or DefaultStatePath(),
+// made (when `create`) mode 0600 in a directory of mode 0700. UserError
+// naming it when the store, or the default store's directory, is group- or
+// world-writable.
+std::string StorePath(const GlobalOptions& options, bool create = true);
+
+// UserError when the file at `path` exists and is group- or world-writable.
+void CheckStoreMode(const std::string& path);
 
 int RunDemo(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunRules(const GlobalOptions& options, const std::vector<std::string>& args);
@@ -52,5 +58,6 @@ int RunCategories(const GlobalOptions& options, const std::vector<std::string>& 
 int RunEnforce(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunScan(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunInventory(const GlobalOptions& options, const std::vector<std::string>& args);
+int RunStatus(const GlobalOptions& options, const std::vector<std::string>& args);
 
 }  // namespace host::cli

@@ -18,6 +18,7 @@ HostSession::HostSession(std::uint32_t traceLevel, const std::string& dbPath, st
     serialization.metaInfo->RegisterDescriptor(d);
   for (const zel::TypeDescriptor* d : tov::InventoryRecordDescriptors()) serialization.metaInfo->RegisterDescriptor(d);
 
+  CheckStoreMode(dbPath);
   serviceManager.UseBinarySerializer(&locator);
   RegisterRecordCodecs(serviceManager, &locator);
   if (ZEL_FAILED(serviceManager.Open(dbPath))) throw UserError("cannot open the settings store " + dbPath);
