@@ -14,6 +14,7 @@
 //                        the inventory scan; SIGINT stops, SIGUSR1/SIGUSR2 pause and resume
 //   inventory [--json] [--from N --count M] [--id ID]
 //                        what the scans stored
+//   status [--json]      the store and whether enforcement runs here
 //
 // The commands live in host/cli/.
 #include <cstdio>
@@ -42,7 +43,8 @@ void Usage(std::FILE* out = stderr) {
                "          [--on-timeout allow|deny] [--decision-timeout MS] [--events FILE] [--json]\n"
                "  scan [ROOT...] [--settings SCAN.json] [--mask GLOB]... [--no-first-group] [--no-second-group]\n"
                "       [--no-exec-bit] [--golden-image add|remove] [--interval SECONDS] [--json]\n"
-               "  inventory [--json] [--from N] [--count M] [--id ID]\n");
+               "  inventory [--json] [--from N] [--count M] [--id ID]\n"
+               "  status [--json]\n");
 }
 
 }  // namespace
@@ -89,6 +91,7 @@ int main(int argc, char** argv) {
     if (command == "enforce") return host::cli::RunEnforce(options, args);
     if (command == "scan") return host::cli::RunScan(options, args);
     if (command == "inventory") return host::cli::RunInventory(options, args);
+    if (command == "status") return host::cli::RunStatus(options, args);
     std::fprintf(stderr, "acctl: unknown command '%s'\n", command.c_str());
     Usage();
     return 2;
