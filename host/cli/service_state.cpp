@@ -50,15 +50,27 @@ bool NotifyServiceManager(const std::string& state) {
 EnforceServiceState::EnforceServiceState() : m_dir(EnforceRunDir()) {
   ::mkdir(m_dir.c_str(), 0755);
   const std::string path = m_dir + kPidFile;
-  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-  if (fd < 0) return;
-  struct flock lock {};
-  lock.l_type = F_WRLCK;
-  lock.l_whence = SEEK_SET;
-  if (::fcntl(fd, F_SETLK, &lock) != 0) {
-    ::close(fd);
-    return;
+  int fd = -1;
+  // An enforcer that ends unlinks the file it locked: a lock taken on that
+  // file just before is on a name no reader finds, so take it again.
+  for (int attempt = 0; attempt < 3 && fd < 0; ++attempt) {
+    fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0) return;
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (::fcntl(fd, F_SETLK, &lock) != 0) {
+      ::close(fd);
+      return;
+    }
+    struct stat held {}, named {};
+    if (::fstat(fd, &held) != 0 || ::stat(path.c_str(), &named) != 0 || held.st_ino != named.st_ino ||
+        held.st_dev != named.st_dev) {
+      ::close(fd);
+      fd = -1;
+    }
   }
+  if (fd < 0) return;
   const std::string pid = std::to_string(::getpid()) + "\n";
   if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
     ::close(fd);
