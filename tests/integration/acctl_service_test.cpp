@@ -89,7 +89,6 @@ TEST_F(AcctlServiceTest, TheDefaultStoreIsTheOwnersAlone) {
     EXPECT_NE(o.out.find("\"path\":\"/var/lib/acctl/acctl.db\""), std::string::npos) << o.out;
     EXPECT_EQ(ModeOf("/var/lib/acctl/acctl.db") != 0, existed);
     ASSERT_EQ(::chmod(dir.c_str(), 0777), 0);
-    globalArgs = "";
   }
   const std::string user = ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
   const std::string state = dir + "/state";
