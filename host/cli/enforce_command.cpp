@@ -120,6 +120,7 @@ class Enforcer {
       if (sig == SIGTERM || sig == SIGINT) break;
       if (sig == SIGHUP) Reload();
       if (sig == SIGUSR1) PrintCounters();
+      m_run.session.SaveHashCache(false);  // on this thread, never on a decision's
       if (m_listener.Failed()) {
         std::fprintf(stderr, "acctl: enforce: %s; every held start is answered and enforcement ends\n",
                      m_listener.FailureText().c_str());

@@ -1,5 +1,6 @@
 #include "host/engine/hash_cache.h"
 
+#include <iterator>
 #include <utility>
 
 namespace host::engine {
@@ -46,6 +47,7 @@ std::optional<std::string> HashCache::Find(const FileStamp& stamp) {
     return std::nullopt;
   }
   m_lru.splice(m_lru.begin(), m_lru, it->second);
+  it->second->touched = true;
   m_hits.fetch_add(1, std::memory_order_relaxed);
   return it->second->sha256;
 }
@@ -55,6 +57,7 @@ void HashCache::Insert(const FileStamp& stamp, std::string sha256) {
   std::lock_guard lock(m_mutex);
   if (const auto it = m_index.find(stamp); it != m_index.end()) {
     it->second->sha256 = std::move(sha256);
+    it->second->touched = true;
     m_lru.splice(m_lru.begin(), m_lru, it->second);
     return;
   }
@@ -78,6 +81,28 @@ void HashCache::Clear() {
   std::lock_guard lock(m_mutex);
   m_index.clear();
   m_lru.clear();
+}
+
+void HashCache::Preload(const FileStamp& stamp, std::string sha256) {
+  std::lock_guard lock(m_mutex);
+  if (m_index.size() >= m_capacity || m_index.contains(stamp)) return;
+  m_lru.push_back(Entry{stamp, std::move(sha256), false});
+  try {
+    m_index.emplace(stamp, std::prev(m_lru.end()));
+  } catch (...) {
+    m_lru.pop_back();
+    throw;
+  }
+}
+
+std::vector<std::pair<FileStamp, std::string>> HashCache::TakeTouched() {
+  std::vector<std::pair<FileStamp, std::string>> out;
+  std::lock_guard lock(m_mutex);
+  auto it = m_lru.begin();
+  for (; it != m_lru.end() && it->touched; ++it) out.emplace_back(it->stamp, it->sha256);
+  // Cleared only once every copy is made: a failed copy leaves them touched.
+  for (auto jt = m_lru.begin(); jt != it; ++jt) jt->touched = false;
+  return out;
 }
 
 HashCacheStats HashCache::Stats() const {
