@@ -380,7 +380,7 @@ zel::result_t Engine::InventoryModule(zel::IIO* io, std::uint32_t flags, tov::Ap
     zel::wstring_t filePath = Wide(facts.path);
     zel::wstring_t fileHash = Wide(facts.sha256);
     // Everything that can fail is done: only now is the caller's record changed.
-    info.id = IdFromSha256(facts.sha256);
+    info.id = IdForFile(facts.sha256, facts.path);
     info.fileName = std::move(fileName);
     info.filePath = std::move(filePath);
     info.fileHash = std::move(fileHash);
