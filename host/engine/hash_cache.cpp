@@ -58,6 +58,7 @@ void HashCache::Insert(const FileStamp& stamp, std::string sha256) {
   if (const auto it = m_index.find(stamp); it != m_index.end()) {
     it->second->sha256 = std::move(sha256);
     it->second->touched = true;
+    it->second->preloaded = false;
     m_lru.splice(m_lru.begin(), m_lru, it->second);
     return;
   }
@@ -86,7 +87,7 @@ void HashCache::Clear() {
 void HashCache::Preload(const FileStamp& stamp, std::string sha256) {
   std::lock_guard lock(m_mutex);
   if (m_index.size() >= m_capacity || m_index.contains(stamp)) return;
-  m_lru.push_back(Entry{stamp, std::move(sha256), false});
+  m_lru.push_back(Entry{stamp, std::move(sha256), false, true});
   try {
     m_index.emplace(stamp, std::prev(m_lru.end()));
   } catch (...) {
@@ -95,11 +96,11 @@ void HashCache::Preload(const FileStamp& stamp, std::string sha256) {
   }
 }
 
-std::vector<std::pair<FileStamp, std::string>> HashCache::TakeTouched() {
-  std::vector<std::pair<FileStamp, std::string>> out;
+std::vector<HashCache::Touched> HashCache::TakeTouched() {
+  std::vector<Touched> out;
   std::lock_guard lock(m_mutex);
   auto it = m_lru.begin();
-  for (; it != m_lru.end() && it->touched; ++it) out.emplace_back(it->stamp, it->sha256);
+  for (; it != m_lru.end() && it->touched; ++it) out.push_back(Touched{it->stamp, it->sha256, it->preloaded});
   // Cleared only once every copy is made: a failed copy leaves them touched.
   for (auto jt = m_lru.begin(); jt != it; ++jt) jt->touched = false;
   return out;

@@ -72,9 +72,14 @@ class HashCache {
   // filling the cache from a store, most recently used first. Does nothing
   // when the stamp is there already or the cache is full.
   void Preload(const FileStamp& stamp, std::string sha256);
+  struct Touched {
+    FileStamp stamp;
+    std::string sha256;
+    bool preloaded;  // came from Preload and was only found since
+  };
   // The entries found or inserted since the last call, most recently used
   // first; they count as untouched afterwards.
-  std::vector<std::pair<FileStamp, std::string>> TakeTouched();
+  std::vector<Touched> TakeTouched();
 
   HashCacheStats Stats() const;
   std::size_t Capacity() const noexcept { return m_capacity; }
@@ -89,6 +94,7 @@ class HashCache {
     // Found or inserted since the last TakeTouched. A use moves the entry
     // to the front, so the touched entries are always a prefix of m_lru.
     bool touched = true;
+    bool preloaded = false;
   };
   using Lru = std::list<Entry>;  // front: most recently used
 

@@ -98,10 +98,13 @@ zel::result_t HashCacheStore::LoadInto(HashCache& cache) {
 
 zel::result_t HashCacheStore::Save(HashCache& cache) {
   if (!IsOpen()) return zel::result::NotInitialized;
-  const std::vector<std::pair<FileStamp, std::string>> touched = cache.TakeTouched();
+  const std::vector<HashCache::Touched> touched = cache.TakeTouched();
   if (touched.empty()) return zel::result::NoError;
   std::uint64_t written = 0;
   const zel::result_t r = m_db.InTransaction([&]() -> zel::result_t {
+    const std::int64_t before = Rows();
+    if (before < 0) return zel::result::UnspecifiedError;
+    const bool refreshUses = before > m_rowLimit / 2;
     zel::result_t step = zel::result::NoError;
     storage::Statement& maxUsed = m_db.Kept(kMaxUsed);
     maxUsed.Reset();
@@ -112,9 +115,12 @@ zel::result_t HashCacheStore::Save(HashCache& cache) {
     // The list comes most recently used first: the first gets the highest stamp.
     storage::Statement& put = m_db.Kept(kPut);
     std::int64_t used = base + static_cast<std::int64_t>(touched.size());
-    for (const auto& [stamp, hex] : touched) {
+    for (const HashCache::Touched& entry : touched) {
+      const FileStamp& stamp = entry.stamp;
+      const std::int64_t use = used--;
+      if (entry.preloaded && !refreshUses) continue;
       std::array<std::uint8_t, 32> sha{};
-      if (!FromHex(hex, sha)) continue;
+      if (!FromHex(entry.sha256, sha)) continue;
       put.Reset();
       zel::result_t b = put.Bind(1, Signed(stamp.device));
       if (ZEL_SUCCEEDED(b)) b = put.Bind(2, Signed(stamp.inode));
@@ -122,7 +128,7 @@ zel::result_t HashCacheStore::Save(HashCache& cache) {
       if (ZEL_SUCCEEDED(b)) b = put.Bind(4, stamp.mtimeNs);
       if (ZEL_SUCCEEDED(b)) b = put.Bind(5, stamp.ctimeNs);
       if (ZEL_SUCCEEDED(b)) b = put.BindBorrowed(6, sha);
-      if (ZEL_SUCCEEDED(b)) b = put.Bind(7, used--);
+      if (ZEL_SUCCEEDED(b)) b = put.Bind(7, use);
       if (ZEL_SUCCEEDED(b)) b = put.Run();
       put.Reset();
       if (ZEL_FAILED(b)) return b;

@@ -28,7 +28,10 @@
 // The table holds at most `rowLimit` rows (kDefaultRowLimit, 262,144, about
 // 25 MB of the store). A Save that leaves more evicts the least recently
 // used rows in one batch down to 15/16 of the limit, so that eviction runs
-// once in many saves rather than on every one.
+// once in many saves rather than on every one. While the table is at most
+// half full nothing is near eviction, and a row that was only found again
+// is not rewritten for its new use stamp: a second scan of a large tree
+// then writes nothing at all.
 //
 // Failures by name as the key-value store's (read-only AccessDenied,
 // corrupt BasesCorrupted, full OutOfSpace). A table that is not what this
@@ -66,8 +69,9 @@ class HashCacheStore {
   // row whose hash is not 32 bytes is skipped. On failure the cache is
   // cleared: nothing half-read stays.
   zel::result_t LoadInto(HashCache& cache);
-  // Writes what `cache` found or learned since the last Save, then evicts
-  // down to the bound. What a failed Save took is not written again.
+  // Writes what `cache` learned since the last Save, and what it found when
+  // the table is over half full, then evicts down to the bound. What a
+  // failed Save took is not written again.
   zel::result_t Save(HashCache& cache);
 
   std::int64_t Rows();

@@ -155,6 +155,21 @@ TEST_F(HashCacheStoreTest, LoadsTheMostRecentlyUsedFirstAndEvictsTheOldestInBatc
   HashCache newest(1);
   ASSERT_EQ(store.LoadInto(newest), 0);
   EXPECT_TRUE(newest.Find(Stamp(49)).has_value());
+
+  // Far from the bound, a row only found again is not rewritten; a new one is.
+  options.rowLimit = 1000;
+  HashCacheStore roomy;
+  ASSERT_EQ(roomy.Open(dir.Path() + "/roomy.db", options), 0);
+  HashCache first(8);
+  first.Insert(Stamp(1), Hex(1));
+  ASSERT_EQ(roomy.Save(first), 0);
+  HashCache second(8);
+  ASSERT_EQ(roomy.LoadInto(second), 0);
+  ASSERT_TRUE(second.Find(Stamp(1)).has_value());
+  second.Insert(Stamp(2), Hex(2));
+  ASSERT_EQ(roomy.Save(second), 0);
+  EXPECT_EQ(roomy.Written(), 2u);
+  EXPECT_EQ(roomy.Rows(), 2);
 }
 
 TEST_F(HashCacheStoreTest, AnUnusableTableOrRowIsRefusedAndAReadOnlyStoreWritesNothing) {
