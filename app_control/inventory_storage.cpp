@@ -100,6 +100,7 @@ void InventoryStorage::LoadIdList() {
     // A list stored twice under one id (by an older version) is read as one.
     IdList unique;
     unique.reserve(ids.list.size());
+    m_idSet.reserve(ids.list.size());
     for (const ApplicationId id : ids.list)
       if (m_idSet.insert(id).second) unique.push_back(id);
     m_ids.swap(unique);

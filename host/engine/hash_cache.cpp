@@ -1,5 +1,6 @@
 #include "host/engine/hash_cache.h"
 
+#include <algorithm>
 #include <iterator>
 #include <utility>
 
@@ -37,7 +38,10 @@ std::size_t HashCache::StampHash::operator()(const FileStamp& s) const noexcept 
   return Mix(h, static_cast<std::uint64_t>(s.ctimeNs));
 }
 
-HashCache::HashCache(std::size_t capacity) : m_capacity(capacity) {}
+HashCache::HashCache(std::size_t capacity) : m_capacity(capacity) {
+  // Buckets for a whole scan up front: no rehash in the middle of one.
+  m_index.reserve(std::min<std::size_t>(capacity, std::size_t{1} << 18));
+}
 
 std::optional<std::string> HashCache::Find(const FileStamp& stamp) {
   std::lock_guard lock(m_mutex);

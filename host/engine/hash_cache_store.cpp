@@ -9,12 +9,15 @@ namespace host::engine {
 
 namespace {
 
+// Keyed by the stamp alone (no rowid): one tree less to write per row.
+// Use stamps are unique (a Save numbers its rows above every stored one,
+// under the write lock), so eviction can cut at the n-th oldest.
 constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS hash_cache("
     " device INTEGER NOT NULL, inode INTEGER NOT NULL, size INTEGER NOT NULL,"
     " mtime_ns INTEGER NOT NULL, ctime_ns INTEGER NOT NULL,"
     " sha256 BLOB NOT NULL, used INTEGER NOT NULL,"
-    " PRIMARY KEY(device, inode, size, mtime_ns, ctime_ns));"
+    " PRIMARY KEY(device, inode, size, mtime_ns, ctime_ns)) WITHOUT ROWID;"
     "CREATE INDEX IF NOT EXISTS hash_cache_used ON hash_cache(used);";
 
 enum Kept : std::size_t { kLoad, kPut, kMaxUsed, kCount, kEvict };
@@ -65,7 +68,7 @@ zel::result_t HashCacheStore::Open(const std::string& path, const Options& optio
        "INSERT OR REPLACE INTO hash_cache(device, inode, size, mtime_ns, ctime_ns, sha256, used)"
        " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)",
        "SELECT coalesce(max(used), 0) FROM hash_cache", "SELECT count(*) FROM hash_cache",
-       "DELETE FROM hash_cache WHERE rowid IN (SELECT rowid FROM hash_cache ORDER BY used LIMIT ?1)"});
+       "DELETE FROM hash_cache WHERE used <= (SELECT used FROM hash_cache ORDER BY used LIMIT 1 OFFSET ?1 - 1)"});
   if (ZEL_SUCCEEDED(r) && options.readOnly) r = m_db.Db().Exec("PRAGMA query_only=1");
   if (ZEL_FAILED(r)) m_db.Close();
   return r;
