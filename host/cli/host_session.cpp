@@ -66,7 +66,7 @@ void HostSession::UseHashCacheStore(bool load) {
 void HostSession::SaveHashCache(bool force) {
   if (!engine || !hashStore.IsOpen()) return;
   const auto now = std::chrono::steady_clock::now();
-  if (!force && now - m_hashCacheSaved < kHashCacheSaveInterval) return;
+  if (!force && now - m_hashCacheSaved < hashCacheSaveInterval) return;
   m_hashCacheSaved = now;
   if (const zel::result_t r = hashStore.Save(engine->engine.Hashes()); ZEL_FAILED(r)) HashCacheUnusable("writing", r);
 }

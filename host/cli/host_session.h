@@ -38,8 +38,10 @@ class HostSession {
   HostSession& operator=(const HostSession&) = delete;
   ~HostSession();
 
-  // How often a long-running command writes its learned hashes back.
-  static constexpr std::chrono::seconds kHashCacheSaveInterval{30};
+  // How often a long-running command writes its learned hashes back: a
+  // long-running service every 30 s; a scan more often, so that its writes
+  // overlap its walk rather than follow it.
+  std::chrono::milliseconds hashCacheSaveInterval{30'000};
 
   // Opens the store's hash cache for the engine and, when `load`, fills the
   // engine's cache from it. Nothing for a private (":memory:") store or a
@@ -47,7 +49,7 @@ class HostSession {
   // line on stderr and the cache: the command works on without it.
   void UseHashCacheStore(bool load);
   // Writes back what the engine's cache found or learned. `force` false:
-  // only once kHashCacheSaveInterval has passed since the last write. A
+  // only once hashCacheSaveInterval has passed since the last write. A
   // failed write warns (once) and ends the use of the stored cache.
   void SaveHashCache(bool force = true);
 

@@ -379,6 +379,7 @@ int RunScan(const GlobalOptions& options, const std::vector<std::string>& argume
   {
     HostSession session(options.traceLevel, db, stdout);
     session.UseHashCacheStore(!args.rehash);
+    session.hashCacheSaveInterval = std::chrono::seconds(1);
     // The scan's own view of the services: counted, and locked across processes.
     CountingFileFactory files(&session.files.files);
     CountingController engine(&session.engine->engine);
@@ -450,6 +451,7 @@ int RunScan(const GlobalOptions& options, const std::vector<std::string>& argume
           }
         }
         if (!paused) progress.Tick("");
+        session.SaveHashCache(false);  // on this thread, beside the walk
       }
       r = task->Stop();
     }
