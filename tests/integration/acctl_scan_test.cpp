@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/fanotify.h>
 #include <unistd.h>
 
@@ -242,7 +243,11 @@ TEST_F(AcctlScanTest, ASecondScanHashesNothingRehashHashesAllAndAnUnusableCacheO
   EXPECT_EQ(Count(list.out, dir + "/image/true\""), 1u) << list.out;
 
   // A cache table of another shape: the scan and the inventory go on.
-  ASSERT_EQ(std::system(("sqlite3 '" + db + "' 'DROP TABLE hash_cache; CREATE TABLE hash_cache(x);'").c_str()), 0);
+  sqlite3* handle = nullptr;
+  ASSERT_EQ(sqlite3_open(db.c_str(), &handle), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(handle, "DROP TABLE hash_cache; CREATE TABLE hash_cache(x);", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(handle);
   const Outcome spoilt = Run(scan);
   ASSERT_EQ(spoilt.exitCode, 0) << spoilt.err;
   EXPECT_NE(spoilt.out.find("\"filesHashed\":3"), std::string::npos) << spoilt.out;
