@@ -131,6 +131,7 @@ class Enforcer {
         PrintCounters();
         state.Publish(m_listener.Marks(), engine::FormatCountersJson(m_listener.Counters()));
       }
+      m_run.session.SaveHashCache(false);  // on this thread, never on a decision's
       if (m_listener.Failed()) {
         std::fprintf(stderr, "acctl: enforce: %s; every held start is answered and enforcement ends\n",
                      m_listener.FailureText().c_str());
