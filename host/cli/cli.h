@@ -38,6 +38,10 @@ int Fail(const char* step, zel::result_t r);
 // Reads a whole file; UserError naming it when it can't be read.
 std::string ReadFile(const std::string& path);
 
+// A record time (100 ns units since 1601-01-01 UTC) as
+// "YYYY-MM-DDTHH:MM:SSZ"; empty for 0, the time of what never happened.
+std::string RecordTimeText(std::uint64_t timestamp);
+
 // The persistent store for commands that keep state between runs:
 // /var/lib/acctl/acctl.db for root, else $XDG_STATE_HOME/acctl/acctl.db or
 // ~/.local/state/acctl/acctl.db.

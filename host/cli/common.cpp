@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -29,6 +30,17 @@ std::string ReadFile(const std::string& path) {
   text << in.rdbuf();
   if (in.bad()) throw UserError("cannot read " + path);
   return text.str();
+}
+
+std::string RecordTimeText(std::uint64_t timestamp) {
+  if (timestamp == 0) return {};
+  constexpr std::uint64_t kEpochDelta = 116444736000000000ull;  // 1601 to 1970
+  const std::time_t seconds = static_cast<std::time_t>((timestamp - kEpochDelta) / 10000000ull);
+  std::tm tm{};
+  ::gmtime_r(&seconds, &tm);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
+  return text;
 }
 
 std::string DefaultStatePath() {

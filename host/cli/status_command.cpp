@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -30,18 +29,6 @@ constexpr const char* kStatusUsage =
     "  The store (path, applications and time of the last scan, categories) and whether\n"
     "  an acctl enforce runs on this machine, with its marks and counters.\n";
 
-// 100 ns units since 1601-01-01 UTC as "YYYY-MM-DDTHH:MM:SSZ"; empty for 0.
-std::string ScanTime(std::uint64_t timestamp) {
-  if (timestamp == 0) return {};
-  constexpr std::uint64_t kEpochDelta = 116444736000000000ull;
-  const std::time_t seconds = static_cast<std::time_t>((timestamp - kEpochDelta) / 10000000ull);
-  std::tm tm{};
-  ::gmtime_r(&seconds, &tm);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
-  return text;
-}
-
 // Inventory and categories of an existing store; 1 when it can't be read.
 int ReadStore(const GlobalOptions& options, const std::string& db, Json::Value& store) {
   LoadedModule module(options.modulePath);
@@ -56,7 +43,7 @@ int ReadStore(const GlobalOptions& options, const std::string& db, Json::Value& 
     zel::result_t r = reader->GetApplicationList(list);
     if (ZEL_FAILED(r)) return Fail("reading the inventory", r);
     store["applications"] = Json::UInt64(list.list.size());
-    const std::string scanned = ScanTime(list.timestamp);
+    const std::string scanned = RecordTimeText(list.timestamp);
     store["lastScan"] = scanned.empty() ? Json::Value() : Json::Value(scanned);
 
     std::uint32_t counter = 0;
