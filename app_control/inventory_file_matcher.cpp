@@ -35,15 +35,15 @@ InventoryFileMatcher::InventoryFileMatcher(zel::IServiceLocator* serviceLocator,
       m_secondFormatGroupEnabled(settings.secondFormatGroupEnabled),
       m_executableBitEnabled(settings.executableBitEnabled) {
   zel::result_t r = zel::GetInterface(serviceLocator, m_tracer.Ref());
-  if (ZEL_FAILED(r)) throw zel::ResultCodeException(__FILE__, __LINE__, "Cannot get zel::ITracer interface", r);
+  if (ZEL_FAILED(r)) throw zel::ResultCodeException(__FILE__, __LINE__, "Expression failed", r) << "Cannot get zel::ITracer interface";
 
   zel::RefPtr<IPathMatcherFactory> pathMatcherFactory;
   r = zel::GetInterface(serviceLocator, pathMatcherFactory.Ref());
-  if (ZEL_FAILED(r)) throw zel::ResultCodeException(__FILE__, __LINE__, "Cannot get IPathMatcherFactory interface", r);
+  if (ZEL_FAILED(r)) throw zel::ResultCodeException(__FILE__, __LINE__, "Expression failed", r) << "Cannot get IPathMatcherFactory interface";
 
   const PathMatcherOptions options;
   r = pathMatcherFactory->CreatePathMatcher(settings.scopes, options, m_pathMatcher.Ref());
-  if (ZEL_FAILED(r)) throw zel::ResultCodeException(__FILE__, __LINE__, "Cannot create path matcher", r);
+  if (ZEL_FAILED(r)) throw zel::ResultCodeException(__FILE__, __LINE__, "Expression failed", r) << "Cannot create path matcher";
   ZEL_CHECK_THROW(m_pathMatcher);
 
   FormatIdList formatIds;

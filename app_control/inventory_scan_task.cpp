@@ -490,6 +490,9 @@ zel::result_t InventoryScanTask::CategorizeFile(const tov::NativePath& path) {
 }
 
 zel::result_t InventoryScanTask::OpenFile(const tov::NativePath& path, zel::RefPtr<zel::IIO>& io) {
+  ZEL_TRACE(GetTracer(), Info)
+      << "result_t tov::app_control::InventoryScanTask::OpenFile(const tov::NativePath&, zel::RefPtr<zel::IIO>&)"
+      << ", " << path.view();
   const zel::wstring_t wPath = zel::Utf8ToWide(path.view());
   const std::uint32_t accessMask = zel::file_access::Read;
   const std::uint32_t shareMode = zel::file_share::Read;

@@ -96,7 +96,14 @@ void InventoryStorage::LoadTimestamp() {
 void InventoryStorage::LoadIdList() {
   try {
     ApplicationIds ids;
-    if (ZEL_SUCCEEDED(LoadValue(AppIdList, ids))) m_ids.swap(ids.list);
+    if (ZEL_FAILED(LoadValue(AppIdList, ids))) return;
+    // A list stored twice under one id (by an older version) is read as one.
+    IdList unique;
+    unique.reserve(ids.list.size());
+    m_idSet.reserve(ids.list.size());
+    for (const ApplicationId id : ids.list)
+      if (m_idSet.insert(id).second) unique.push_back(id);
+    m_ids.swap(unique);
   } catch (...) {
     // A type the host can't describe leaves the list empty; the object
     // still comes up, the reason is on the line written here.
@@ -155,9 +162,15 @@ zel::result_t InventoryStorage::AddInfo(const tov::ApplicationInfo& info) {
         << info.id;
     std::lock_guard lock(m_mutex);
     m_timestamp = zel::datetime::now();
-    // Duplicates are kept: a second record under an id replaces the first in
-    // the store and the id stands twice in the list.
-    m_ids.push_back(info.id);
+    // A second record under an id replaces the first in the store; the id
+    // stays once in the list.
+    const bool added = m_idSet.insert(info.id).second;
+    try {
+      if (added) m_ids.push_back(info.id);
+    } catch (...) {
+      m_idSet.erase(info.id);
+      throw;
+    }
     ZEL_CHECK_RESULT_LOG_RETURN(GetTracer(), SaveValue(MakeNodeName(info.id), info), "Cannot save value to storage");
     return zel::result::NoError;
   } catch (...) {
@@ -173,6 +186,7 @@ zel::result_t InventoryStorage::Clear() {
     // memory, not the stored one, says what there is to remove.
     for (const ApplicationId id : m_ids) static_cast<void>(m_storage->RemoveValue(MakeNodeName(id)));
     m_ids.clear();
+    m_idSet.clear();
     static_cast<void>(m_storage->RemoveValue(AppIdList));
     m_timestamp = 0;
     static_cast<void>(m_storage->RemoveValue(Timestamp));

@@ -2,8 +2,8 @@
 // in the host's key-value store. The scan task writes it through
 // IInventoryStorage, any component reads it through IInventoryInfoProvider.
 //
-// Only the list of ids and the time of the last AddInfo are kept in memory
-// (eight bytes an application); every record is read back from the store
+// Only the list of ids (each once) and the time of the last AddInfo are
+// kept in memory (some 40 bytes an application); every record is read back from the store
 // when asked for. AddInfo writes its record at once but the stored list and
 // timestamp follow only at Flush, and only Flush and Clear commit.
 //
@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <unordered_set>
 
 #include "app_control/application_ids.h"
 #include "app_control/interfaces/iinventory_info_provider.h"
@@ -77,6 +78,8 @@ class InventoryStorage
 
   mutable std::mutex m_mutex;
   IdList m_ids;
+  // The ids of m_ids, so that none goes into it twice.
+  std::unordered_set<ApplicationId> m_idSet;
   std::uint64_t m_timestamp = 0;
   zel::RefPtr<app_core::component::IKeyValueStorage> m_storage;
 };

@@ -2,6 +2,7 @@
 // the way the service process does and drives it through its entry points.
 //
 //   acctl [--module PATH] [--trace LEVEL] [--db PATH] [--events FILE] COMMAND ...
+//   acctl --version
 //
 //   demo (the default)   the start-log dispatcher with two printing sinks
 //   run --settings S.json [--categories C.json] [--starts FILE] [PATH[:USER[:PID]]...]
@@ -13,6 +14,7 @@
 //                        the inventory scan; SIGINT stops, SIGUSR1/SIGUSR2 pause and resume
 //   inventory [--json] [--from N --count M] [--id ID]
 //                        what the scans stored
+//   status [--json]      the store and whether enforcement runs here
 //
 // The commands live in host/cli/.
 #include <cstdio>
@@ -23,6 +25,7 @@
 #include <vector>
 
 #include "host/cli/cli.h"
+#include "host/cli/install_layout.h"
 #include "zel/itracer.h"
 
 namespace {
@@ -31,6 +34,7 @@ namespace {
 void Usage(std::FILE* out = stderr) {
   std::fprintf(out,
                "usage: acctl [--module PATH] [--trace LEVEL] [--db PATH] [--events FILE] COMMAND\n"
+               "       acctl --version\n"
                "  demo\n"
                "  run --settings SETTINGS.json [--categories CATEGORIES.json] [--starts FILE] "
                "[PATH[:USER[:PID]]...]\n"
@@ -39,14 +43,15 @@ void Usage(std::FILE* out = stderr) {
                "          [--on-timeout allow|deny] [--decision-timeout MS] [--events FILE] [--json]\n"
                "  scan [ROOT...] [--settings SCAN.json] [--mask GLOB]... [--no-first-group] [--no-second-group]\n"
                "       [--no-exec-bit] [--golden-image add|remove] [--interval SECONDS] [--json]\n"
-               "  inventory [--json] [--from N] [--count M] [--id ID]\n");
+               "  inventory [--json] [--from N] [--count M] [--id ID]\n"
+               "  status [--json]\n");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   host::cli::GlobalOptions options;
-  options.modulePath = AC_DEFAULT_MODULE_PATH;
+  options.modulePath = host::cli::DefaultModulePath(AC_INSTALLED_MODULE_PATH, AC_DEFAULT_MODULE_PATH);
   if (const char* env = std::getenv("ACCTL_MODULE")) options.modulePath = env;
   options.traceLevel = zel::trace_level::Notice;
   int i = 1;
@@ -66,6 +71,9 @@ int main(int argc, char** argv) {
         return 2;
       }
       options.traceLevel = static_cast<std::uint32_t>(level);
+    } else if (std::strcmp(argv[i], "--version") == 0) {
+      std::printf("acctl %s\n", AC_VERSION);
+      return 0;
     } else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
       Usage(stdout);
       return 0;
@@ -83,6 +91,7 @@ int main(int argc, char** argv) {
     if (command == "enforce") return host::cli::RunEnforce(options, args);
     if (command == "scan") return host::cli::RunScan(options, args);
     if (command == "inventory") return host::cli::RunInventory(options, args);
+    if (command == "status") return host::cli::RunStatus(options, args);
     std::fprintf(stderr, "acctl: unknown command '%s'\n", command.c_str());
     Usage();
     return 2;

@@ -39,6 +39,8 @@ int RunAppControlTask(const GlobalOptions& options, tov::settings::AppControlSet
   int status = 0;
   {
     HostSession session(options.traceLevel, options.dbPath.empty() ? ":memory:" : options.dbPath, events);
+    // The hashes that earlier scans and runs stored: a program they saw is not read again.
+    session.UseHashCacheStore(true);
     if (!categoriesSource.empty()) ImportCategories(session.categories, &session.locator, categoriesJson, categoriesSource);
 
     void* arguments[2] = {&session.locator, &settings};
@@ -52,6 +54,7 @@ int RunAppControlTask(const GlobalOptions& options, tov::settings::AppControlSet
 
     AppControlRun run{session, task.Get()};
     status = body(run);
+    session.SaveHashCache();
 
     r = task->Stop();
     if (ZEL_FAILED(r)) status = Fail("stopping the application control task", r);

@@ -5,8 +5,6 @@
 #include "host/cli/cli.h"
 #include "host/cli/host_session.h"
 
-#include <filesystem>
-
 namespace host::cli {
 
 namespace {
@@ -26,12 +24,7 @@ int RunCategories(const GlobalOptions& options, const std::vector<std::string>& 
   const bool import = args.size() == 2 && args[0] == "import";
   if (!import && !(args.size() == 1 && args[0] == "export"))
     throw UsageError("categories: give import FILE or export");
-  std::string db = options.dbPath;
-  if (db.empty()) {
-    db = DefaultStatePath();
-    std::error_code ignored;
-    std::filesystem::create_directories(std::filesystem::path(db).parent_path(), ignored);
-  }
+  const std::string db = StorePath(options);
   const std::string json = import ? ReadFile(args[1]) : std::string();
   HostSession session(options.traceLevel, db, nullptr);
   if (import) {

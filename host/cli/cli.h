@@ -38,13 +38,23 @@ int Fail(const char* step, zel::result_t r);
 // Reads a whole file; UserError naming it when it can't be read.
 std::string ReadFile(const std::string& path);
 
+// A record time (100 ns units since 1601-01-01 UTC) as
+// "YYYY-MM-DDTHH:MM:SSZ"; empty for 0, the time of what never happened.
+std::string RecordTimeText(std::uint64_t timestamp);
+
 // The persistent store for commands that keep state between runs:
-// $XDG_STATE_HOME/acctl/acctl.db, or ~/.local/state/acctl/acctl.db.
+// /var/lib/acctl/acctl.db for root, else $XDG_STATE_HOME/acctl/acctl.db or
+// ~/.local/state/acctl/acctl.db.
 std::string DefaultStatePath();
 
-// The store of a command that keeps state: --db, or DefaultStatePath() with
-// its directory made.
-std::string StorePath(const GlobalOptions& options);
+// The store of a command that keeps state: --db, or DefaultStatePath(),
+// made (when `create`) mode 0600 in a directory of mode 0700. UserError
+// naming it when the store, or the default store's directory, is group- or
+// world-writable.
+std::string StorePath(const GlobalOptions& options, bool create = true);
+
+// UserError when the file at `path` exists and is group- or world-writable.
+void CheckStoreMode(const std::string& path);
 
 int RunDemo(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunRules(const GlobalOptions& options, const std::vector<std::string>& args);
@@ -52,5 +62,6 @@ int RunCategories(const GlobalOptions& options, const std::vector<std::string>& 
 int RunEnforce(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunScan(const GlobalOptions& options, const std::vector<std::string>& args);
 int RunInventory(const GlobalOptions& options, const std::vector<std::string>& args);
+int RunStatus(const GlobalOptions& options, const std::vector<std::string>& args);
 
 }  // namespace host::cli

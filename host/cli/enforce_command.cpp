@@ -23,6 +23,7 @@
 #include "host/cli/category_document.h"
 #include "host/cli/cli.h"
 #include "host/cli/internal/arg_reader.h"
+#include "host/cli/service_state.h"
 #include "host/cli/settings_json.h"
 #include "host/engine/fanotify_listener.h"
 
@@ -111,15 +112,26 @@ class Enforcer {
     m_listener.Start();
     std::fprintf(stderr, "acctl: enforcing on %zu marks\n", m_listener.Marks());
     std::fflush(stderr);
+    // Every mark is placed: the service manager may start what depends on it.
+    EnforceServiceState state;
+    state.Publish(m_listener.Marks(), engine::FormatCountersJson(m_listener.Counters()));
+    NotifyServiceManager("READY=1\nSTATUS=enforcing on " + std::to_string(m_listener.Marks()) + " marks");
 
     int status = 0;
     for (;;) {
       const timespec tick{0, 200'000'000};
       siginfo_t info{};
       const int sig = ::sigtimedwait(&signals, &info, &tick);
-      if (sig == SIGTERM || sig == SIGINT) break;
+      if (sig == SIGTERM || sig == SIGINT) {
+        NotifyServiceManager("STOPPING=1");
+        break;
+      }
       if (sig == SIGHUP) Reload();
-      if (sig == SIGUSR1) PrintCounters();
+      if (sig == SIGUSR1) {
+        PrintCounters();
+        state.Publish(m_listener.Marks(), engine::FormatCountersJson(m_listener.Counters()));
+      }
+      m_run.session.SaveHashCache(false);  // on this thread, never on a decision's
       if (m_listener.Failed()) {
         std::fprintf(stderr, "acctl: enforce: %s; every held start is answered and enforcement ends\n",
                      m_listener.FailureText().c_str());
@@ -220,7 +232,17 @@ int RunEnforce(const GlobalOptions& globalOptions, const std::vector<std::string
   if (!args.eventsPath.empty()) options.eventsPath = args.eventsPath;
 
   // Every input is read and checked before anything is loaded.
-  tov::settings::AppControlSettings settings = SettingsFromJson(ReadFile(args.settingsPath), args.settingsPath);
+  // A settings document that does not load is a usage error (exit 2), on
+  // which a service manager does not restart.
+  const std::string settingsJson = ReadFile(args.settingsPath);
+  tov::settings::AppControlSettings settings;
+  try {
+    settings = SettingsFromJson(settingsJson, args.settingsPath);
+  } catch (const UsageError&) {
+    throw;
+  } catch (const UserError& e) {
+    throw UsageError(e.what());
+  }
   const std::string categoriesJson = args.categoriesPath.empty() ? std::string() : ReadFile(args.categoriesPath);
   for (const std::vector<std::string>* paths : {&args.listener.watchDirs, &args.listener.mounts}) {
     for (const std::string& path : *paths) {

@@ -8,7 +8,12 @@
 
 namespace host::cli {
 
-HostSession::HostSession(std::uint32_t traceLevel, const std::string& dbPath, std::FILE* events) : tracer(traceLevel) {
+namespace {
+constexpr const char* kPrivateStore = ":memory:";
+}  // namespace
+
+HostSession::HostSession(std::uint32_t traceLevel, const std::string& dbPath, std::FILE* events)
+    : tracer(traceLevel), m_dbPath(dbPath) {
   locator.Register<zel::IAllocator>(&allocator);
   locator.Register<zel::ITracer>(&tracer);
   serialization = RegisterSerializationServices(locator);
@@ -18,6 +23,7 @@ HostSession::HostSession(std::uint32_t traceLevel, const std::string& dbPath, st
     serialization.metaInfo->RegisterDescriptor(d);
   for (const zel::TypeDescriptor* d : tov::InventoryRecordDescriptors()) serialization.metaInfo->RegisterDescriptor(d);
 
+  CheckStoreMode(dbPath);
   serviceManager.UseBinarySerializer(&locator);
   RegisterRecordCodecs(serviceManager, &locator);
   if (ZEL_FAILED(serviceManager.Open(dbPath))) throw UserError("cannot open the settings store " + dbPath);
@@ -32,12 +38,42 @@ HostSession::HostSession(std::uint32_t traceLevel, const std::string& dbPath, st
   if (events != nullptr) {
     EngineServicesOptions options;
     options.eventsOut = events;
+    // With a store to keep them in, the engine remembers as many hashes as
+    // the store holds: a scan's whole tree.
+    if (dbPath != kPrivateStore) options.hashCacheCapacity = engine::HashCacheStore::kDefaultRowLimit;
     engine = std::make_unique<EngineServices>(options);
     RegisterEngineServices(locator, *engine);
   }
 }
 
+void HostSession::HashCacheUnusable(const char* doing, zel::result_t r) {
+  hashStore.Close();
+  if (m_hashCacheWarned) return;
+  m_hashCacheWarned = true;
+  char text[zel::kMaxPrintedResult];
+  const std::size_t n = zel::PrintResult(zel::FormatResult(r), text);
+  std::fprintf(stderr, "acctl: warning: %s the hash cache in %s failed (%.*s): going on without it\n", doing,
+               m_dbPath.c_str(), static_cast<int>(n), text);
+}
+
+void HostSession::UseHashCacheStore(bool load) {
+  if (!engine || m_dbPath == kPrivateStore) return;
+  zel::result_t r = hashStore.Open(m_dbPath);
+  if (ZEL_SUCCEEDED(r) && load) r = hashStore.LoadInto(engine->engine.Hashes());
+  if (ZEL_FAILED(r)) HashCacheUnusable(load ? "loading" : "opening", r);
+  m_hashCacheSaved = std::chrono::steady_clock::now();
+}
+
+void HostSession::SaveHashCache(bool force) {
+  if (!engine || !hashStore.IsOpen()) return;
+  const auto now = std::chrono::steady_clock::now();
+  if (!force && now - m_hashCacheSaved < hashCacheSaveInterval) return;
+  m_hashCacheSaved = now;
+  if (const zel::result_t r = hashStore.Save(engine->engine.Hashes()); ZEL_FAILED(r)) HashCacheUnusable("writing", r);
+}
+
 HostSession::~HostSession() {
+  hashStore.Close();
   if (engine) {
     UnregisterEngineServices(locator);
     engine.reset();

@@ -5,14 +5,18 @@
 // of the inventory scan (file factory, path matchers, format recogniser)
 // and, on request, the reference engine with its event publisher.
 // Teardown unregisters in the reverse order, so the module never sees a
-// service die under it.
+// service die under it. On request the engine's hash cache is kept in the
+// store too (UseHashCacheStore), so that what one acctl hashed the next
+// one does not.
 #pragma once
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
 
 #include "host/engine/engine_services.h"
+#include "host/engine/hash_cache_store.h"
 #include "host/files/file_services.h"
 #include "host/serialization/serialization_services.h"
 #include "host/services/categories_manager.h"
@@ -34,6 +38,21 @@ class HostSession {
   HostSession& operator=(const HostSession&) = delete;
   ~HostSession();
 
+  // How often a long-running command writes its learned hashes back: a
+  // long-running service every 30 s; a scan more often, so that its writes
+  // overlap its walk rather than follow it.
+  std::chrono::milliseconds hashCacheSaveInterval{30'000};
+
+  // Opens the store's hash cache for the engine and, when `load`, fills the
+  // engine's cache from it. Nothing for a private (":memory:") store or a
+  // session without an engine. A table that can't be used costs one warning
+  // line on stderr and the cache: the command works on without it.
+  void UseHashCacheStore(bool load);
+  // Writes back what the engine's cache found or learned. `force` false:
+  // only once hashCacheSaveInterval has passed since the last write. A
+  // failed write warns (once) and ends the use of the stored cache.
+  void SaveHashCache(bool force = true);
+
   CountingAllocator allocator;
   StderrTracer tracer;
   ServiceLocator locator;
@@ -44,6 +63,14 @@ class HostSession {
   KeyValueStore keyValueStore;
   FileServices files;
   std::unique_ptr<EngineServices> engine;
+  engine::HashCacheStore hashStore;
+
+ private:
+  void HashCacheUnusable(const char* doing, zel::result_t r);
+
+  std::string m_dbPath;
+  bool m_hashCacheWarned = false;
+  std::chrono::steady_clock::time_point m_hashCacheSaved;
 };
 
 }  // namespace host::cli

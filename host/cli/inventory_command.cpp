@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -63,18 +62,6 @@ InventoryArgs ParseInventoryArgs(const std::vector<std::string>& args) {
 }
 
 std::string Utf8(const zel::wstring_t& text) { return std::string(zel::Utf16ToUtf8(text.view()).view()); }
-
-// 100 ns units since 1601-01-01 UTC to "YYYY-MM-DDTHH:MM:SSZ"; "never" for 0.
-std::string TimeText(std::uint64_t timestamp) {
-  if (timestamp == 0) return "never";
-  constexpr std::uint64_t kEpochDelta = 116444736000000000ull;  // 1601 to 1970
-  const std::time_t seconds = static_cast<std::time_t>((timestamp - kEpochDelta) / 10000000ull);
-  std::tm tm{};
-  ::gmtime_r(&seconds, &tm);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
-  return text;
-}
 
 Json::Value ToJson(const tov::ApplicationInfo& info, bool names) {
   Json::Value v;
@@ -185,7 +172,7 @@ int RunInventory(const GlobalOptions& options, const std::vector<std::string>& a
                   "stored      %s\n",
                   static_cast<unsigned long long>(info.id), Utf8(info.fileName).c_str(), Utf8(info.filePath).c_str(),
                   Utf8(info.fileHash).c_str(), Categories(info, true).c_str(), Categories(info, false).c_str(),
-                  TimeText(timestamp).c_str());
+                  timestamp == 0 ? "never" : RecordTimeText(timestamp).c_str());
     } else {
       PrintTable(records, false);
     }

@@ -171,6 +171,7 @@ struct ScanArgs {
   bool noFirstGroup = false;
   bool noSecondGroup = false;
   bool noExecBit = false;
+  bool rehash = false;
   bool json = false;
   bool help = false;
   double interval = -1;  // seconds between progress lines; negative: the default
@@ -178,8 +179,10 @@ struct ScanArgs {
 
 const char kScanUsage[] =
     "usage: acctl [--db PATH] scan [ROOT...] [--settings FILE] [--mask GLOB]... [--no-first-group]\n"
-    "            [--no-second-group] [--no-exec-bit] [--golden-image add|remove] [--interval SECONDS] [--json]\n"
+    "            [--no-second-group] [--no-exec-bit] [--golden-image add|remove] [--interval SECONDS] [--rehash] [--json]\n"
     "  Rebuilds the inventory from ROOTs (or the settings' scopes, or /usr/bin).\n"
+    "  A file whose identity and times are as a previous scan saw them is not read\n"
+    "  again: its hash comes from the store. --rehash reads and hashes every file.\n"
     "  SIGINT stops the scan (the inventory is left empty); SIGUSR1 or SIGTSTP pauses it,\n"
     "  SIGUSR2 or SIGCONT resumes it.\n";
 
@@ -214,6 +217,8 @@ ScanArgs ParseScanArgs(const std::vector<std::string>& args) {
       out.noSecondGroup = true;
     } else if (r.Is("--no-exec-bit")) {
       out.noExecBit = true;
+    } else if (r.Is("--rehash")) {
+      out.rehash = true;
     } else if (r.Is("--json")) {
       out.json = true;
     } else if (r.IsHelp()) {
@@ -373,6 +378,8 @@ int RunScan(const GlobalOptions& options, const std::vector<std::string>& argume
   int status = 0;
   {
     HostSession session(options.traceLevel, db, stdout);
+    session.UseHashCacheStore(!args.rehash);
+    session.hashCacheSaveInterval = std::chrono::seconds(1);
     // The scan's own view of the services: counted, and locked across processes.
     CountingFileFactory files(&session.files.files);
     CountingController engine(&session.engine->engine);
@@ -444,16 +451,20 @@ int RunScan(const GlobalOptions& options, const std::vector<std::string>& argume
           }
         }
         if (!paused) progress.Tick("");
+        session.SaveHashCache(false);  // on this thread, beside the walk
       }
       r = task->Stop();
     }
     progress.Print(interrupted ? "stopped: " : "done: ");
     progress.EndLine();
     if (ZEL_FAILED(r)) status = Fail("stopping the inventory scan", r);
+    session.SaveHashCache();
 
     const auto notices = session.engine->taskStops.Received();
     const zel::result_t runResult = notices.empty() ? zel::result::Unexpected : notices.back().result;
     const double elapsed = progress.Elapsed();
+    const std::uint64_t filesHashed = session.engine->engine.HashesComputed();
+    const std::uint64_t hashesFromCache = session.engine->engine.Hashes().Stats().hits;
     if (args.json) {
       Json::Value summary;
       summary["result"] = ResultText(runResult);
@@ -462,16 +473,19 @@ int RunScan(const GlobalOptions& options, const std::vector<std::string>& argume
       summary["filesGivenToEngine"] = Json::UInt64(engine.described.load());
       summary["inventoried"] = Json::UInt64(counters.Stored());
       summary["skipped"] = Json::UInt64(counters.Skipped());
+      summary["hashesFromCache"] = Json::UInt64(hashesFromCache);
+      summary["filesHashed"] = Json::UInt64(filesHashed);
       summary["seconds"] = elapsed;
       summary["store"] = db;
       Json::StreamWriterBuilder writer;
       writer["indentation"] = "";
       std::printf("%s\n", Json::writeString(writer, summary).c_str());
     } else {
-      std::printf("scanned %llu files in %.2f s: %llu inventoried, %llu skipped%s; store %s\n",
+      std::printf("scanned %llu files in %.2f s: %llu inventoried, %llu skipped, %llu hashed, %llu from the cache%s; store %s\n",
                   static_cast<unsigned long long>(counters.Seen()), elapsed,
                   static_cast<unsigned long long>(counters.Stored()),
-                  static_cast<unsigned long long>(counters.Skipped()),
+                  static_cast<unsigned long long>(counters.Skipped()), static_cast<unsigned long long>(filesHashed),
+                  static_cast<unsigned long long>(hashesFromCache),
                   interrupted ? " (interrupted: the inventory is left empty)" : "", db.c_str());
     }
 

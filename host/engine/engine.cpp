@@ -1,6 +1,7 @@
 #include "host/engine/engine.h"
 
 #include <fcntl.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -236,8 +237,13 @@ ProgramDecision Engine::DecideWithFacts(const ProgramStart& start, FileFacts fac
 }
 
 template <class Hash, class Restat>
-zel::result_t Engine::CachedHash(const struct stat& before, Hash hash, Restat restat, std::string* hex) const {
+zel::result_t Engine::CachedHash(const struct stat& before, bool cacheable, Hash hash, Restat restat,
+                                 std::string* hex) const {
   const FileStamp stamp = FileStamp::FromStat(before);
+  if (!cacheable) {
+    m_hashesComputed.fetch_add(1);
+    return hash(hex);
+  }
   if (std::optional<std::string> cached = m_hashCache.Find(stamp)) {
     *hex = std::move(*cached);
     return zel::result::NoError;
@@ -265,6 +271,21 @@ bool Engine::DeviceRemovable(dev_t device) const {
   std::lock_guard lock(m_removableMutex);
   m_removable[device] = {removable, now};
   return removable;
+}
+
+template <class FsType>
+bool Engine::StampsTrusted(dev_t device, FsType fsType) const {
+  const auto now = std::chrono::steady_clock::now();
+  {
+    std::lock_guard lock(m_removableMutex);
+    const auto it = m_trusted.find(device);
+    if (it != m_trusted.end() && now - it->second.second < kRemovableTtl) return it->second.first;
+  }
+  struct statfs fs {};
+  const bool trusted = fsType(fs) && StampsTrustedOn(static_cast<std::int64_t>(fs.f_type));
+  std::lock_guard lock(m_removableMutex);
+  m_trusted[device] = {trusted, now};
+  return trusted;
 }
 
 UserPrincipals Engine::PrincipalsOf(std::uint32_t uid) const {
@@ -298,8 +319,9 @@ FileFacts Engine::FactsForDescriptor(int fd, const std::string& path) const {
     return facts;
   }
   facts.removable = DeviceRemovable(st.st_dev);
+  const bool cacheable = StampsTrusted(st.st_dev, [fd](struct statfs& fs) { return ::fstatfs(fd, &fs) == 0; });
   const zel::result_t r = CachedHash(
-      st, [fd](std::string* hex) { return Sha256Descriptor(fd, hex); },
+      st, cacheable, [fd](std::string* hex) { return Sha256Descriptor(fd, hex); },
       [fd](struct stat& again) { return ::fstat(fd, &again) == 0; }, &facts.sha256);
   if (ZEL_FAILED(r)) facts.sha256.clear();
   return facts;
@@ -334,7 +356,9 @@ zel::result_t Engine::InventoryModule(zel::IIO* io, std::uint32_t flags, tov::Ap
     if (known && !m_contentHashing.load()) {
       facts.sha256 = IdentityStamp(st);
     } else if (known) {
-      r = CachedHash(st, hash, [&file](struct stat& again) { return ZEL_SUCCEEDED(file->Stat(again)); },
+      const bool cacheable =
+          StampsTrusted(st.st_dev, [&facts](struct statfs& fs) { return ::statfs(facts.path.c_str(), &fs) == 0; });
+      r = CachedHash(st, cacheable, hash, [&file](struct stat& again) { return ZEL_SUCCEEDED(file->Stat(again)); },
                      &facts.sha256);
     } else {
       // Without an identity there is nothing to remember the hash by.
@@ -356,7 +380,7 @@ zel::result_t Engine::InventoryModule(zel::IIO* io, std::uint32_t flags, tov::Ap
     zel::wstring_t filePath = Wide(facts.path);
     zel::wstring_t fileHash = Wide(facts.sha256);
     // Everything that can fail is done: only now is the caller's record changed.
-    info.id = IdFromSha256(facts.sha256);
+    info.id = IdForFile(facts.sha256, facts.path);
     info.fileName = std::move(fileName);
     info.filePath = std::move(filePath);
     info.fileHash = std::move(fileHash);

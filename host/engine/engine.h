@@ -84,9 +84,10 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   // path and identity: it fills filePath and fileName (the part behind the
   // last "/") and asks the hash cache first; a bare stream is hashed and
   // gets no path and no name. In both cases: fileHash is the SHA-256 as
-  // lower-case hex, id is IdFromSha256 of it (so copies of one content share
-  // their id, and the id of an unchanged file stays the same from scan to
-  // scan), and categoryKeys holds, in the categories' order, one key of kind
+  // lower-case hex, id is IdForFile of it and the path (so copies of one
+  // content at two paths are two records, and the id of an unchanged file
+  // stays the same from scan to scan; a bare stream's is IdFromSha256), and
+  // categoryKeys holds, in the categories' order, one key of kind
   // tov::kScanCategoryKind per matching category with the category id as
   // tov::tools::CategoryIdToText writes it. Nothing else of `info` is
   // touched, nor is `info` on failure.
@@ -185,6 +186,10 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   // file of a tree, and sysfs lookups cost more than hashing a small file.
   // Short-lived, because a device number may come back for another drive.
   bool DeviceRemovable(dev_t device) const;
+  // StampsTrustedOn for the file system of `device`, remembered like
+  // DeviceRemovable; `fsType` answers statfs's f_type, false when unknown.
+  template <class FsType>
+  bool StampsTrusted(dev_t device, FsType fsType) const;
   // ResolveUserPrincipals, remembered for a few seconds: reading the user
   // and group databases costs more than the rest of a decision, and live
   // enforcement decides every program start. A change of groups is seen
@@ -198,7 +203,9 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   // reading, `restat` gives it again afterwards; the result is cached only
   // when the file did not change while it was read.
   template <class Hash, class Restat>
-  zel::result_t CachedHash(const struct stat& before, Hash hash, Restat restat, std::string* hex) const;
+  // `cacheable` false: the file is hashed and nothing is looked up or kept.
+  zel::result_t CachedHash(const struct stat& before, bool cacheable, Hash hash, Restat restat,
+                           std::string* hex) const;
 
   const std::string m_sysRoot;
   mutable std::mutex m_mutex;
@@ -226,6 +233,7 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   static constexpr std::chrono::seconds kRemovableTtl{2};
   mutable std::mutex m_removableMutex;
   mutable std::map<dev_t, std::pair<bool, std::chrono::steady_clock::time_point>> m_removable;
+  mutable std::map<dev_t, std::pair<bool, std::chrono::steady_clock::time_point>> m_trusted;  // m_removableMutex
   mutable std::atomic<std::uint64_t> m_hashesComputed{0};
   static constexpr std::chrono::seconds kPrincipalsTtl{5};
   static constexpr std::size_t kPrincipalsKept = 1024;

@@ -129,6 +129,39 @@ std::uint64_t IdFromSha256(const std::string& sha256) {
   return id;
 }
 
+std::uint64_t IdForFile(const std::string& sha256, const std::string& path) {
+  // FNV-1a over the path, then one SplitMix64 round over id and path hash
+  // together, so that ids of neighbouring paths share no bits.
+  if (path.empty()) return IdFromSha256(sha256);
+  std::uint64_t h = 0xcbf29ce484222325ull;
+  for (const char c : path) h = (h ^ static_cast<unsigned char>(c)) * 0x100000001b3ull;
+  std::uint64_t x = IdFromSha256(sha256) ^ (h + 0x9e3779b97f4a7c15ull);
+  x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+  x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+  return x ^ (x >> 31);
+}
+
+bool StampsTrustedOn(std::int64_t fsType) {
+  switch (static_cast<std::uint32_t>(fsType)) {
+    case 0x6969u:      // NFS
+    case 0x517Bu:      // SMB
+    case 0xFF534D42u:  // CIFS
+    case 0xFE534D42u:  // SMB2
+    case 0x65735546u:  // FUSE
+    case 0x01021997u:  // 9P
+    case 0x00C36400u:  // Ceph
+    case 0x5346414Fu:  // AFS
+    case 0x6B414653u:  // kAFS
+    case 0x4D44u:      // FAT (msdos, vfat)
+    case 0x2011BAB0u:  // exFAT
+    case 0x5346544Eu:  // NTFS
+    case 0x794C7630u:  // overlayfs
+      return false;
+    default:
+      return true;
+  }
+}
+
 bool IsDeviceRemovable(dev_t device, const std::string& sysRoot) {
   const std::string node =
       sysRoot + "/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device));

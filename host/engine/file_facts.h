@@ -36,6 +36,18 @@ zel::result_t Sha256Stream(zel::IIO* io, std::string* hex);
 // 0 for a hash that is too short.
 std::uint64_t IdFromSha256(const std::string& sha256);
 
+// A 64-bit id for a file version at one path: IdFromSha256 mixed with the
+// path's bytes. An unchanged file keeps its id from scan to scan; two copies
+// of one content at two paths get two ids, so neither record replaces the
+// other. Without a path it is IdFromSha256.
+std::uint64_t IdForFile(const std::string& sha256, const std::string& path);
+
+// Whether file times and inode numbers of a file system (statfs f_type)
+// can key a hash cache: false where a server or user-space process supplies
+// them, where ctime is a settable creation time, or where an inode number
+// does not name one file for good (see hash_cache_store.h).
+bool StampsTrustedOn(std::int64_t fsType);
+
 // Whether block device `device` is one that sysfs marks removable; for a
 // partition the flag of its disk counts.
 bool IsDeviceRemovable(dev_t device, const std::string& sysRoot = "/sys");

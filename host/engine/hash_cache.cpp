@@ -1,5 +1,7 @@
 #include "host/engine/hash_cache.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace host::engine {
@@ -36,7 +38,10 @@ std::size_t HashCache::StampHash::operator()(const FileStamp& s) const noexcept 
   return Mix(h, static_cast<std::uint64_t>(s.ctimeNs));
 }
 
-HashCache::HashCache(std::size_t capacity) : m_capacity(capacity) {}
+HashCache::HashCache(std::size_t capacity) : m_capacity(capacity) {
+  // Buckets for a whole scan up front: no rehash in the middle of one.
+  m_index.reserve(std::min<std::size_t>(capacity, std::size_t{1} << 18));
+}
 
 std::optional<std::string> HashCache::Find(const FileStamp& stamp) {
   std::lock_guard lock(m_mutex);
@@ -46,6 +51,7 @@ std::optional<std::string> HashCache::Find(const FileStamp& stamp) {
     return std::nullopt;
   }
   m_lru.splice(m_lru.begin(), m_lru, it->second);
+  it->second->touched = true;
   m_hits.fetch_add(1, std::memory_order_relaxed);
   return it->second->sha256;
 }
@@ -55,6 +61,8 @@ void HashCache::Insert(const FileStamp& stamp, std::string sha256) {
   std::lock_guard lock(m_mutex);
   if (const auto it = m_index.find(stamp); it != m_index.end()) {
     it->second->sha256 = std::move(sha256);
+    it->second->touched = true;
+    it->second->preloaded = false;
     m_lru.splice(m_lru.begin(), m_lru, it->second);
     return;
   }
@@ -78,6 +86,28 @@ void HashCache::Clear() {
   std::lock_guard lock(m_mutex);
   m_index.clear();
   m_lru.clear();
+}
+
+void HashCache::Preload(const FileStamp& stamp, std::string sha256) {
+  std::lock_guard lock(m_mutex);
+  if (m_index.size() >= m_capacity || m_index.contains(stamp)) return;
+  m_lru.push_back(Entry{stamp, std::move(sha256), false, true});
+  try {
+    m_index.emplace(stamp, std::prev(m_lru.end()));
+  } catch (...) {
+    m_lru.pop_back();
+    throw;
+  }
+}
+
+std::vector<HashCache::Touched> HashCache::TakeTouched() {
+  std::vector<Touched> out;
+  std::lock_guard lock(m_mutex);
+  auto it = m_lru.begin();
+  for (; it != m_lru.end() && it->touched; ++it) out.push_back(Touched{it->stamp, it->sha256, it->preloaded});
+  // Cleared only once every copy is made: a failed copy leaves them touched.
+  for (auto jt = m_lru.begin(); jt != it; ++jt) jt->touched = false;
+  return out;
 }
 
 HashCacheStats HashCache::Stats() const {

@@ -11,6 +11,11 @@
 // one tick would leave the stamps equal.) The cache is bounded:
 // the least recently used entry goes when a new one would overflow it. All
 // operations are thread-safe.
+//
+// The cache can outlive the process through a HashCacheStore: Preload
+// fills it from the store without counting as use, and TakeTouched hands
+// the store what was found or learned since the last time, so that only
+// that is written back.
 #pragma once
 
 #include <sys/stat.h>
@@ -23,6 +28,8 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace host::engine {
 
@@ -61,6 +68,19 @@ class HashCache {
   // Forgets every entry; the counters stay.
   void Clear();
 
+  // Adds an entry behind every other (the next to go), not as a use: for
+  // filling the cache from a store, most recently used first. Does nothing
+  // when the stamp is there already or the cache is full.
+  void Preload(const FileStamp& stamp, std::string sha256);
+  struct Touched {
+    FileStamp stamp;
+    std::string sha256;
+    bool preloaded;  // came from Preload and was only found since
+  };
+  // The entries found or inserted since the last call, most recently used
+  // first; they count as untouched afterwards.
+  std::vector<Touched> TakeTouched();
+
   HashCacheStats Stats() const;
   std::size_t Capacity() const noexcept { return m_capacity; }
 
@@ -71,6 +91,10 @@ class HashCache {
   struct Entry {
     FileStamp stamp;
     std::string sha256;
+    // Found or inserted since the last TakeTouched. A use moves the entry
+    // to the front, so the touched entries are always a prefix of m_lru.
+    bool touched = true;
+    bool preloaded = false;
   };
   using Lru = std::list<Entry>;  // front: most recently used
 

@@ -92,18 +92,17 @@ TEST_F(MatcherTest, ConstructionAsksForTheSixFormatsAndHandsTheScopesOver) {
 struct ConstructionFailure {
   const char* name;
   void (*arrange)(host::ServiceLocator&, FakePathMatcherFactory&, FakeFormatRecognizerFactory&);
-  const char* text;  // the exception's text; null when none is expected
+  const char16_t* message;  // streamed after "Expression failed": what was missing
 };
 
 TEST_F(MatcherTest, EachConstructionStepFailsWithItsOwnMessage) {
   const ConstructionFailure cases[] = {
-      {"no tracer", [](auto& l, auto&, auto&) { l.Refuse(zel::ITracer::iid); }, "Cannot get zel::ITracer interface"},
+      {"no tracer", [](auto& l, auto&, auto&) { l.Refuse(zel::ITracer::iid); }, u"Cannot get zel::ITracer interface"},
       {"no path matcher factory", [](auto& l, auto&, auto&) { l.Refuse(IPathMatcherFactory::iid); },
-       "Cannot get IPathMatcherFactory interface"},
+       u"Cannot get IPathMatcherFactory interface"},
       {"path matcher refused",
-       [](auto&, auto& p, auto&) { p.createResult = zel::result::AccessDenied; }, "Cannot create path matcher"},
-      {"recogniser refused", [](auto&, auto&, auto& f) { f.createResult = zel::result::AccessDenied; },
-       "Expression failed"},
+       [](auto&, auto& p, auto&) { p.createResult = zel::result::AccessDenied; }, u"Cannot create path matcher"},
+      {"recogniser refused", [](auto&, auto&, auto& f) { f.createResult = zel::result::AccessDenied; }, u""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -118,8 +117,9 @@ TEST_F(MatcherTest, EachConstructionStepFailsWithItsOwnMessage) {
     try {
       InventoryFileMatcher m(&l, InventoryFileMatcher::Settings{});
       ADD_FAILURE() << "constructed";
-    } catch (const zel::exception& e) {
-      EXPECT_EQ(e.GetText(), c.text);
+    } catch (const zel::ResultCodeException& e) {
+      EXPECT_EQ(e.GetText(), "Expression failed");
+      EXPECT_EQ(e.GetMessage().view(), std::u16string_view(c.message));
       EXPECT_LT(zel::GetResult(e), 0);
     }
   }

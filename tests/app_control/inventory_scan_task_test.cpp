@@ -180,6 +180,7 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   EXPECT_NE(cgroups.lastTid, static_cast<std::int32_t>(::getpid()));
   EXPECT_GT(cgroups.lastTid, 0);
   EXPECT_TRUE(Traced("skip (not a regular file)"));  // the links and the fifo
+  EXPECT_TRUE(Traced("InventoryScanTask::OpenFile(const tov::NativePath&, zel::RefPtr<zel::IIO>&), " + Path("a.sh")));
   EXPECT_TRUE(Traced("Task has been stopped with result 0x00000000"));
   // Nothing to publish and nothing to remove, but the call is made.
   ASSERT_EQ(categories.puts.size(), 1u);
@@ -517,7 +518,9 @@ TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
        },
        " to cgroup scan", false, false},
       {"clear", [&] { storage.clearResult = kFailure; }, "(m_inventory->Clear()),", false, false},
-      {"matcher", [&] { locator.Refuse(IPathMatcherFactory::iid); }, "Cannot create matcher", false, false},
+      // The run's line names what the matcher missed.
+      {"matcher", [&] { locator.Refuse(IPathMatcherFactory::iid); }, "Cannot get IPathMatcherFactory interface", false,
+       false},
       {"put categories", [&] { categories.result = kFailure; }, "Cannot change GoldenImage category", true, false},
   };
   for (const Case& c : cases) {

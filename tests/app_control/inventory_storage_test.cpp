@@ -152,17 +152,26 @@ TEST_F(InventoryStorageTest, RecordsAreWrittenAtAddInfoListAndTimestampOnlyAtFlu
   EXPECT_TRUE(host.Failures().empty()) << host.Failures().front();
 }
 
-TEST_F(InventoryStorageTest, TheLaterOfTwoRecordsWithOneIdStandsTwice) {
+TEST_F(InventoryStorageTest, TheLaterOfTwoRecordsWithOneIdReplacesTheFirstAndTheIdStandsOnce) {
+  {
+    Inventory inv = MakeInventory(&host.locator);
+    ASSERT_TRUE(inv);
+    ASSERT_EQ(inv.writer->AddInfo(App(5, u"old")), 0);
+    ASSERT_EQ(inv.writer->AddInfo(App(6, u"other")), 0);
+    ASSERT_EQ(inv.writer->AddInfo(App(5, u"new")), 0);
+    tov::ApplicationList list;
+    ASSERT_EQ(inv.reader->GetApplicationList(list), 0);
+    ASSERT_THAT(Ids(list), ElementsAre(5u, 6u));
+    EXPECT_EQ(list.list[0].fileName, u"new");
+    ASSERT_EQ(inv.writer->Flush(), 0);
+  }
+  // The stored list, read by the next object, and added to again.
   Inventory inv = MakeInventory(&host.locator);
   ASSERT_TRUE(inv);
-  ASSERT_EQ(inv.writer->AddInfo(App(5, u"old")), 0);
-  ASSERT_EQ(inv.writer->AddInfo(App(6, u"other")), 0);
-  ASSERT_EQ(inv.writer->AddInfo(App(5, u"new")), 0);
-  tov::ApplicationList list;
-  ASSERT_EQ(inv.reader->GetApplicationList(list), 0);
-  ASSERT_THAT(Ids(list), ElementsAre(5u, 6u, 5u));
-  EXPECT_EQ(list.list[0].fileName, u"new");
-  EXPECT_EQ(list.list[2].fileName, u"new");
+  ASSERT_EQ(inv.writer->AddInfo(App(6, u"again")), 0);
+  tov::ApplicationIdList ids;
+  ASSERT_EQ(inv.reader->GetApplicationIdList(0, 10, ids), 0);
+  EXPECT_THAT(std::vector<tov::ApplicationId>(ids.begin(), ids.end()), ElementsAre(5u, 6u));
 }
 
 TEST_F(InventoryStorageTest, PagingThroughTheIds) {

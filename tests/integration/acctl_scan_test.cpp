@@ -1,15 +1,21 @@
 // acctl scan and acctl inventory as a user runs them, in a scratch store:
 // the golden-image workflow end to end (scan with GoldenImage add, then an
 // allow list on that category), the inventory views, the errors of the
-// command line, a stop by SIGINT, pause and resume by signal, and the
-// task-type lock across two acctl processes.
+// command line, a stop by SIGINT, pause and resume by signal, the
+// task-type lock across two acctl processes, and the hash cache that scans,
+// runs and enforcement share through the store.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
+#include <sys/fanotify.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/acctl_process.h"
@@ -205,6 +211,70 @@ TEST_F(AcctlScanTest, ASecondScanOnTheSameStoreIsRefusedByTheTaskTypeLock) {
   EXPECT_EQ(Wait(first), 0) << Slurp(dir + "/first.err");
   const std::string out = Slurp(dir + "/first.out");
   EXPECT_NE(out.find(std::to_string(kBigTreeFiles) + " inventoried"), std::string::npos) << out;
+}
+
+// Files younger than the engine's racy window are hashed but not remembered.
+void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }
+
+TEST_F(AcctlScanTest, ASecondScanHashesNothingRehashHashesAllAndAnUnusableCacheOnlyWarns) {
+  // Two copies of one program: two records, each under its own path.
+  fs::copy_file("/usr/bin/true", dir + "/image/sub/true-copy");
+  Settle();
+  const std::string scan = "scan '" + dir + "/image' --json";
+  struct Step {
+    const char* what;
+    std::string args;
+    const char* counts;
+  };
+  const Step steps[] = {
+      {"first", scan, "\"filesHashed\":3,\"filesSeen\":3,\"hashesFromCache\":0"},
+      {"second", scan, "\"filesHashed\":0,\"filesSeen\":3,\"hashesFromCache\":3"},
+      {"rehash", scan + " --rehash", "\"filesHashed\":3,\"filesSeen\":3,\"hashesFromCache\":0"},
+  };
+  for (const Step& step : steps) {
+    const Outcome o = Run(step.args);
+    ASSERT_EQ(o.exitCode, 0) << step.what << ": " << o.err;
+    EXPECT_NE(o.out.find(step.counts), std::string::npos) << step.what << ": " << o.out;
+    EXPECT_EQ(Count(o.err, "warning"), 0u) << o.err;
+  }
+  const Outcome list = Run("inventory --json");
+  EXPECT_EQ(Count(list.out, "\"filePath\""), 3u) << list.out;
+  EXPECT_EQ(Count(list.out, dir + "/image/sub/true-copy\""), 1u) << list.out;
+  EXPECT_EQ(Count(list.out, dir + "/image/true\""), 1u) << list.out;
+
+  // A cache table of another shape: the scan and the inventory go on.
+  sqlite3* handle = nullptr;
+  ASSERT_EQ(sqlite3_open(db.c_str(), &handle), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(handle, "DROP TABLE hash_cache; CREATE TABLE hash_cache(x);", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(handle);
+  const Outcome spoilt = Run(scan);
+  ASSERT_EQ(spoilt.exitCode, 0) << spoilt.err;
+  EXPECT_NE(spoilt.out.find("\"filesHashed\":3"), std::string::npos) << spoilt.out;
+  EXPECT_NE(spoilt.out.find("\"inventoried\":3"), std::string::npos) << spoilt.out;
+  EXPECT_EQ(Count(spoilt.err, "acctl: warning: loading the hash cache in"), 1u) << spoilt.err;
+  EXPECT_EQ(Count(spoilt.err, "warning"), 1u) << spoilt.err;
+}
+
+TEST_F(AcctlScanTest, EnforcementStartedAfterAScanHashesNoScannedProgramOnItsFirstStart) {
+  const int probe = ::geteuid() == 0 ? ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY) : -1;
+  if (probe >= 0) ::close(probe);
+  if (probe < 0) {
+    const char* ci = std::getenv("CI");
+    if (ci != nullptr && std::string(ci) == "true") FAIL() << "live enforcement must be tested under CI";
+    GTEST_SKIP() << "needs root and fanotify";
+  }
+  Settle();
+  ASSERT_EQ(Run("scan '" + dir + "/image'").exitCode, 0);
+  const pid_t enforce = Spawn("enforce --json --settings " + kExamples + "settings.json --watch '" + dir + "/image'",
+                              "enforce");
+  ASSERT_TRUE(WaitForText(dir + "/enforce.err", "acctl: enforcing on")) << Slurp(dir + "/enforce.err");
+  EXPECT_EQ(std::system(("'" + dir + "/image/true'").c_str()), 0);
+  ::kill(enforce, SIGTERM);
+  EXPECT_EQ(Wait(enforce), 0) << Slurp(dir + "/enforce.err");
+  const std::string counters = Slurp(dir + "/enforce.out");
+  EXPECT_NE(counters.find("\"allowed\":1,"), std::string::npos) << counters;
+  EXPECT_NE(counters.find("\"hashCacheHits\":1}"), std::string::npos) << "the scan's hash was used: " << counters;
 }
 
 }  // namespace

@@ -83,7 +83,7 @@ TEST_F(AcctlTest, BadInputFailsWithAMessage) {
 TEST_F(AcctlTest, EveryCommandAnswersHelpAndBadUsageAlike) {
   // --help: the usage on stdout, exit 0. A command line the command can't
   // take: one "acctl:" line naming the command, nothing on stdout, exit 2.
-  const char* const commands[] = {"demo", "run", "categories", "enforce", "scan", "inventory"};
+  const char* const commands[] = {"demo", "run", "categories", "enforce", "scan", "inventory", "status"};
   for (const std::string command : commands) {
     const Outcome help = Run(command + " --help");
     EXPECT_EQ(help.exitCode, 0) << command << ": " << help.err;

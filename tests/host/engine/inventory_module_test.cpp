@@ -51,45 +51,47 @@ TEST_F(InventoryModuleTest, HashIdPathAndNameOfHostFiles) {
     const char* name;
     std::string content;
     const char* sha256;
-    std::uint64_t id;
   };
   const Case cases[] = {
-      {"empty", "", kEmptySha256, 0xe3b0c44298fc1c14ULL},
-      {"hello", "hello", kHelloSha256, 0x2cf24dba5fb0a30eULL},
+      {"empty", "", kEmptySha256},
+      {"hello", "hello", kHelloSha256},
       // Longer than one read chunk.
-      {"million", std::string(1'000'000, 'a'), kMillionASha256, 0xcdc76e5c9914fb92ULL},
+      {"million", std::string(1'000'000, 'a'), kMillionASha256},
   };
   for (const Case& c : cases) {
     const std::string path = dir.Write(std::string("bin/") + c.name, c.content);
     tov::ApplicationInfo info;
     ASSERT_EQ(Inventory(path, info), zel::result::NoError) << c.name;
     EXPECT_EQ(N(info.fileHash), c.sha256) << c.name;
-    EXPECT_EQ(info.id, c.id) << c.name;
+    EXPECT_EQ(info.id, host::engine::IdForFile(c.sha256, path)) << c.name;
     EXPECT_EQ(N(info.filePath), path);
     EXPECT_EQ(N(info.fileName), c.name);
     EXPECT_TRUE(info.categoryKeys.empty());
   }
 }
 
-TEST_F(InventoryModuleTest, CopiesShareTheIdAndChangedContentDoesNot) {
+TEST_F(InventoryModuleTest, CopiesAtTwoPathsAreTwoRecordsAndAFileKeepsItsIdUntilChanged) {
   const std::string a = dir.Write("a/tool", "same content");
-  const std::string b = dir.Write("b/tool-copy", "same content");
+  const std::string b = dir.Write("b/tool", "same content");
   const std::string c = dir.Write("c/tool", "other content");
   tov::ApplicationInfo ia, ib, ic;
   ASSERT_EQ(Inventory(a, ia), 0);
   ASSERT_EQ(Inventory(b, ib), 0);
   ASSERT_EQ(Inventory(c, ic), 0);
-  EXPECT_EQ(ia.id, ib.id);
   EXPECT_EQ(N(ia.fileHash), N(ib.fileHash));
-  EXPECT_NE(N(ia.filePath), N(ib.filePath));
+  EXPECT_NE(ia.id, ib.id) << "one content at two paths";
   EXPECT_NE(ia.id, ic.id);
-  EXPECT_NE(N(ia.fileHash), N(ic.fileHash));
 
-  // Rewriting a file in place gives it the id of its new content.
+  tov::ApplicationInfo same;
+  ASSERT_EQ(Inventory(a, same), 0);
+  EXPECT_EQ(same.id, ia.id) << "an unchanged file, scanned again";
+
+  // Rewritten in place with c's content: a new id, still not c's.
   dir.Write("a/tool", "other content");
   tov::ApplicationInfo again;
   ASSERT_EQ(Inventory(a, again), 0);
-  EXPECT_EQ(again.id, ic.id);
+  EXPECT_NE(again.id, ia.id);
+  EXPECT_NE(again.id, ic.id);
 }
 
 TEST_F(InventoryModuleTest, BareStreamIsHashedFromItsStartWithoutPath) {
@@ -251,14 +253,14 @@ TEST_F(InventoryModuleTest, WithoutContentHashingEachFileKeepsAnIdOfItsOwn) {
   EXPECT_EQ(engine.HashesComputed(), 0u);
 
   // The stand-in is the file's identity, the inode (mixed) first, and the
-  // id its lead.
+  // id is made from it as from a hash.
   struct stat st {};
   ASSERT_EQ(::stat(a.c_str(), &st), 0);
   const std::string stamp = N(ia.fileHash);
   ASSERT_EQ(stamp.size(), 64u);
   EXPECT_EQ(std::stoull(stamp.substr(16, 16), nullptr, 16), static_cast<std::uint64_t>(st.st_dev));
   EXPECT_EQ(std::stoull(stamp.substr(32, 16), nullptr, 16), 12u);
-  EXPECT_EQ(ia.id, std::stoull(stamp.substr(0, 16), nullptr, 16));
+  EXPECT_EQ(ia.id, host::engine::IdForFile(stamp, a));
   // Two files of one file system: two records, however alike.
   EXPECT_NE(ia.id, ib.id);
   EXPECT_NE(ia.fileHash.view(), ib.fileHash.view());

@@ -1,0 +1,242 @@
+// acctl as an installed service runs it: the store's path and modes, the
+// status command, and the unit's own command line started by hand with a
+// notify socket of the test's, as the service manager would start it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/fanotify.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "support/acctl_process.h"
+
+namespace {
+
+using test_support::Slurp;
+using Outcome = test_support::AcctlOutcome;
+using AcctlServiceTest = test_support::AcctlProcessTest;
+
+const std::string kSource = AC_SOURCE_DIR;
+
+// Why live enforcement can't be tried here; empty when it can. Under CI it
+// must be tried.
+std::string CannotEnforce() {
+  if (::geteuid() != 0) return "not root";
+  const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+  if (fd < 0) return std::string("fanotify refused: ") + std::strerror(errno);
+  ::close(fd);
+  return {};
+}
+
+#define REQUIRE_ENFORCE()                                                                 \
+  do {                                                                                    \
+    const std::string why = CannotEnforce();                                              \
+    if (!why.empty()) {                                                                   \
+      const char* ci = std::getenv("CI");                                                 \
+      if (ci != nullptr && std::string(ci) == "true") FAIL() << "must run under CI: " << why; \
+      GTEST_SKIP() << why;                                                                \
+    }                                                                                     \
+  } while (0)
+
+unsigned ModeOf(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+TEST_F(AcctlServiceTest, AStoreOthersMayWriteIsRefused) {
+  const std::string db = dir + "/state.db";
+  ASSERT_EQ(Run("--db '" + db + "' categories import " + kSource + "/host/examples/categories.json").exitCode, 0);
+  const struct {
+    mode_t mode;
+    bool refused;
+  } cases[] = {{0600, false}, {0640, false}, {0660, true}, {0602, true}};
+  for (const auto& c : cases) {
+    ASSERT_EQ(::chmod(db.c_str(), c.mode), 0);
+    const std::vector<std::string> commands = {"categories export", "inventory", "status",
+                                               "run --settings " + kSource + "/host/examples/settings.json"};
+    for (const std::string& command : commands) {
+      const Outcome o = Run("--db '" + db + "' " + command);
+      if (c.refused) {
+        EXPECT_EQ(o.exitCode, 1) << std::oct << c.mode << " " << command;
+        EXPECT_EQ(o.err, "acctl: refusing the store " + db + ": it is group- or world-writable (mode 0" +
+                             (c.mode == 0660 ? "660" : "602") + ")\n")
+            << command;
+      } else {
+        EXPECT_EQ(o.exitCode, 0) << std::oct << c.mode << " " << command << ": " << o.err;
+      }
+    }
+  }
+}
+
+TEST_F(AcctlServiceTest, TheDefaultStoreIsTheOwnersAlone) {
+  // As root the default store is the machine's; status names it without
+  // making it. The made-private path is tried as an unprivileged user.
+  if (::geteuid() == 0) {
+    const bool existed = ModeOf("/var/lib/acctl/acctl.db") != 0;
+    const Outcome o = Run("status --json");
+    ASSERT_EQ(o.exitCode, 0) << o.err;
+    EXPECT_NE(o.out.find("\"path\":\"/var/lib/acctl/acctl.db\""), std::string::npos) << o.out;
+    EXPECT_EQ(ModeOf("/var/lib/acctl/acctl.db") != 0, existed);
+    ASSERT_EQ(::chmod(dir.c_str(), 0777), 0);
+  }
+  const std::string user = ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+  const std::string state = dir + "/state";
+  const int status = std::system(("env XDG_STATE_HOME='" + state + "' " + user + ACCTL_PATH +
+                                  " categories import " + kSource + "/host/examples/categories.json 2>/dev/null")
+                                     .c_str());
+  ASSERT_EQ(status, 0);
+  EXPECT_EQ(ModeOf(state + "/acctl"), 0700u);
+  EXPECT_EQ(ModeOf(state + "/acctl/acctl.db"), 0600u);
+}
+
+TEST_F(AcctlServiceTest, StatusShowsTheStoreAndTheRunningEnforcer) {
+  REQUIRE_ENFORCE();
+  const std::string db = dir + "/state.db", watched = dir + "/bin", run = dir + "/run";
+  ASSERT_EQ(::mkdir(watched.c_str(), 0755), 0);
+  std::filesystem::copy_file("/usr/bin/true", watched + "/true");
+  ASSERT_EQ(::chmod((watched + "/true").c_str(), 0755), 0);
+  globalArgs = "--db '" + db + "'";
+  ASSERT_EQ(Run("scan " + watched).exitCode, 0);
+  ASSERT_EQ(Run("categories import " + kSource + "/host/examples/categories.json").exitCode, 0);
+  ::setenv("RUNTIME_DIRECTORY", run.c_str(), 1);
+
+  Outcome o = Run("status --json");
+  ASSERT_EQ(o.exitCode, 0) << o.err;
+  EXPECT_NE(o.out.find("\"applications\":1,"), std::string::npos) << o.out;
+  EXPECT_NE(o.out.find("\"categories\":2,"), std::string::npos) << o.out;
+  EXPECT_TRUE(std::regex_search(o.out, std::regex("\"lastScan\":\"20[0-9-]{8}T[0-9:]{8}Z\""))) << o.out;
+  EXPECT_NE(o.out.find("\"enforce\":{\"running\":false}"), std::string::npos) << o.out;
+
+  const pid_t enforcer =
+      Spawn("enforce --settings " + kSource + "/packaging/etc/settings.json --watch " + watched, "enforce");
+  ASSERT_TRUE(WaitForText(dir + "/enforce.err", "acctl: enforcing on")) << Slurp(dir + "/enforce.err");
+  ASSERT_EQ(std::system((watched + "/true").c_str()), 0);
+  o = Run("status");
+  EXPECT_EQ(o.exitCode, 0) << o.err;
+  EXPECT_NE(o.out.find("enforce     running, pid " + std::to_string(enforcer) + ", 1 marks\n"), std::string::npos)
+      << o.out;
+  // The status asked for fresh counters: the start above is in them.
+  EXPECT_NE(o.out.find("decided 1,"), std::string::npos) << o.out;
+
+  ::kill(enforcer, SIGTERM);
+  EXPECT_EQ(Wait(enforcer), 0) << Slurp(dir + "/enforce.err");
+  ::unsetenv("RUNTIME_DIRECTORY");
+  EXPECT_EQ(ModeOf(run + "/enforce.pid"), 0u) << "the pid file outlived the enforcer";
+  ::setenv("RUNTIME_DIRECTORY", run.c_str(), 1);
+  EXPECT_NE(Run("status").out.find("enforce     not running\n"), std::string::npos);
+  ::unsetenv("RUNTIME_DIRECTORY");
+}
+
+// A datagram socket standing in for the service manager's.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& path) : m_path(path) {
+    m_fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    m_bound = ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  }
+  ~NotifySocket() { ::close(m_fd); }
+  bool Bound() const { return m_bound; }
+  // The next datagram, or "" when none comes within 30 s.
+  std::string Next() {
+    pollfd p{m_fd, POLLIN, 0};
+    if (::poll(&p, 1, 30'000) != 1) return {};
+    char buffer[4096];
+    const ssize_t n = ::recv(m_fd, buffer, sizeof buffer, 0);
+    return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string();
+  }
+
+ private:
+  std::string m_path;
+  int m_fd = -1;
+  bool m_bound = false;
+};
+
+// The unit's ExecStart, with the installed paths swapped for the built
+// program, the shipped configuration files and a store of the test's.
+std::string UnitCommandLine(const std::string& settings, const std::string& db) {
+  std::ifstream unit(kSource + "/packaging/acctl-enforce.service");
+  std::string line, exec;
+  while (std::getline(unit, line))
+    if (line.rfind("ExecStart=", 0) == 0) exec = line.substr(10);
+  const std::pair<std::string, std::string> swaps[] = {
+      {"/usr/bin/acctl", ACCTL_PATH},
+      {"/etc/acctl/settings.json", settings},
+      {"/etc/acctl/categories.json", kSource + "/packaging/etc/categories.json"},
+      {"/var/lib/acctl/acctl.db", db}};
+  for (const auto& [from, to] : swaps) {
+    const std::size_t at = exec.find(from);
+    if (at == std::string::npos) return "unit ExecStart lacks " + from;
+    exec.replace(at, from.size(), to);
+  }
+  return exec;
+}
+
+TEST_F(AcctlServiceTest, TheUnitsCommandIsReadyOnlyWithItsMarksPlaced) {
+  REQUIRE_ENFORCE();
+  const std::string socket = dir + "/notify";
+  NotifySocket manager(socket);
+  ASSERT_TRUE(manager.Bound());
+  const std::string command = UnitCommandLine(kSource + "/packaging/etc/settings.json", dir + "/state.db");
+  ASSERT_EQ(command.find("unit ExecStart lacks"), std::string::npos) << command;
+
+  const std::string run = dir + "/run";
+  const pid_t service = ::fork();
+  if (service == 0) {
+    ::setenv("NOTIFY_SOCKET", socket.c_str(), 1);
+    ::setenv("RUNTIME_DIRECTORY", run.c_str(), 1);
+    const std::string shell = "exec " + command + " >'" + dir + "/service.out' 2>'" + dir + "/service.err'";
+    ::execl("/bin/sh", "sh", "-c", shell.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  const std::string ready = manager.Next();
+  ASSERT_EQ(ready.rfind("READY=1\n", 0), 0u) << ready << Slurp(dir + "/service.err");
+  // Ready means every mark is placed: a start right after it is held and
+  // reported, and the status already counts the marks.
+  EXPECT_NE(Slurp(run + "/enforce.status").find("\"marks\":1,"), std::string::npos);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::execl("/usr/bin/true", "true", static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  EXPECT_EQ(Wait(child), 0);
+  EXPECT_TRUE(WaitForText(dir + "/service.out", "\"ProcessId\":" + std::to_string(child) + ","))
+      << Slurp(dir + "/service.out");
+  ::kill(service, SIGTERM);
+  EXPECT_EQ(manager.Next(), "STOPPING=1");
+  EXPECT_EQ(Wait(service), 0) << Slurp(dir + "/service.err");
+}
+
+TEST_F(AcctlServiceTest, TheUnitsCommandRefusesBadSettingsWithoutReadiness) {
+  // Exit 2 (which the unit does not restart on) with one line naming the
+  // file, and no READY=1.
+  const std::string settings = Write("settings.json", "{\"mode\": \"Sideways\"}");
+  const std::string socket = dir + "/notify";
+  NotifySocket manager(socket);
+  ASSERT_TRUE(manager.Bound());
+  const std::string command = UnitCommandLine(settings, dir + "/state.db");
+  const std::string shell = "NOTIFY_SOCKET='" + socket + "' RUNTIME_DIRECTORY='" + dir + "/run' " + command +
+                            " >/dev/null 2>'" + dir + "/err'";
+  const int status = std::system(shell.c_str());
+  EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 2);
+  const std::string err = Slurp(dir + "/err");
+  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+  EXPECT_NE(err.find(settings), std::string::npos) << err;
+  std::ifstream check(dir + "/run/enforce.pid");
+  EXPECT_FALSE(check.good()) << "a refused start left a pid file";
+}
+
+}  // namespace
