@@ -424,19 +424,24 @@ void Engine::Process(const WorkItem& item) {
     std::lock_guard lock(m_mutex);
     m_decisions.push_back(pd);
   }
-  Report(pd);
+  static_cast<void>(Report(pd));  // counted by the engine where it matters: SinkExceptions
 }
 
-void Engine::Report(const ProgramDecision& pd) {
+zel::result_t Engine::Report(const ProgramDecision& pd) {
+  zel::result_t first = zel::result::NoError;
   for (const SinkPtr& sink : SnapshotSinks()) {
+    zel::result_t r = zel::result::NoError;
     try {
-      sink->OnApplicationControl(&pd.info, &pd.category, &pd.decision.verdict);
+      r = sink->OnApplicationControl(&pd.info, &pd.category, &pd.decision.verdict);
     } catch (...) {
       // The verdict stands whatever a sink does; a sink that throws is
       // counted and the others are still told.
       m_sinkExceptions.fetch_add(1);
+      r = zel::result::Unexpected;
     }
+    if (ZEL_FAILED(r) && ZEL_SUCCEEDED(first)) first = r;
   }
+  return first;
 }
 
 zel::result_t Engine::CreateTask(const EacSettings& settings, zel::iid_t iid, void** out) {

@@ -122,9 +122,11 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   // it is paused, when nothing is enforced.
   std::shared_ptr<const EacSettings> ActiveSettings() const;
   // Tells every subscriber about a decision taken with DecideNow or
-  // DecideOpenFile, on the caller's thread; like the engine thread, it
-  // counts a sink that throws and goes on.
-  void Report(const ProgramDecision& decision);
+  // DecideOpenFile, on the caller's thread. A sink that fails or throws
+  // doesn't stop the others: the result is the first failure (an exception
+  // counts as zel::result::Unexpected, and in SinkExceptions), 0 when every
+  // sink took it.
+  zel::result_t Report(const ProgramDecision& decision);
 
   // ---- engine tasks ----
   // Makes a task holding a copy of `settings` and gives its `iid` face.

@@ -202,6 +202,8 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
       return;
     }
     if (!m_decision) {
+      // Nothing is enforced (the task is stopped or paused): allowed, undecided.
+      c.undecided.fetch_add(1);
       c.allowed.fetch_add(1);
       l.Respond(m_fd, true);
       return;
@@ -428,6 +430,7 @@ bool FanotifyListener::ReadEvents(std::size_t size, bool here) {
         ::close(event->fd);
         continue;
       }
+      m_counters.starts.fetch_add(1);
       HandleStart(event->fd, event->pid, here);
     }
     // A deciding thread goes back to waiting: the next event may be another
@@ -441,6 +444,7 @@ void FanotifyListener::HandleStart(int fd, std::int32_t pid, bool here) {
   if (pid == m_self) {
     // Never wait on ourselves: a decision that needed a start of this
     // process would wait for itself.
+    m_counters.undecided.fetch_add(1);
     m_counters.allowed.fetch_add(1);
     Respond(fd, true);
     ::close(fd);
@@ -466,11 +470,22 @@ void FanotifyListener::PublishLoop() {
   std::vector<ProgramDecision> batch;
   while (m_published.PopBatch(batch, kPublishLinger)) {
     for (const ProgramDecision& decision : batch) {
+      zel::result_t r = zel::result::Unexpected;
       try {
-        m_engine.Report(decision);
+        r = m_engine.Report(decision);
       } catch (...) {
         // Reporting can't change what was answered; the next one may fare better.
       }
+      if (ZEL_SUCCEEDED(r)) {
+        m_counters.published.fetch_add(1);
+        continue;
+      }
+      m_counters.publishFailed.fetch_add(1);
+      char code[16];
+      std::snprintf(code, sizeof code, "0x%08x", static_cast<unsigned>(r));
+      ZEL_TRACE(m_tracer, zel::trace_level::Warning)
+          << "enforce: the event of a start of " << decision.facts.path << " (process unique id "
+          << decision.info.processUniqueId << ") was not published: " << code;
     }
     batch.clear();
   }
@@ -497,7 +512,9 @@ void FanotifyListener::Stop() {
       for (; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
         if (event->fd < 0) continue;
         if ((event->mask & FAN_OPEN_EXEC_PERM) != 0) {
+          m_counters.starts.fetch_add(1);
           if (event->pid == m_self) {
+            m_counters.undecided.fetch_add(1);
             m_counters.allowed.fetch_add(1);
             Respond(event->fd, true);
           } else {
@@ -534,6 +551,9 @@ EnforceCountersSnapshot FanotifyListener::Counters() const {
   s.timedOut = m_counters.timedOut.load();
   s.undecided = m_counters.undecided.load();
   s.dropped = m_published.Dropped();
+  s.starts = m_counters.starts.load();
+  s.published = m_counters.published.load();
+  s.publishFailed = m_counters.publishFailed.load();
   s.hashCacheHits = m_engine.Hashes().Stats().hits;
   return s;
 }

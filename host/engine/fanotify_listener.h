@@ -19,7 +19,8 @@
 //   a start not decided in time is answered by the time-out policy and
 //   counted;
 // - reporting runs on its own thread behind a BoundedQueue, in batches, so
-//   a slow publisher drops events (counted) but never holds a start;
+//   a slow publisher drops events (counted) but never holds a start; a
+//   decision a subscriber refuses is counted and traced, never lost unseen;
 // - Stop, and a fatal error of the reader, answer every pending start
 //   before the fanotify descriptor is closed; and should the process die
 //   anyway, the kernel allows what it still holds once the group closes.
@@ -108,7 +109,8 @@ class FanotifyListener {
   enum class OpenError { None, NotPermitted, NotSupported, BadPath, Failed };
 
   // `tracer` (may be null) receives one line for each start decided on
-  // incomplete facts (level 700) and one for each event (level 800). The
+  // incomplete facts (level 700), for each decision not published (500),
+  // and for each event (level 800). The
   // engine and the tracer must outlive the listener.
   FanotifyListener(Engine& engine, FanotifyOptions options, zel::ITracer* tracer);
   FanotifyListener(const FanotifyListener&) = delete;

@@ -88,10 +88,20 @@ std::string ReadLink(const std::string& path) {
   }
 }
 
+// Plain reads, never a stream: a stream that meets a read error (ESRCH from a
+// process that ended since it was opened) throws, and nothing here may.
 std::string ReadCommandLine(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) return std::string();
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::string();
+  std::string text;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
   while (!text.empty() && text.back() == '\0') text.pop_back();
   for (char& c : text)
     if (c == '\0') c = ' ';
@@ -136,6 +146,8 @@ zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, 
     return zel::result::NoError;
   } catch (const std::bad_alloc&) {
     return zel::result::OutOfMemory;
+  } catch (...) {
+    return zel::result::Unexpected;
   }
 }
 
@@ -186,19 +198,28 @@ zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uni
 
 void ProcessRegistry::Remember(std::uint64_t uniqueId, std::uint32_t parentPid) {
   std::lock_guard lock(m_rememberedMutex);
-  m_remembered[m_nextRemembered] = {uniqueId, parentPid};
+  if (const auto it = m_index.find(uniqueId); it != m_index.end()) {
+    it->second = parentPid;
+    return;
+  }
+  try {
+    if (m_index.bucket_count() < kRemembered) m_index.reserve(kRemembered);
+    m_index.emplace(uniqueId, parentPid);
+  } catch (const std::bad_alloc&) {
+    return;  // not remembered: its event, should it end first, names no process
+  }
+  std::uint64_t& slot = m_order[m_nextRemembered];
+  if (slot != 0) m_index.erase(slot);
+  slot = uniqueId;
   m_nextRemembered = (m_nextRemembered + 1) % kRemembered;
 }
 
 bool ProcessRegistry::Recall(std::uint64_t uniqueId, std::uint32_t* parentPid) const {
   std::lock_guard lock(m_rememberedMutex);
-  for (const Remembered& r : m_remembered) {
-    if (r.uniqueId == uniqueId && uniqueId != 0) {
-      *parentPid = r.parentPid;
-      return true;
-    }
-  }
-  return false;
+  const auto it = m_index.find(uniqueId);
+  if (it == m_index.end() || uniqueId == 0) return false;
+  *parentPid = it->second;
+  return true;
 }
 
 zel::result_t ProcessRegistry::GetProcessByPid(std::uint32_t pid, IProcessObject** process) {

@@ -12,7 +12,11 @@
 // The last processes given a unique id are remembered with their parent: an
 // event about a program start is published after the start was answered,
 // often when so short a program has ended, and GetProcess then still gives
-// its pid and its parent (with no image, command line or directory).
+// its pid and its parent (with no image, command line or directory). As many
+// are kept as a publisher may fall behind (its queue's length), so that a
+// burst of starts doesn't push a process out before its event is written.
+//
+// Nothing here throws: reading a process that ends meanwhile fails quietly.
 #pragma once
 
 #include <array>
@@ -20,6 +24,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "app_control/interfaces/iprocess_registry.h"
 #include "host/services/host_object.h"
@@ -45,11 +50,7 @@ class ProcessRegistry final : public OwnedObject<ProcessRegistry, IProcessRegist
   bool UsesPidfdSerials() const noexcept { return m_pidfdSerials; }
 
  private:
-  struct Remembered {
-    std::uint64_t uniqueId = 0;
-    std::uint32_t parentPid = 0;
-  };
-  static constexpr std::size_t kRemembered = 256;
+  static constexpr std::size_t kRemembered = 8192;
 
   struct Incarnation {
     std::uint32_t parentPid = 0;
@@ -65,7 +66,8 @@ class ProcessRegistry final : public OwnedObject<ProcessRegistry, IProcessRegist
   const std::string m_procRoot;
   const bool m_pidfdSerials;
   mutable std::mutex m_rememberedMutex;
-  std::array<Remembered, kRemembered> m_remembered{};
+  std::array<std::uint64_t, kRemembered> m_order{};  // oldest overwritten first
+  std::unordered_map<std::uint64_t, std::uint32_t> m_index;  // unique id -> parent pid
   std::size_t m_nextRemembered = 0;
 };
 

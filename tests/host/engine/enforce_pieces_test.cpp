@@ -116,12 +116,17 @@ TEST(EnforceCountersTest, TextAndJsonNameEveryCounterInOrder) {
   c.undecided = 6;
   c.dropped = 7;
   c.hashCacheHits = 8;
+  c.starts = 9;
+  c.published = 10;
+  c.publishFailed = 11;
+  c.memfdExec = 12;
   EXPECT_EQ(host::engine::FormatCountersText(c),
             "decided 1, allowed 2, blocked 3, test-mode 4, timed out 5, undecided 6, events dropped 7, "
-            "hash-cache hits 8");
+            "hash-cache hits 8, starts 9, published 10, publish failed 11, memfd exec 12");
   EXPECT_EQ(host::engine::FormatCountersJson(c),
             "{\"decided\":1,\"allowed\":2,\"blocked\":3,\"testMode\":4,\"timedOut\":5,\"undecided\":6,"
-            "\"eventsDropped\":7,\"hashCacheHits\":8}");
+            "\"eventsDropped\":7,\"hashCacheHits\":8,\"starts\":9,\"published\":10,\"publishFailed\":11,"
+            "\"memfdExec\":12}");
 }
 
 class ProcFilesTest : public ::testing::Test {
