@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/fanotify.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -143,6 +144,46 @@ class Child {
 };
 
 Started Start(const fs::path& path) { return Child(path).Wait(); }
+
+// vm.memfd_noexec; -1 when this kernel has none.
+int MemfdNoExec() {
+  std::ifstream in("/proc/sys/vm/memfd_noexec");
+  int value = -1;
+  return in >> value ? value : -1;
+}
+
+// Starts a copy of /usr/bin/true from a memfd, never from a file system: 0
+// when it ran and ended well, else the errno of memfd_create or fexecve.
+int RunFromMemfd() {
+  const int fd = ::memfd_create("from-memory", 0);
+  if (fd < 0) return errno;
+  const std::string program = Slurp("/usr/bin/true");
+  if (::write(fd, program.data(), program.size()) != static_cast<ssize_t>(program.size())) {
+    ::close(fd);
+    return EIO;
+  }
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0) return errno;
+  char arg0[] = "from-memory";
+  char* argv[] = {arg0, nullptr};
+  char* envp[] = {nullptr};
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::fexecve(fd, argv, envp);
+    const int e = errno;
+    [[maybe_unused]] const ssize_t n = ::write(fds[1], &e, sizeof e);
+    ::_exit(127);
+  }
+  ::close(fds[1]);
+  ::close(fd);
+  int e = 0;
+  const bool failed = ::read(fds[0], &e, sizeof e) == sizeof e;
+  ::close(fds[0]);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  if (failed) return e;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : ECHILD;
+}
 
 // The value of `name` in acctl's one-line JSON counters; -1 when missing.
 long long JsonCounter(const std::string& json, const std::string& name) {
@@ -405,6 +446,30 @@ TEST_F(EnforceTest, AStormOfStartsIsAccountedForWholeInTheCounters) {
     const std::vector<std::string> lines = EventLines();
     EXPECT_EQ(static_cast<long long>(lines.size()), n("published")) << out << acctl.Err();
     for (const std::string& line : lines) EXPECT_NE(line.find("\"ProcessId\":"), std::string::npos) << line;
+  }
+}
+
+TEST_F(EnforceTest, MemfdSwitchRefusesAProgramRunFromMemoryAndPutsTheSettingBack) {
+  // A program started from a memfd passes no mark; the switch closes that
+  // way for the run.
+  REQUIRE_FANOTIFY();
+  const int before = MemfdNoExec();
+  if (before < 0) {
+    if (UnderCi()) FAIL() << "this kernel has no vm.memfd_noexec";
+    GTEST_SKIP() << "this kernel has no vm.memfd_noexec (Linux 6.3)";
+  }
+  Acctl acctl(dir, Enforce(DenySettings(), {"--memfd-noexec", "--json"}));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  EXPECT_NE(acctl.Err().find("acctl: no memfd can be executed here (vm.memfd_noexec 2"), std::string::npos)
+      << acctl.Err();
+  EXPECT_EQ(MemfdNoExec(), 2);
+  EXPECT_EQ(RunFromMemfd(), EACCES);
+  acctl.Signal(SIGTERM);
+  ASSERT_EQ(acctl.Wait(), 0) << acctl.Err();
+  EXPECT_NE(acctl.Out().find("\"memfdExec\":0}"), std::string::npos) << acctl.Out();
+  EXPECT_EQ(MemfdNoExec(), before) << "the setting is put back at exit";
+  if (before < 2) {
+    EXPECT_EQ(RunFromMemfd(), 0) << "without the switch the way is open again";
   }
 }
 
