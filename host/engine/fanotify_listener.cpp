@@ -1,6 +1,7 @@
 #include "host/engine/fanotify_listener.h"
 
 #include <fcntl.h>
+#include <glob.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <algorithm>
 #include <string_view>
@@ -49,6 +51,44 @@ std::string DescriptorPath(const char* buffer, ssize_t n, int fd, bool* deleted)
 }
 
 }  // namespace
+
+std::vector<FileId> FindDynamicLoaders() {
+  std::vector<FileId> found;
+  for (const char* pattern : {"/lib64/ld-linux*.so*", "/lib/ld-linux*.so*", "/lib/*/ld-linux*.so*",
+                              "/usr/lib64/ld-linux*.so*", "/usr/lib/*/ld-linux*.so*", "/lib/ld-musl-*.so*",
+                              "/usr/lib/ld-musl-*.so*", "/lib/ld.so", "/usr/lib/ld.so"}) {
+    glob_t matches{};
+    if (::glob(pattern, 0, nullptr, &matches) == 0) {
+      for (std::size_t i = 0; i < matches.gl_pathc; ++i) {
+        struct stat st {};
+        if (::stat(matches.gl_pathv[i], &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        const FileId id{st.st_dev, st.st_ino};
+        if (std::find(found.begin(), found.end(), id) == found.end()) found.push_back(id);
+      }
+    }
+    ::globfree(&matches);
+  }
+  return found;
+}
+
+std::string LoaderProgram(std::string_view commandLine) {
+  // The loader's options that take a value (glibc's ld.so).
+  static constexpr std::string_view kWithValue[] = {"--library-path", "--inhibit-rpath", "--audit",
+                                                    "--preload",      "--argv0",         "--glibc-hwcaps-prepend",
+                                                    "--glibc-hwcaps-mask"};
+  std::vector<std::string_view> args;
+  for (std::size_t at = 0; at < commandLine.size();) {
+    const std::size_t end = std::min(commandLine.find('\0', at), commandLine.size());
+    args.push_back(commandLine.substr(at, end - at));
+    at = end + 1;
+  }
+  for (std::size_t i = 1; i < args.size(); ++i) {
+    const std::string_view arg = args[i];
+    if (!arg.starts_with("--")) return std::string(arg);
+    if (std::find(std::begin(kWithValue), std::end(kWithValue), arg) != std::end(kWithValue)) ++i;
+  }
+  return {};
+}
 
 std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, std::uint32_t pid) {
   // Read with plain calls, and no further than needed: this runs for every
@@ -248,6 +288,7 @@ FanotifyListener::FanotifyListener(Engine& engine, FanotifyOptions options, zel:
       m_probe(m_options.procRoot),
       m_tracer(tracer),
       m_self(::getpid()),
+      m_loaders(m_options.loaderStarts ? FindDynamicLoaders() : std::vector<FileId>{}),
       m_published(m_options.publishQueue) {}
 
 FanotifyListener::~FanotifyListener() { Stop(); }
@@ -285,10 +326,12 @@ FanotifyListener::OpenError FanotifyListener::Open(std::string* message) {
     if (e == EPERM) return fail(OpenError::NotPermitted, path + ": " + ErrnoText(e));
     return fail(OpenError::Failed, path + ": fanotify_mark failed: " + ErrnoText(e));
   };
+  // Plain opens only matter while there is a loader to catch.
+  const std::uint64_t opens = m_loaders.empty() ? 0 : FAN_OPEN_PERM;
   for (const std::string& dir : m_options.watchDirs)
-    if (auto e = mark(dir, FAN_MARK_ONLYDIR, FAN_OPEN_EXEC_PERM | FAN_EVENT_ON_CHILD)) return *e;
+    if (auto e = mark(dir, FAN_MARK_ONLYDIR, FAN_OPEN_EXEC_PERM | opens | FAN_EVENT_ON_CHILD)) return *e;
   for (const std::string& path : m_options.mounts)
-    if (auto e = mark(path, FAN_MARK_MOUNT, FAN_OPEN_EXEC_PERM)) return *e;
+    if (auto e = mark(path, FAN_MARK_MOUNT, FAN_OPEN_EXEC_PERM | opens)) return *e;
   message->clear();
   return OpenError::None;
 }
@@ -427,7 +470,11 @@ bool FanotifyListener::ReadEvents(std::size_t size, bool here) {
       }
       if (event->fd < 0) continue;  // queue overflow: nothing to answer
       if ((event->mask & FAN_OPEN_EXEC_PERM) == 0) {
-        ::close(event->fd);
+        if ((event->mask & FAN_OPEN_PERM) != 0) {
+          HandleOpen(event->fd, event->pid, here);
+        } else {
+          ::close(event->fd);
+        }
         continue;
       }
       m_counters.starts.fetch_add(1);
@@ -464,6 +511,50 @@ void FanotifyListener::HandleStart(int fd, std::int32_t pid, bool here) {
   } else {
     m_pool->Submit(std::move(job));
   }
+}
+
+bool FanotifyListener::IsLoaderOpeningItsProgram(int fd, std::int32_t pid) const {
+  if (m_loaders.empty() || pid == m_self || pid <= 0) return false;
+  char path[PATH_MAX];
+  const char* proc = m_options.procRoot.c_str();
+  std::snprintf(path, sizeof path, "%s/%d/exe", proc, pid);
+  struct stat exe {};
+  // The kernel's answer: the file the process runs, whatever it is called.
+  if (::stat(path, &exe) != 0) return false;
+  if (std::find(m_loaders.begin(), m_loaders.end(), FileId{exe.st_dev, exe.st_ino}) == m_loaders.end()) return false;
+
+  // A loader: is this its program, or one of the libraries it loads?
+  char commandLine[4096];
+  std::snprintf(path, sizeof path, "%s/%d/cmdline", proc, pid);
+  const int cmd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (cmd < 0) return false;
+  const ssize_t n = ::read(cmd, commandLine, sizeof commandLine);
+  ::close(cmd);
+  if (n <= 0) return false;
+  const std::string program = LoaderProgram(std::string_view(commandLine, static_cast<std::size_t>(n)));
+  if (program.empty()) return false;
+  struct stat opened {};
+  if (::fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) return false;
+  // Its name as the process sees it: from its root or its working directory.
+  const std::string named = m_options.procRoot + "/" + std::to_string(pid) +
+                            (program.front() == '/' ? "/root" : "/cwd/") + program;
+  struct stat given {};
+  if (::stat(named.c_str(), &given) != 0 || given.st_dev != opened.st_dev || given.st_ino != opened.st_ino)
+    return false;
+  unsigned char magic[4] = {};
+  return ::pread(fd, magic, sizeof magic, 0) == 4 && magic[0] == 0x7f && magic[1] == 'E' && magic[2] == 'L' &&
+         magic[3] == 'F';
+}
+
+void FanotifyListener::HandleOpen(int fd, std::int32_t pid, bool here) {
+  if (!IsLoaderOpeningItsProgram(fd, pid)) {
+    Respond(fd, true);
+    ::close(fd);
+    return;
+  }
+  ZEL_TRACE(m_tracer, zel::trace_level::Info) << "enforce: a program opened by the dynamic loader, pid " << pid;
+  m_counters.starts.fetch_add(1);
+  HandleStart(fd, pid, here);
 }
 
 void FanotifyListener::PublishLoop() {
@@ -511,7 +602,9 @@ void FanotifyListener::Stop() {
       ssize_t left = length;
       for (; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
         if (event->fd < 0) continue;
-        if ((event->mask & FAN_OPEN_EXEC_PERM) != 0) {
+        if ((event->mask & FAN_OPEN_EXEC_PERM) == 0 && (event->mask & FAN_OPEN_PERM) != 0) {
+          Respond(event->fd, true);  // a plain open, or a loader's: not held at shutdown
+        } else if ((event->mask & FAN_OPEN_EXEC_PERM) != 0) {
           m_counters.starts.fetch_add(1);
           if (event->pid == m_self) {
             m_counters.undecided.fetch_add(1);

@@ -7,6 +7,14 @@
 // verdicts always allow), and the decision is reported to the engine's
 // subscribers like any other.
 //
+// The dynamic loader can start a program without an exec of it
+// (`ld-linux-x86-64.so.2 PROGRAM`): it opens and maps the file. So the same
+// places are also marked for FAN_OPEN_PERM, and an open by a process whose
+// executable is the loader (by the kernel's /proc/PID/exe, compared by
+// device and inode, not by name), of the ELF file its command line names as
+// the program, is decided as a start of that file. Every other open is
+// allowed at once: one stat of /proc/PID/exe, no hashing, no report.
+//
 // A start costs as little as it can: a few deciding threads wait on the
 // group themselves (one of them woken per event) and decide the start they
 // read on the spot, with no hand-over; only when all of them are busy does
@@ -38,6 +46,7 @@
 #include <optional>
 #include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -60,7 +69,24 @@ struct FanotifyOptions {
   // pending for a while.
   std::chrono::milliseconds decisionDelay{0};
   std::string procRoot = "/proc";
+  // Also hold a program started through the dynamic loader (FAN_OPEN_PERM).
+  bool loaderStarts = true;
 };
+
+// The dynamic loaders of this system: the files behind the usual names
+// (ld-linux*.so*, ld-musl-*.so*, ld.so in the library directories), by
+// device and inode.
+struct FileId {
+  dev_t dev = 0;
+  ino_t ino = 0;
+  friend bool operator==(const FileId&, const FileId&) = default;
+};
+std::vector<FileId> FindDynamicLoaders();
+
+// The program a dynamic loader was asked to run, from its command line
+// (argv[0] first, NUL-separated): the first operand after the loader's own
+// options. Empty when there is none (`ld.so --help`, `ld.so` alone).
+std::string LoaderProgram(std::string_view commandLine);
 
 // The user and the parent of a process, from <procRoot>/<pid>/status.
 struct ProcessIdentity {
@@ -151,6 +177,10 @@ class FanotifyListener {
   // this thread (`here`) or through the pool's queue. False on a fatal error.
   bool ReadEvents(std::size_t size, bool here);
   void HandleStart(int fd, std::int32_t pid, bool here);
+  // A plain open: decided as a start when it is the loader opening its
+  // program, otherwise allowed at once. Owns `fd`.
+  void HandleOpen(int fd, std::int32_t pid, bool here);
+  bool IsLoaderOpeningItsProgram(int fd, std::int32_t pid) const;
   void PublishLoop();
   void Respond(int eventFd, bool allow);
   void AnswerByPolicy(int eventFd);
@@ -163,6 +193,7 @@ class FanotifyListener {
   const StartProbe m_probe;
   zel::ITracer* const m_tracer;
   const pid_t m_self;
+  const std::vector<FileId> m_loaders;
   int m_fan = -1;
   int m_wake = -1;  // eventfd that stops the reader
   std::size_t m_marks = 0;

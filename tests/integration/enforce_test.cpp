@@ -185,6 +185,33 @@ int RunFromMemfd() {
   return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : ECHILD;
 }
 
+// The dynamic loader of this system; empty when none of the usual names is there.
+fs::path DynamicLoader() {
+  for (const char* name : {"/lib64/ld-linux-x86-64.so.2", "/lib/ld-linux-aarch64.so.1", "/lib/ld-linux-armhf.so.3"})
+    if (fs::exists(name)) return name;
+  return {};
+}
+
+// Runs argv to its end with its stdout dropped and its stderr in `errFile`: the exit code (128 +
+// signal), -1 when it could not be started.
+int RunTo(const std::vector<std::string>& args, const fs::path& errFile) {
+  std::vector<std::string> copy = args;
+  std::vector<char*> argv;
+  for (std::string& a : copy) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  ::posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid = -1;
+  const int r = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), nullptr);
+  ::posix_spawn_file_actions_destroy(&actions);
+  if (r != 0) return -1;
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 // The value of `name` in acctl's one-line JSON counters; -1 when missing.
 long long JsonCounter(const std::string& json, const std::string& name) {
   const std::string key = "\"" + name + "\":";
@@ -471,6 +498,52 @@ TEST_F(EnforceTest, MemfdSwitchRefusesAProgramRunFromMemoryAndPutsTheSettingBack
   if (before < 2) {
     EXPECT_EQ(RunFromMemfd(), 0) << "without the switch the way is open again";
   }
+}
+
+TEST_F(EnforceTest, AProgramRunThroughTheDynamicLoaderIsDecidedLikeItsExec) {
+  // `ld.so PROGRAM` opens and maps the program: no exec of it is seen, so
+  // the loader's open of its program is decided as its start. Every other
+  // open on the marks is let through and not reported.
+  REQUIRE_FANOTIFY();
+  const fs::path loader = DynamicLoader();
+  if (loader.empty()) {
+    if (UnderCi()) FAIL() << "no dynamic loader found";
+    GTEST_SKIP() << "no dynamic loader found";
+  }
+  const fs::path blocked = Program("blocked", bin), allowed = Program("allowed", bin);
+  fs::create_directory(dir / "other");
+  const fs::path unmarked = Program("blocked", dir / "other");
+  Acctl acctl(dir, Enforce(DenySettings(), {"--json"}));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  const fs::path err = dir / "loader.err";
+  struct Case {
+    std::vector<std::string> args;
+    int exitCode;
+    const char* says;  // on stderr, when not null
+  };
+  const Case cases[] = {
+      {{loader, blocked}, 127, "Operation not permitted"},
+      {{loader, "--argv0", "x", allowed}, 0, nullptr},  // an option with a value before the program
+      {{loader, unmarked}, 0, nullptr},                  // not on a mark
+      {{loader}, 1, "missing program name"},             // no program at all
+      {{"/bin/cat", blocked}, 0, nullptr},               // a plain open of a marked program
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args.back());
+    EXPECT_EQ(RunTo(c.args, err), c.exitCode) << Slurp(err);
+    if (c.says != nullptr) {
+      EXPECT_NE(Slurp(err).find(c.says), std::string::npos) << Slurp(err);
+    }
+  }
+  acctl.Signal(SIGTERM);
+  ASSERT_EQ(acctl.Wait(), 0) << acctl.Err();
+  const std::vector<std::string> lines = EventLines();
+  ASSERT_EQ(lines.size(), 2u) << Slurp(events);
+  EXPECT_NE(lines[0].find("\"type\":122"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[0].find("\"FileName\":\"blocked\""), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find("\"type\":120"), std::string::npos) << lines[1];
+  EXPECT_NE(lines[1].find("\"FileName\":\"allowed\""), std::string::npos) << lines[1];
+  EXPECT_NE(acctl.Out().find("\"starts\":2,"), std::string::npos) << acctl.Out();
 }
 
 TEST_F(EnforceTest, GoldenImageAllowListRunsOnlyTheImagesContent) {

@@ -238,3 +238,23 @@ TEST_F(ProcFilesTest, DescriptorPathLosesTheDeletedMarkOnlyWhenTheFileIsGone) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(LoaderProgramTest, TheFirstOperandAfterTheLoadersOptions) {
+  using namespace std::string_view_literals;
+  const struct {
+    std::string_view commandLine;
+    const char* program;
+  } cases[] = {
+      {"ld.so\0./prog\0arg"sv, "./prog"},
+      {"ld.so\0--argv0\0name\0--library-path\0/l\0/bin/p\0--x"sv, "/bin/p"},
+      {"ld.so\0--inhibit-cache\0p\0"sv, "p"},  // an option without a value; a trailing NUL
+      {"ld.so"sv, ""},
+      {"ld.so\0--help"sv, ""},
+      {"ld.so\0--preload\0libx.so"sv, ""},  // the value is not the program
+  };
+  for (const auto& c : cases) EXPECT_EQ(host::engine::LoaderProgram(c.commandLine), c.program) << c.commandLine;
+}
+
+}  // namespace
