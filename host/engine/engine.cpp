@@ -139,6 +139,7 @@ void Engine::SetProcessRegistry(IProcessRegistry* registry) {
   zel::RefPtr<IProcessRegistry> held(registry);
   std::lock_guard lock(m_mutex);
   std::swap(m_processRegistry, held);
+  m_hostRegistry = dynamic_cast<ProcessRegistry*>(registry);
 }
 
 void Engine::Enqueue(WorkItem item) {
@@ -220,13 +221,18 @@ ProgramDecision Engine::DecideWithFacts(const ProgramStart& start, FileFacts fac
   info.filePath = Wide(pd.facts.path);
   info.userId = Wide(uidText);
   zel::RefPtr<IProcessRegistry> registry;
+  ProcessRegistry* hostRegistry = nullptr;
   {
     std::lock_guard lock(m_mutex);
     registry = m_processRegistry;
+    hostRegistry = m_hostRegistry;
   }
   if (registry && start.pid != 0) {
+    // The facts the start came with spare the registry its own pidfd.
     std::uint64_t uniqueId = 0;
-    if (ZEL_SUCCEEDED(registry->GetUniqueId(start.pid, &uniqueId))) info.processUniqueId = uniqueId;
+    if (hostRegistry != nullptr && start.pidfdSerial != 0)
+      uniqueId = hostRegistry->Adopt(start.pid, start.ppid, start.pidfdSerial);
+    if (uniqueId != 0 || ZEL_SUCCEEDED(registry->GetUniqueId(start.pid, &uniqueId))) info.processUniqueId = uniqueId;
   }
   if (pd.decision.ruleIndex >= 0) {
     pd.category.productCategoryName = settings.rules[static_cast<std::size_t>(pd.decision.ruleIndex)].ruleName;

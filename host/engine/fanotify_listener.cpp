@@ -139,7 +139,7 @@ std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, 
 std::optional<ProcessIdentity> QueryProcessIdentity(std::uint32_t pid, bool* unsupported) {
   const std::optional<PidfdFacts> facts = QueryPidfd(pid, unsupported);
   if (!facts) return std::nullopt;
-  return ProcessIdentity{facts->uid, facts->ppid};
+  return ProcessIdentity{facts->uid, facts->ppid, facts->serial};
 }
 
 std::string PathOfDescriptor(const std::string& procRoot, int fd, bool* deleted) {
@@ -215,6 +215,8 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
       return;
     }
     start.uid = who->uid;
+    start.ppid = who->ppid;
+    start.pidfdSerial = who->pidfdSerial;
     ProgramDecision decision = l.m_engine.DecideOpenFile(m_fd, start, *settings);
     if (deleted) {
       ZEL_TRACE(l.m_tracer, zel::trace_level::Notice)
@@ -236,8 +238,10 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     } done{*this};
     FanotifyListener& l = m_listener;
     EnforceCounters& c = l.m_counters;
-    if (timedOut || m_abandoned || m_undecided) {
-      (m_undecided ? c.undecided : c.timedOut).fetch_add(1);
+    if (timedOut || m_abandoned.load() || m_undecided.load()) {
+      // Answered by the watchdog while Decide may still run: a time-out,
+      // whatever that decision comes to.
+      (!timedOut && m_undecided.load() ? c.undecided : c.timedOut).fetch_add(1);
       l.AnswerByPolicy(m_fd);
       return;
     }
@@ -277,8 +281,9 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
   const std::uint32_t m_pid;
   std::atomic<int> m_holders{2};
   std::atomic<bool> m_closed{false};
-  bool m_undecided = false;
-  bool m_abandoned = false;
+  // Set by Decide, read by an Answer that may come from the watchdog meanwhile.
+  std::atomic<bool> m_undecided{false};
+  std::atomic<bool> m_abandoned{false};
   std::optional<ProgramDecision> m_decision;
 };
 

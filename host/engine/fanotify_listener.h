@@ -92,6 +92,7 @@ std::string LoaderProgram(std::string_view commandLine);
 struct ProcessIdentity {
   std::uint32_t uid = 0;  // the real user id
   std::uint32_t ppid = 0;
+  std::uint64_t pidfdSerial = 0;  // when read from a pidfd on pidfs; else 0
 };
 std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, std::uint32_t pid);
 

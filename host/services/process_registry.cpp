@@ -132,8 +132,9 @@ class ProcessObject final : public HeapObject<ProcessObject, IProcessObject> {
   const ProcessDescription m_description;
 };
 
+// `kept`, when given, receives a copy of the description.
 zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, std::uint64_t parentUniqueId,
-                                IProcessObject** process) {
+                                IProcessObject** process, ProcessDescription* kept = nullptr) {
   try {
     ProcessDescription d;
     d.processId = pid;
@@ -142,6 +143,7 @@ zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, 
     d.imagePath = zel::Utf8ToWide(ReadLink(base + "/exe"));
     d.commandLine = zel::Utf8ToWide(ReadCommandLine(base + "/cmdline"));
     d.currentDirectory = zel::Utf8ToWide(ReadLink(base + "/cwd"));
+    if (kept != nullptr) *kept = d;
     *process = MakeHeapObject<ProcessObject>(std::move(d)).Detach();
     return zel::result::NoError;
   } catch (const std::bad_alloc&) {
@@ -180,10 +182,27 @@ bool ProcessRegistry::ReadIncarnation(std::uint32_t pid, Incarnation* out) const
 }
 
 std::uint64_t ProcessRegistry::ParentUniqueId(std::uint32_t parentPid, std::uint64_t childStamp) const {
+  if (parentPid == 0) return 0;
+  const auto now = std::chrono::steady_clock::now();
+  if (m_pidfdSerials) {
+    std::lock_guard lock(m_cacheMutex);
+    const auto it = m_parents.find(parentPid);
+    if (it != m_parents.end() && now - it->second.second < kCachedFor && (it->second.first >> kPidBits) <= childStamp)
+      return it->second.first;
+  }
   Incarnation parent;
   // A parent younger than its child is another process that took the pid.
-  if (parentPid == 0 || !ReadIncarnation(parentPid, &parent) || parent.stamp > childStamp) return 0;
-  return MakeUniqueId(parentPid, parent.stamp);
+  if (!ReadIncarnation(parentPid, &parent) || parent.stamp > childStamp) return 0;
+  const std::uint64_t uniqueId = MakeUniqueId(parentPid, parent.stamp);
+  if (m_pidfdSerials) {
+    try {
+      std::lock_guard lock(m_cacheMutex);
+      if (m_parents.size() >= kCached) m_parents.clear();
+      m_parents[parentPid] = {uniqueId, now};
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  return uniqueId;
 }
 
 zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uniqueId) {
@@ -194,6 +213,13 @@ zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uni
   *uniqueId = MakeUniqueId(pid, incarnation.stamp);
   Remember(*uniqueId, incarnation.parentPid);
   return zel::result::NoError;
+}
+
+std::uint64_t ProcessRegistry::Adopt(std::uint32_t pid, std::uint32_t parentPid, std::uint64_t pidfdSerial) {
+  if (!m_pidfdSerials || pidfdSerial == 0 || pid == 0 || pid >= (1u << kPidBits)) return 0;
+  const std::uint64_t uniqueId = MakeUniqueId(pid, pidfdSerial);
+  Remember(uniqueId, parentPid);
+  return uniqueId;
 }
 
 void ProcessRegistry::Remember(std::uint64_t uniqueId, std::uint32_t parentPid) {
@@ -238,10 +264,36 @@ zel::result_t ProcessRegistry::GetProcess(const std::uint64_t* uniqueId, IProces
   const std::uint32_t pid = PidOf(*uniqueId);
   if (pid == 0) return zel::result::NotFound;
   const std::uint64_t stamp = *uniqueId >> kPidBits;
+  const auto now = std::chrono::steady_clock::now();
+  if (m_pidfdSerials) {
+    // A unique id is never another process's: a description taken a moment
+    // ago is still this one's.
+    std::lock_guard lock(m_cacheMutex);
+    const auto it = m_described.find(*uniqueId);
+    if (it != m_described.end() && now - it->second.second < kCachedFor) {
+      try {
+        *process = MakeHeapObject<ProcessObject>(it->second.first).Detach();
+        return zel::result::NoError;
+      } catch (const std::bad_alloc&) {
+        return zel::result::OutOfMemory;
+      }
+    }
+  }
   Incarnation incarnation;
   // A pid that now belongs to a younger process is not the one asked for.
   if (ReadIncarnation(pid, &incarnation) && incarnation.stamp == stamp) {
-    return MakeProcessObject(m_procRoot, pid, ParentUniqueId(incarnation.parentPid, stamp), process);
+    ProcessDescription kept;
+    const zel::result_t r =
+        MakeProcessObject(m_procRoot, pid, ParentUniqueId(incarnation.parentPid, stamp), process, &kept);
+    if (ZEL_SUCCEEDED(r) && m_pidfdSerials) {
+      try {
+        std::lock_guard lock(m_cacheMutex);
+        if (m_described.size() >= kCached) m_described.clear();
+        m_described[*uniqueId] = {std::move(kept), now};
+      } catch (const std::bad_alloc&) {
+      }
+    }
+    return r;
   }
   std::uint32_t parentPid = 0;
   if (!Recall(*uniqueId, &parentPid)) return zel::result::NotFound;
