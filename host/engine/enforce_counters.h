@@ -17,7 +17,7 @@ struct EnforceCountersSnapshot {
   std::uint64_t blocked = 0;    // answered "deny"
   std::uint64_t testMode = 0;   // decisions reached in test mode
   std::uint64_t timedOut = 0;   // answered by the time-out policy: too late, or at shutdown
-  std::uint64_t undecided = 0;  // answered by the time-out policy: the process was gone
+  std::uint64_t undecided = 0;  // answered without a decision: acctl's own starts, no task started
   std::uint64_t dropped = 0;    // decisions not published: the publishing queue was full
   std::uint64_t hashCacheHits = 0;
   std::uint64_t starts = 0;         // program starts read from the kernel

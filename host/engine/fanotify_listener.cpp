@@ -179,6 +179,9 @@ std::string StartProbe::PathOf(int fd, bool* deleted) const {
   return DescriptorPath(buffer, static_cast<std::size_t>(n) < sizeof buffer ? n : -1, fd, deleted);
 }
 
+// The user of a start whose process was gone before it could be asked.
+constexpr std::uint32_t kUnknownUid = 0xFFFFFFFFu;
+
 // One start held by the kernel: the event's descriptor, which the job owns
 // until both its decision and its answer are done with it; then it is
 // closed at once, not when the pool forgets the job.
@@ -205,18 +208,18 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     start.path = l.m_probe.PathOf(m_fd, &deleted);
     start.pid = m_pid;
     const std::optional<ProcessIdentity> who = l.m_probe.Identity(m_pid);
-    if (!who) {
-      // Without its user no rule can be applied; the process is likely gone
-      // and its start no longer matters.
+    if (who) {
+      start.uid = who->uid;
+      start.ppid = who->ppid;
+      start.pidfdSerial = who->pidfdSerial;
+    } else {
+      // Decided and reported all the same, with what is known: rules for
+      // everyone still apply, rules for a named user can't.
       ZEL_TRACE(l.m_tracer, zel::trace_level::Notice)
           << "enforce: process " << m_pid << " is gone before its start of " << start.path
-          << " was decided; answered by the time-out policy";
-      m_undecided = true;
-      return;
+          << " was decided; decided without its user";
+      start.uid = kUnknownUid;
     }
-    start.uid = who->uid;
-    start.ppid = who->ppid;
-    start.pidfdSerial = who->pidfdSerial;
     ProgramDecision decision = l.m_engine.DecideOpenFile(m_fd, start, *settings);
     if (deleted) {
       ZEL_TRACE(l.m_tracer, zel::trace_level::Notice)
@@ -238,10 +241,8 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     } done{*this};
     FanotifyListener& l = m_listener;
     EnforceCounters& c = l.m_counters;
-    if (timedOut || m_abandoned.load() || m_undecided.load()) {
-      // Answered by the watchdog while Decide may still run: a time-out,
-      // whatever that decision comes to.
-      (!timedOut && m_undecided.load() ? c.undecided : c.timedOut).fetch_add(1);
+    if (timedOut || m_abandoned.load()) {
+      c.timedOut.fetch_add(1);
       l.AnswerByPolicy(m_fd);
       return;
     }
@@ -282,7 +283,6 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
   std::atomic<int> m_holders{2};
   std::atomic<bool> m_closed{false};
   // Set by Decide, read by an Answer that may come from the watchdog meanwhile.
-  std::atomic<bool> m_undecided{false};
   std::atomic<bool> m_abandoned{false};
   std::optional<ProgramDecision> m_decision;
 };

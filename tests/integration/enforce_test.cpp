@@ -702,7 +702,8 @@ TEST_F(EnforceTest, StartWhoseProgramOrProcessIsGoneBeforeTheDecisionIsStillAnsw
                                  std::to_string(held.Pid())))
         << acctl.Err();
   }
-  // The process is killed while its start waits: answered all the same.
+  // The process is killed while its start waits: decided and reported all
+  // the same, without its user.
   const fs::path allowed = Program("allowed", bin);
   pid_t pid = 0;
   {
@@ -717,9 +718,13 @@ TEST_F(EnforceTest, StartWhoseProgramOrProcessIsGoneBeforeTheDecisionIsStillAnsw
   EXPECT_EQ(Start(allowed).exitCode, 0) << "the listener goes on";
   acctl.Signal(SIGTERM);
   EXPECT_EQ(acctl.Wait(), 0) << acctl.Err();
-  EXPECT_NE(acctl.Err().find("decided 2, allowed 2, blocked 1, test-mode 0, timed out 0, undecided 1"),
+  EXPECT_NE(acctl.Err().find("decided 3, allowed 2, blocked 1, test-mode 0, timed out 0, undecided 0"),
             std::string::npos)
       << acctl.Err();
+  const std::vector<std::string> lines = EventLines();
+  ASSERT_EQ(lines.size(), 3u) << Slurp(events);
+  EXPECT_NE(lines[1].find("\"FileName\":\"allowed\""), std::string::npos) << lines[1];
+  EXPECT_NE(lines[1].find("\"AccessUserId\":-1,"), std::string::npos) << "no user known: " << lines[1];
 }
 
 TEST_F(EnforceTest, SigkillOfTheListenerLeavesTheWatchedProgramsRunnable) {
