@@ -243,6 +243,7 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     EnforceCounters& c = l.m_counters;
     if (timedOut || m_abandoned.load()) {
       c.timedOut.fetch_add(1);
+      if (!l.m_options.denyOnTimeout) l.NoteExecAllowed(m_pid);
       l.AnswerByPolicy(m_fd);
       return;
     }
@@ -250,6 +251,7 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
       // Nothing is enforced (the task is stopped or paused): allowed, undecided.
       c.undecided.fetch_add(1);
       c.allowed.fetch_add(1);
+      l.NoteExecAllowed(m_pid);
       l.Respond(m_fd, true);
       return;
     }
@@ -263,6 +265,7 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     // start is answered: it must not take the processor from the program.
     bool wakePublisher = false;
     l.m_published.PushWithoutWake(std::move(*m_decision), &wakePublisher);
+    if (allow) l.NoteExecAllowed(m_pid);
     l.Respond(m_fd, allow);
     if (wakePublisher) l.m_published.Wake();
   }
@@ -518,8 +521,32 @@ void FanotifyListener::HandleStart(int fd, std::int32_t pid, bool here) {
   }
 }
 
-bool FanotifyListener::IsLoaderOpeningItsProgram(int fd, std::int32_t pid) const {
+namespace {
+std::uint32_t NowMs() noexcept {
+  return static_cast<std::uint32_t>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+          .count());
+}
+// An exec's own open comes within microseconds of its answer; a note older
+// than this was left by an exec that failed after all.
+constexpr std::uint32_t kExecNoteMs = 500;
+}  // namespace
+
+void FanotifyListener::NoteExecAllowed(std::uint32_t pid) noexcept {
+  if (m_loaders.empty()) return;
+  m_recentExecs[pid % kRecentExecs].store((static_cast<std::uint64_t>(pid) << 32) | NowMs());
+}
+
+bool FanotifyListener::TakeExecAllowed(std::int32_t pid) noexcept {
+  std::atomic<std::uint64_t>& slot = m_recentExecs[static_cast<std::uint32_t>(pid) % kRecentExecs];
+  std::uint64_t note = slot.load();
+  if ((note >> 32) != static_cast<std::uint32_t>(pid) || !slot.compare_exchange_strong(note, 0)) return false;
+  return NowMs() - static_cast<std::uint32_t>(note) < kExecNoteMs;
+}
+
+bool FanotifyListener::IsLoaderOpeningItsProgram(int fd, std::int32_t pid) {
   if (m_loaders.empty() || pid == m_self || pid <= 0) return false;
+  if (TakeExecAllowed(pid)) return false;  // the open of an exec just allowed
   char path[PATH_MAX];
   const char* proc = m_options.procRoot.c_str();
   std::snprintf(path, sizeof path, "%s/%d/exe", proc, pid);

@@ -36,6 +36,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -181,7 +182,13 @@ class FanotifyListener {
   // A plain open: decided as a start when it is the loader opening its
   // program, otherwise allowed at once. Owns `fd`.
   void HandleOpen(int fd, std::int32_t pid, bool here);
-  bool IsLoaderOpeningItsProgram(int fd, std::int32_t pid) const;
+  bool IsLoaderOpeningItsProgram(int fd, std::int32_t pid);
+  // An exec allowed makes a plain open of its own right after the answer;
+  // that one is let through without a look at the process, which in the
+  // middle of its exec costs procfs tens of microseconds. Noted before the
+  // answer, taken once; a slot lost to another pid only costs that look.
+  void NoteExecAllowed(std::uint32_t pid) noexcept;
+  bool TakeExecAllowed(std::int32_t pid) noexcept;
   void PublishLoop();
   void Respond(int eventFd, bool allow);
   void AnswerByPolicy(int eventFd);
@@ -195,6 +202,8 @@ class FanotifyListener {
   zel::ITracer* const m_tracer;
   const pid_t m_self;
   const std::vector<FileId> m_loaders;
+  static constexpr std::size_t kRecentExecs = 256;
+  std::array<std::atomic<std::uint64_t>, kRecentExecs> m_recentExecs{};  // pid << 32 | milliseconds
   int m_fan = -1;
   int m_wake = -1;  // eventfd that stops the reader
   std::size_t m_marks = 0;
