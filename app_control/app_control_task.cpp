@@ -204,24 +204,29 @@ zel::result_t AppControlTaskCallbacks::OnApplicationControl(const app_ctrl::Appl
   tools::AppendField(event, FieldName::FileVersion, info->fileVersion.view());
 
   // The process and its parent enrich the event when the host knows them;
-  // without them the event goes out with what it has.
-  zel::RefPtr<IProcessRegistry> processes;
-  zel::RefPtr<IProcessObject> process;
-  ProcessDescription description;
-  if (ZEL_SUCCEEDED(zel::GetInterface(Get<zel::IServiceLocator>(), processes.Ref())) &&
-      ZEL_SUCCEEDED(processes->GetProcess(&info->processUniqueId, process.Ref())) &&
-      ZEL_SUCCEEDED(process->GetDescription(&description))) {
-    ZEL_TRACE(GetTracer(), Info) << "OnApplicationControl" << ": " << "Process uniqueId = "
-                                 << description.parentUniqueId << ", pid = " << description.processId;
-    tools::AppendField(event, FieldName::ProcessId, static_cast<std::uint64_t>(description.processId));
-    ZEL_TRACE(GetTracer(), Info) << "OnApplicationControl" << ": " << "Parent process uniqueId = "
-                                 << description.parentUniqueId;
-    process.Reset();
-    const std::uint64_t parentUniqueId = description.parentUniqueId;
-    if (ZEL_SUCCEEDED(processes->GetProcess(&parentUniqueId, process.Ref())) &&
+  // without them, or when asking throws, the event goes out with what it has.
+  // Each field is appended whole, so what was added before a throw stays.
+  try {
+    zel::RefPtr<IProcessRegistry> processes;
+    zel::RefPtr<IProcessObject> process;
+    ProcessDescription description;
+    if (ZEL_SUCCEEDED(zel::GetInterface(Get<zel::IServiceLocator>(), processes.Ref())) &&
+        ZEL_SUCCEEDED(processes->GetProcess(&info->processUniqueId, process.Ref())) &&
         ZEL_SUCCEEDED(process->GetDescription(&description))) {
-      tools::AppendField(event, FieldName::ParentProcessName, tools::ImageFileName(description.imagePath.view()));
+      ZEL_TRACE(GetTracer(), Info) << "OnApplicationControl" << ": " << "Process uniqueId = "
+                                   << description.parentUniqueId << ", pid = " << description.processId;
+      tools::AppendField(event, FieldName::ProcessId, static_cast<std::uint64_t>(description.processId));
+      ZEL_TRACE(GetTracer(), Info) << "OnApplicationControl" << ": " << "Parent process uniqueId = "
+                                   << description.parentUniqueId;
+      process.Reset();
+      const std::uint64_t parentUniqueId = description.parentUniqueId;
+      if (ZEL_SUCCEEDED(processes->GetProcess(&parentUniqueId, process.Ref())) &&
+          ZEL_SUCCEEDED(process->GetDescription(&description))) {
+        tools::AppendField(event, FieldName::ParentProcessName, tools::ImageFileName(description.imagePath.view()));
+      }
     }
+  } catch (...) {
+    ZEL_TRACE(GetTracer(), zel::trace_level::Warning) << "OnApplicationControl" << ": " << "Cannot describe the process";
   }
 
   if (const auto mapped = tools::EventForVerdict(*verdict)) {

@@ -11,6 +11,11 @@
 // process that answers every start FAN_ALLOW the moment it reads it,
 // measured the same way. What acctl enforce adds beyond it is its own.
 //
+// BM_OpenOnAMark and BM_OpenAllowAtOnce do the same for a plain open and
+// close of a data file: the marks also hold opens, to catch a program run
+// through the dynamic loader, and every other open must cost little more
+// than the floor listener's answer.
+//
 // Needs root (fanotify); skipped with a message otherwise. BM_DecisionWork
 // is the part of the added time that is the listener's own work, without
 // any thread hand-over: what a worker does for one start with a warm cache.
@@ -58,6 +63,15 @@ double TimedStart(const std::string& path) {
   const auto end = Clock::now();
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
   return std::chrono::duration<double, std::micro>(end - begin).count();
+}
+
+// Open and close: the time, in microseconds; negative when it failed.
+double TimedOpen(const std::string& path) {
+  const auto begin = Clock::now();
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  ::close(fd);
+  return std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
 }
 
 class Listener {
@@ -176,14 +190,15 @@ class SideBySide {
 
 // The same program started in turn from `plain` and from `watched`, once
 // the caches are warm; reported as SideBySide does.
-void TimeWarmStarts(benchmark::State& state, const std::string& plain, const std::string& watched) {
+void TimeWarmStarts(benchmark::State& state, const std::string& plain, const std::string& watched,
+                    double (*timed)(const std::string&) = TimedStart) {
   for (int i = 0; i < 20; ++i) {  // the hash cache and the page cache warm up
-    TimedStart(watched);
-    TimedStart(plain);
+    timed(watched);
+    timed(plain);
   }
   SideBySide times;
   for (auto _ : state) {
-    const double p = TimedStart(plain), w = TimedStart(watched);
+    const double p = timed(plain), w = timed(watched);
     if (!times.Add(state, p, w)) break;
   }
   times.Report(state, "enforced_us");
@@ -204,10 +219,10 @@ BENCHMARK(BM_StartWarmCache)->Iterations(2000)->Unit(benchmark::kMicrosecond)->U
 class AllowAtOnce {
  public:
   // False when fanotify can't be had or `dir` can't be marked.
-  bool Open(const std::string& dir) {
+  bool Open(const std::string& dir, std::uint64_t mask = FAN_OPEN_EXEC_PERM) {
     m_fan = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY | O_LARGEFILE);
     if (m_fan < 0) return false;
-    if (::fanotify_mark(m_fan, FAN_MARK_ADD, FAN_OPEN_EXEC_PERM | FAN_EVENT_ON_CHILD, AT_FDCWD, dir.c_str()) != 0)
+    if (::fanotify_mark(m_fan, FAN_MARK_ADD, mask | FAN_EVENT_ON_CHILD, AT_FDCWD, dir.c_str()) != 0)
       return false;
     m_wake = ::eventfd(0, EFD_CLOEXEC);
     m_thread = std::thread([this] { Loop(); });
@@ -264,6 +279,34 @@ void BM_StartAllowAtOnce(benchmark::State& state) {
   TimeWarmStarts(state, plain, watched);
 }
 BENCHMARK(BM_StartAllowAtOnce)->Iterations(2000)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+void BM_OpenOnAMark(benchmark::State& state) {
+  Listener listener;
+  const std::string watched = (listener.Watched() / "data").string(), plain = (listener.Plain() / "data").string();
+  std::ofstream(watched) << "data";
+  std::ofstream(plain) << "data";
+  if (!StartListener(state, listener)) return;
+  TimeWarmStarts(state, plain, watched, TimedOpen);
+}
+BENCHMARK(BM_OpenOnAMark)->Iterations(2000)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+void BM_OpenAllowAtOnce(benchmark::State& state) {
+  if (::geteuid() != 0) {
+    state.SkipWithError("needs root for fanotify");
+    return;
+  }
+  Listener dirs;
+  const std::string watched = (dirs.Watched() / "data").string(), plain = (dirs.Plain() / "data").string();
+  std::ofstream(watched) << "data";
+  std::ofstream(plain) << "data";
+  AllowAtOnce listener;
+  if (!listener.Open(dirs.Watched().string(), FAN_OPEN_PERM)) {
+    state.SkipWithError("fanotify is not available");
+    return;
+  }
+  TimeWarmStarts(state, plain, watched, TimedOpen);
+}
+BENCHMARK(BM_OpenAllowAtOnce)->Iterations(2000)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void BM_FirstStart50MB(benchmark::State& state) {
   Listener listener;

@@ -35,6 +35,7 @@ struct EnforceArgs {
   std::string categoriesPath;
   std::string eventsPath;
   engine::FanotifyOptions listener;
+  bool memfdNoExec = false;
   bool json = false;
   bool help = false;
 };
@@ -42,7 +43,7 @@ struct EnforceArgs {
 constexpr const char* kUsage =
     "usage: acctl enforce --settings SETTINGS.json [--categories CATEGORIES.json]\n"
     "                     (--watch DIR | --mount PATH)... [--on-timeout allow|deny]\n"
-    "                     [--decision-timeout MS] [--events FILE] [--json]\n"
+    "                     [--decision-timeout MS] [--events FILE] [--memfd-noexec] [--json]\n"
     "  Holds every program start in DIR (the programs directly in it) or on the\n"
     "  mount holding PATH until application control has decided it; a blocked\n"
     "  program fails to start with EPERM. Needs root. Runs until SIGTERM or SIGINT.\n"
@@ -50,6 +51,8 @@ constexpr const char* kUsage =
     "  --on-timeout        the answer for a start not decided in time (allow)\n"
     "  --decision-timeout  how long a start may wait for its decision (1000 ms)\n"
     "  --decision-delay MS testing aid: every decision waits MS first\n"
+    "  --memfd-noexec      no memfd may be executed while this runs (vm.memfd_noexec\n"
+    "                      set to 2, the old value put back at exit)\n"
     "  --json              counters as one JSON line on stdout\n";
 
 EnforceArgs ParseArgs(const std::vector<std::string>& args) {
@@ -76,6 +79,8 @@ EnforceArgs ParseArgs(const std::vector<std::string>& args) {
       out.listener.decisionDelay = std::chrono::milliseconds(r.Number(kMaxMs));
     } else if (r.Is("--events")) {
       out.eventsPath = r.Value();
+    } else if (r.Is("--memfd-noexec")) {
+      out.memfdNoExec = true;
     } else if (r.Is("--json")) {
       out.json = true;
     } else if (r.IsHelp()) {
@@ -90,6 +95,79 @@ EnforceArgs ParseArgs(const std::vector<std::string>& args) {
     r.Fail("nothing to enforce on: give --watch DIR or --mount PATH");
   return out;
 }
+
+// vm.memfd_noexec (Linux 6.3 and later): at 2 no memfd can be executed, so
+// a program can't be started from memory, where no mark sees it. Below 2
+// one can (at 1 only when asked for with MFD_EXEC).
+constexpr const char* kMemfdNoExec = "/proc/sys/vm/memfd_noexec";
+
+// The value; -1 when this kernel has none.
+int ReadMemfdNoExec() {
+  const int fd = ::open(kMemfdNoExec, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  char text[16] = {};
+  const ssize_t n = ::read(fd, text, sizeof text - 1);
+  ::close(fd);
+  return n > 0 && text[0] >= '0' && text[0] <= '9' ? std::atoi(text) : -1;
+}
+
+bool WriteMemfdNoExec(int value, std::string* error) {
+  const int fd = ::open(kMemfdNoExec, O_WRONLY | O_CLOEXEC);
+  const std::string text = std::to_string(value);
+  if (fd < 0 || ::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    *error = std::string(kMemfdNoExec) + ": " + std::strerror(errno);
+    if (fd >= 0) ::close(fd);
+    return false;
+  }
+  ::close(fd);
+  return true;
+}
+
+// Sets vm.memfd_noexec to 2 for its lifetime, when asked to, and puts the
+// old value back.
+class MemfdSwitch {
+ public:
+  MemfdSwitch() : m_before(ReadMemfdNoExec()) {}
+  MemfdSwitch(const MemfdSwitch&) = delete;
+  MemfdSwitch& operator=(const MemfdSwitch&) = delete;
+  ~MemfdSwitch() {
+    std::string error;
+    if (m_set && !WriteMemfdNoExec(m_before, &error))
+      std::fprintf(stderr, "acctl: enforce: putting vm.memfd_noexec back to %d failed: %s\n", m_before, error.c_str());
+  }
+
+  bool Refuse(std::string* error) {
+    if (m_before < 0) {
+      *error = "this kernel has no vm.memfd_noexec (Linux 6.3): a memfd can't be kept from running";
+      return false;
+    }
+    if (m_before >= 2) return true;
+    if (!WriteMemfdNoExec(2, error)) return false;
+    m_set = true;
+    return true;
+  }
+  bool ExecAllowed() const { return Now() < 2; }
+  // Said once at start.
+  void Describe() const {
+    const int now = Now();
+    if (now < 0) {
+      std::fprintf(stderr, "acctl: this kernel lets a memfd be executed, unseen by the marks (no vm.memfd_noexec)\n");
+    } else if (now < 2) {
+      std::fprintf(stderr,
+                   "acctl: this kernel lets a memfd be executed, unseen by the marks (vm.memfd_noexec %d; "
+                   "--memfd-noexec refuses it)\n",
+                   now);
+    } else {
+      std::fprintf(stderr, "acctl: no memfd can be executed here (vm.memfd_noexec 2%s)\n",
+                   m_set ? ", set for this run" : "");
+    }
+  }
+
+ private:
+  int Now() const { return m_set ? 2 : m_before; }
+  const int m_before;
+  bool m_set = false;
+};
 
 class Enforcer {
  public:
@@ -109,6 +187,13 @@ class Enforcer {
         std::fprintf(stderr, "acctl: enforce: %s\n", message.c_str());
         return 1;
     }
+    if (m_args.memfdNoExec) {
+      if (!m_memfd.Refuse(&message)) {
+        std::fprintf(stderr, "acctl: enforce: %s\n", message.c_str());
+        return 1;
+      }
+    }
+    m_memfd.Describe();
     m_listener.Start();
     std::fprintf(stderr, "acctl: enforcing on %zu marks\n", m_listener.Marks());
     std::fflush(stderr);
@@ -146,7 +231,8 @@ class Enforcer {
 
  private:
   void PrintCounters() {
-    const engine::EnforceCountersSnapshot counters = m_listener.Counters();
+    engine::EnforceCountersSnapshot counters = m_listener.Counters();
+    counters.memfdExec = m_memfd.ExecAllowed() ? 1 : 0;
     if (m_args.json) {
       std::printf("{\"counters\":%s}\n", engine::FormatCountersJson(counters).c_str());
       std::fflush(stdout);
@@ -217,6 +303,7 @@ class Enforcer {
 
   const EnforceArgs& m_args;
   AppControlRun& m_run;
+  MemfdSwitch m_memfd;  // before the listener: put back after it has stopped
   engine::FanotifyListener m_listener;
 };
 

@@ -23,6 +23,10 @@ void Fill(const EnforceCountersSnapshot& c, Named (&out)[N]) {
       {"undecided", "undecided", c.undecided},
       {"events dropped", "eventsDropped", c.dropped},
       {"hash-cache hits", "hashCacheHits", c.hashCacheHits},
+      {"starts", "starts", c.starts},
+      {"published", "published", c.published},
+      {"publish failed", "publishFailed", c.publishFailed},
+      {"memfd exec", "memfdExec", c.memfdExec},
   };
   static_assert(N == std::size(all));
   for (std::size_t i = 0; i < N; ++i) out[i] = all[i];
@@ -31,7 +35,7 @@ void Fill(const EnforceCountersSnapshot& c, Named (&out)[N]) {
 }  // namespace
 
 std::string FormatCountersText(const EnforceCountersSnapshot& counters) {
-  Named named[8];
+  Named named[12];
   Fill(counters, named);
   std::string text;
   for (const Named& n : named) {
@@ -44,7 +48,7 @@ std::string FormatCountersText(const EnforceCountersSnapshot& counters) {
 }
 
 std::string FormatCountersJson(const EnforceCountersSnapshot& counters) {
-  Named named[8];
+  Named named[12];
   Fill(counters, named);
   std::string text = "{";
   for (const Named& n : named) {

@@ -140,6 +140,7 @@ void Engine::SetProcessRegistry(IProcessRegistry* registry) {
   zel::RefPtr<IProcessRegistry> held(registry);
   std::lock_guard lock(m_mutex);
   std::swap(m_processRegistry, held);
+  m_hostRegistry = dynamic_cast<ProcessRegistry*>(registry);
 }
 
 void Engine::Enqueue(WorkItem item) {
@@ -221,13 +222,18 @@ ProgramDecision Engine::DecideWithFacts(const ProgramStart& start, FileFacts fac
   info.filePath = Wide(pd.facts.path);
   info.userId = Wide(uidText);
   zel::RefPtr<IProcessRegistry> registry;
+  ProcessRegistry* hostRegistry = nullptr;
   {
     std::lock_guard lock(m_mutex);
     registry = m_processRegistry;
+    hostRegistry = m_hostRegistry;
   }
   if (registry && start.pid != 0) {
+    // The facts the start came with spare the registry its own pidfd.
     std::uint64_t uniqueId = 0;
-    if (ZEL_SUCCEEDED(registry->GetUniqueId(start.pid, &uniqueId))) info.processUniqueId = uniqueId;
+    if (hostRegistry != nullptr && start.pidfdSerial != 0)
+      uniqueId = hostRegistry->Adopt(start.pid, start.ppid, start.pidfdSerial);
+    if (uniqueId != 0 || ZEL_SUCCEEDED(registry->GetUniqueId(start.pid, &uniqueId))) info.processUniqueId = uniqueId;
   }
   if (pd.decision.ruleIndex >= 0) {
     pd.category.productCategoryName = settings.rules[static_cast<std::size_t>(pd.decision.ruleIndex)].ruleName;
@@ -448,19 +454,24 @@ void Engine::Process(const WorkItem& item) {
     std::lock_guard lock(m_mutex);
     m_decisions.push_back(pd);
   }
-  Report(pd);
+  static_cast<void>(Report(pd));  // counted by the engine where it matters: SinkExceptions
 }
 
-void Engine::Report(const ProgramDecision& pd) {
+zel::result_t Engine::Report(const ProgramDecision& pd) {
+  zel::result_t first = zel::result::NoError;
   for (const SinkPtr& sink : SnapshotSinks()) {
+    zel::result_t r = zel::result::NoError;
     try {
-      sink->OnApplicationControl(&pd.info, &pd.category, &pd.decision.verdict);
+      r = sink->OnApplicationControl(&pd.info, &pd.category, &pd.decision.verdict);
     } catch (...) {
       // The verdict stands whatever a sink does; a sink that throws is
       // counted and the others are still told.
       m_sinkExceptions.fetch_add(1);
+      r = zel::result::Unexpected;
     }
+    if (ZEL_FAILED(r) && ZEL_SUCCEEDED(first)) first = r;
   }
+  return first;
 }
 
 zel::result_t Engine::CreateTask(const EacSettings& settings, zel::iid_t iid, void** out) {

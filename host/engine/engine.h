@@ -37,6 +37,7 @@
 #include "host/engine/decision.h"
 #include "host/engine/hash_cache.h"
 #include "host/services/host_object.h"
+#include "host/services/process_registry.h"
 #include "zel/rtl/objclient.h"
 
 namespace host::engine {
@@ -52,6 +53,10 @@ struct ProgramStart {
   std::string path;
   std::uint32_t uid = 0;
   std::uint32_t pid = 0;  // 0 when there is no process yet
+  // What the caller already asked the process's pidfd, so that the process
+  // registry need not ask again: its parent and pidfd serial (0: not known).
+  std::uint32_t ppid = 0;
+  std::uint64_t pidfdSerial = 0;
 };
 
 // Everything the engine concluded about one start, as it was reported.
@@ -98,7 +103,8 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   // Categories are then read from `manager` at each decision; the list of
   // SetCategories serves when it fails. Null goes back to that list alone.
   void UseCategoriesManager(ICategoriesManager* manager);
-  // Gives the reported starts their process unique id; null for none.
+  // Gives the reported starts their process unique id; null for none. The
+  // host's own registry is also told the facts a start came with.
   void SetProcessRegistry(IProcessRegistry* registry);
 
   // Queues a start for the engine thread. 0x80000063 (not ready) while no
@@ -123,9 +129,11 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   // it is paused, when nothing is enforced.
   std::shared_ptr<const EacSettings> ActiveSettings() const;
   // Tells every subscriber about a decision taken with DecideNow or
-  // DecideOpenFile, on the caller's thread; like the engine thread, it
-  // counts a sink that throws and goes on.
-  void Report(const ProgramDecision& decision);
+  // DecideOpenFile, on the caller's thread. A sink that fails or throws
+  // doesn't stop the others: the result is the first failure (an exception
+  // counts as zel::result::Unexpected, and in SinkExceptions), 0 when every
+  // sink took it.
+  zel::result_t Report(const ProgramDecision& decision);
 
   // ---- engine tasks ----
   // Makes a task holding a copy of `settings` and gives its `iid` face.
@@ -221,6 +229,7 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   CategoryList m_categories;
   zel::RefPtr<ICategoriesManager> m_categoriesManager;
   zel::RefPtr<IProcessRegistry> m_processRegistry;
+  ProcessRegistry* m_hostRegistry = nullptr;  // the same object, when it is the host's
   std::vector<ProgramDecision> m_decisions;
 
   std::atomic<zel::result_t> m_failCreate{0};

@@ -1,6 +1,7 @@
 #include "host/engine/fanotify_listener.h"
 
 #include <fcntl.h>
+#include <glob.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <algorithm>
 #include <string_view>
@@ -49,6 +51,44 @@ std::string DescriptorPath(const char* buffer, ssize_t n, int fd, bool* deleted)
 }
 
 }  // namespace
+
+std::vector<FileId> FindDynamicLoaders() {
+  std::vector<FileId> found;
+  for (const char* pattern : {"/lib64/ld-linux*.so*", "/lib/ld-linux*.so*", "/lib/*/ld-linux*.so*",
+                              "/usr/lib64/ld-linux*.so*", "/usr/lib/*/ld-linux*.so*", "/lib/ld-musl-*.so*",
+                              "/usr/lib/ld-musl-*.so*", "/lib/ld.so", "/usr/lib/ld.so"}) {
+    glob_t matches{};
+    if (::glob(pattern, 0, nullptr, &matches) == 0) {
+      for (std::size_t i = 0; i < matches.gl_pathc; ++i) {
+        struct stat st {};
+        if (::stat(matches.gl_pathv[i], &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        const FileId id{st.st_dev, st.st_ino};
+        if (std::find(found.begin(), found.end(), id) == found.end()) found.push_back(id);
+      }
+    }
+    ::globfree(&matches);
+  }
+  return found;
+}
+
+std::string LoaderProgram(std::string_view commandLine) {
+  // The loader's options that take a value (glibc's ld.so).
+  static constexpr std::string_view kWithValue[] = {"--library-path", "--inhibit-rpath", "--audit",
+                                                    "--preload",      "--argv0",         "--glibc-hwcaps-prepend",
+                                                    "--glibc-hwcaps-mask"};
+  std::vector<std::string_view> args;
+  for (std::size_t at = 0; at < commandLine.size();) {
+    const std::size_t end = std::min(commandLine.find('\0', at), commandLine.size());
+    args.push_back(commandLine.substr(at, end - at));
+    at = end + 1;
+  }
+  for (std::size_t i = 1; i < args.size(); ++i) {
+    const std::string_view arg = args[i];
+    if (!arg.starts_with("--")) return std::string(arg);
+    if (std::find(std::begin(kWithValue), std::end(kWithValue), arg) != std::end(kWithValue)) ++i;
+  }
+  return {};
+}
 
 std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, std::uint32_t pid) {
   // Read with plain calls, and no further than needed: this runs for every
@@ -99,7 +139,7 @@ std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, 
 std::optional<ProcessIdentity> QueryProcessIdentity(std::uint32_t pid, bool* unsupported) {
   const std::optional<PidfdFacts> facts = QueryPidfd(pid, unsupported);
   if (!facts) return std::nullopt;
-  return ProcessIdentity{facts->uid, facts->ppid};
+  return ProcessIdentity{facts->uid, facts->ppid, facts->serial};
 }
 
 std::string PathOfDescriptor(const std::string& procRoot, int fd, bool* deleted) {
@@ -139,6 +179,9 @@ std::string StartProbe::PathOf(int fd, bool* deleted) const {
   return DescriptorPath(buffer, static_cast<std::size_t>(n) < sizeof buffer ? n : -1, fd, deleted);
 }
 
+// The user of a start whose process was gone before it could be asked.
+constexpr std::uint32_t kUnknownUid = 0xFFFFFFFFu;
+
 // One start held by the kernel: the event's descriptor, which the job owns
 // until both its decision and its answer are done with it; then it is
 // closed at once, not when the pool forgets the job.
@@ -165,16 +208,18 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     start.path = l.m_probe.PathOf(m_fd, &deleted);
     start.pid = m_pid;
     const std::optional<ProcessIdentity> who = l.m_probe.Identity(m_pid);
-    if (!who) {
-      // Without its user no rule can be applied; the process is likely gone
-      // and its start no longer matters.
+    if (who) {
+      start.uid = who->uid;
+      start.ppid = who->ppid;
+      start.pidfdSerial = who->pidfdSerial;
+    } else {
+      // Decided and reported all the same, with what is known: rules for
+      // everyone still apply, rules for a named user can't.
       ZEL_TRACE(l.m_tracer, zel::trace_level::Notice)
           << "enforce: process " << m_pid << " is gone before its start of " << start.path
-          << " was decided; answered by the time-out policy";
-      m_undecided = true;
-      return;
+          << " was decided; decided without its user";
+      start.uid = kUnknownUid;
     }
-    start.uid = who->uid;
     ProgramDecision decision = l.m_engine.DecideOpenFile(m_fd, start, *settings);
     if (deleted) {
       ZEL_TRACE(l.m_tracer, zel::trace_level::Notice)
@@ -196,13 +241,17 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     } done{*this};
     FanotifyListener& l = m_listener;
     EnforceCounters& c = l.m_counters;
-    if (timedOut || m_abandoned || m_undecided) {
-      (m_undecided ? c.undecided : c.timedOut).fetch_add(1);
+    if (timedOut || m_abandoned.load()) {
+      c.timedOut.fetch_add(1);
+      if (!l.m_options.denyOnTimeout) l.NoteExecAllowed(m_pid);
       l.AnswerByPolicy(m_fd);
       return;
     }
     if (!m_decision) {
+      // Nothing is enforced (the task is stopped or paused): allowed, undecided.
+      c.undecided.fetch_add(1);
       c.allowed.fetch_add(1);
+      l.NoteExecAllowed(m_pid);
       l.Respond(m_fd, true);
       return;
     }
@@ -216,6 +265,7 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     // start is answered: it must not take the processor from the program.
     bool wakePublisher = false;
     l.m_published.PushWithoutWake(std::move(*m_decision), &wakePublisher);
+    if (allow) l.NoteExecAllowed(m_pid);
     l.Respond(m_fd, allow);
     if (wakePublisher) l.m_published.Wake();
   }
@@ -235,8 +285,8 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
   const std::uint32_t m_pid;
   std::atomic<int> m_holders{2};
   std::atomic<bool> m_closed{false};
-  bool m_undecided = false;
-  bool m_abandoned = false;
+  // Set by Decide, read by an Answer that may come from the watchdog meanwhile.
+  std::atomic<bool> m_abandoned{false};
   std::optional<ProgramDecision> m_decision;
 };
 
@@ -246,6 +296,7 @@ FanotifyListener::FanotifyListener(Engine& engine, FanotifyOptions options, zel:
       m_probe(m_options.procRoot),
       m_tracer(tracer),
       m_self(::getpid()),
+      m_loaders(m_options.loaderStarts ? FindDynamicLoaders() : std::vector<FileId>{}),
       m_published(m_options.publishQueue) {}
 
 FanotifyListener::~FanotifyListener() { Stop(); }
@@ -283,10 +334,12 @@ FanotifyListener::OpenError FanotifyListener::Open(std::string* message) {
     if (e == EPERM) return fail(OpenError::NotPermitted, path + ": " + ErrnoText(e));
     return fail(OpenError::Failed, path + ": fanotify_mark failed: " + ErrnoText(e));
   };
+  // Plain opens only matter while there is a loader to catch.
+  const std::uint64_t opens = m_loaders.empty() ? 0 : FAN_OPEN_PERM;
   for (const std::string& dir : m_options.watchDirs)
-    if (auto e = mark(dir, FAN_MARK_ONLYDIR, FAN_OPEN_EXEC_PERM | FAN_EVENT_ON_CHILD)) return *e;
+    if (auto e = mark(dir, FAN_MARK_ONLYDIR, FAN_OPEN_EXEC_PERM | opens | FAN_EVENT_ON_CHILD)) return *e;
   for (const std::string& path : m_options.mounts)
-    if (auto e = mark(path, FAN_MARK_MOUNT, FAN_OPEN_EXEC_PERM)) return *e;
+    if (auto e = mark(path, FAN_MARK_MOUNT, FAN_OPEN_EXEC_PERM | opens)) return *e;
   message->clear();
   return OpenError::None;
 }
@@ -425,9 +478,14 @@ bool FanotifyListener::ReadEvents(std::size_t size, bool here) {
       }
       if (event->fd < 0) continue;  // queue overflow: nothing to answer
       if ((event->mask & FAN_OPEN_EXEC_PERM) == 0) {
-        ::close(event->fd);
+        if ((event->mask & FAN_OPEN_PERM) != 0) {
+          HandleOpen(event->fd, event->pid, here);
+        } else {
+          ::close(event->fd);
+        }
         continue;
       }
+      m_counters.starts.fetch_add(1);
       HandleStart(event->fd, event->pid, here);
     }
     // A deciding thread goes back to waiting: the next event may be another
@@ -441,6 +499,7 @@ void FanotifyListener::HandleStart(int fd, std::int32_t pid, bool here) {
   if (pid == m_self) {
     // Never wait on ourselves: a decision that needed a start of this
     // process would wait for itself.
+    m_counters.undecided.fetch_add(1);
     m_counters.allowed.fetch_add(1);
     Respond(fd, true);
     ::close(fd);
@@ -462,15 +521,94 @@ void FanotifyListener::HandleStart(int fd, std::int32_t pid, bool here) {
   }
 }
 
+namespace {
+std::uint32_t NowMs() noexcept {
+  return static_cast<std::uint32_t>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+          .count());
+}
+// An exec's own open comes within microseconds of its answer; a note older
+// than this was left by an exec that failed after all.
+constexpr std::uint32_t kExecNoteMs = 500;
+}  // namespace
+
+void FanotifyListener::NoteExecAllowed(std::uint32_t pid) noexcept {
+  if (m_loaders.empty()) return;
+  m_recentExecs[pid % kRecentExecs].store((static_cast<std::uint64_t>(pid) << 32) | NowMs());
+}
+
+bool FanotifyListener::TakeExecAllowed(std::int32_t pid) noexcept {
+  std::atomic<std::uint64_t>& slot = m_recentExecs[static_cast<std::uint32_t>(pid) % kRecentExecs];
+  std::uint64_t note = slot.load();
+  if ((note >> 32) != static_cast<std::uint32_t>(pid) || !slot.compare_exchange_strong(note, 0)) return false;
+  return NowMs() - static_cast<std::uint32_t>(note) < kExecNoteMs;
+}
+
+bool FanotifyListener::IsLoaderOpeningItsProgram(int fd, std::int32_t pid) {
+  if (m_loaders.empty() || pid == m_self || pid <= 0) return false;
+  if (TakeExecAllowed(pid)) return false;  // the open of an exec just allowed
+  char path[PATH_MAX];
+  const char* proc = m_options.procRoot.c_str();
+  std::snprintf(path, sizeof path, "%s/%d/exe", proc, pid);
+  struct stat exe {};
+  // The kernel's answer: the file the process runs, whatever it is called.
+  if (::stat(path, &exe) != 0) return false;
+  if (std::find(m_loaders.begin(), m_loaders.end(), FileId{exe.st_dev, exe.st_ino}) == m_loaders.end()) return false;
+
+  // A loader: is this its program, or one of the libraries it loads?
+  char commandLine[4096];
+  std::snprintf(path, sizeof path, "%s/%d/cmdline", proc, pid);
+  const int cmd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (cmd < 0) return false;
+  const ssize_t n = ::read(cmd, commandLine, sizeof commandLine);
+  ::close(cmd);
+  if (n <= 0) return false;
+  const std::string program = LoaderProgram(std::string_view(commandLine, static_cast<std::size_t>(n)));
+  if (program.empty()) return false;
+  struct stat opened {};
+  if (::fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) return false;
+  // Its name as the process sees it: from its root or its working directory.
+  const std::string named = m_options.procRoot + "/" + std::to_string(pid) +
+                            (program.front() == '/' ? "/root" : "/cwd/") + program;
+  struct stat given {};
+  if (::stat(named.c_str(), &given) != 0 || given.st_dev != opened.st_dev || given.st_ino != opened.st_ino)
+    return false;
+  unsigned char magic[4] = {};
+  return ::pread(fd, magic, sizeof magic, 0) == 4 && magic[0] == 0x7f && magic[1] == 'E' && magic[2] == 'L' &&
+         magic[3] == 'F';
+}
+
+void FanotifyListener::HandleOpen(int fd, std::int32_t pid, bool here) {
+  if (!IsLoaderOpeningItsProgram(fd, pid)) {
+    Respond(fd, true);
+    ::close(fd);
+    return;
+  }
+  ZEL_TRACE(m_tracer, zel::trace_level::Info) << "enforce: a program opened by the dynamic loader, pid " << pid;
+  m_counters.starts.fetch_add(1);
+  HandleStart(fd, pid, here);
+}
+
 void FanotifyListener::PublishLoop() {
   std::vector<ProgramDecision> batch;
   while (m_published.PopBatch(batch, kPublishLinger)) {
     for (const ProgramDecision& decision : batch) {
+      zel::result_t r = zel::result::Unexpected;
       try {
-        m_engine.Report(decision);
+        r = m_engine.Report(decision);
       } catch (...) {
         // Reporting can't change what was answered; the next one may fare better.
       }
+      if (ZEL_SUCCEEDED(r)) {
+        m_counters.published.fetch_add(1);
+        continue;
+      }
+      m_counters.publishFailed.fetch_add(1);
+      char code[16];
+      std::snprintf(code, sizeof code, "0x%08x", static_cast<unsigned>(r));
+      ZEL_TRACE(m_tracer, zel::trace_level::Warning)
+          << "enforce: the event of a start of " << decision.facts.path << " (process unique id "
+          << decision.info.processUniqueId << ") was not published: " << code;
     }
     batch.clear();
   }
@@ -496,8 +634,12 @@ void FanotifyListener::Stop() {
       ssize_t left = length;
       for (; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
         if (event->fd < 0) continue;
-        if ((event->mask & FAN_OPEN_EXEC_PERM) != 0) {
+        if ((event->mask & FAN_OPEN_EXEC_PERM) == 0 && (event->mask & FAN_OPEN_PERM) != 0) {
+          Respond(event->fd, true);  // a plain open, or a loader's: not held at shutdown
+        } else if ((event->mask & FAN_OPEN_EXEC_PERM) != 0) {
+          m_counters.starts.fetch_add(1);
           if (event->pid == m_self) {
+            m_counters.undecided.fetch_add(1);
             m_counters.allowed.fetch_add(1);
             Respond(event->fd, true);
           } else {
@@ -534,6 +676,9 @@ EnforceCountersSnapshot FanotifyListener::Counters() const {
   s.timedOut = m_counters.timedOut.load();
   s.undecided = m_counters.undecided.load();
   s.dropped = m_published.Dropped();
+  s.starts = m_counters.starts.load();
+  s.published = m_counters.published.load();
+  s.publishFailed = m_counters.publishFailed.load();
   s.hashCacheHits = m_engine.Hashes().Stats().hits;
   return s;
 }

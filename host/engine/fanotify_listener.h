@@ -7,6 +7,14 @@
 // verdicts always allow), and the decision is reported to the engine's
 // subscribers like any other.
 //
+// The dynamic loader can start a program without an exec of it
+// (`ld-linux-x86-64.so.2 PROGRAM`): it opens and maps the file. So the same
+// places are also marked for FAN_OPEN_PERM, and an open by a process whose
+// executable is the loader (by the kernel's /proc/PID/exe, compared by
+// device and inode, not by name), of the ELF file its command line names as
+// the program, is decided as a start of that file. Every other open is
+// allowed at once: one stat of /proc/PID/exe, no hashing, no report.
+//
 // A start costs as little as it can: a few deciding threads wait on the
 // group themselves (one of them woken per event) and decide the start they
 // read on the spot, with no hand-over; only when all of them are busy does
@@ -19,7 +27,8 @@
 //   a start not decided in time is answered by the time-out policy and
 //   counted;
 // - reporting runs on its own thread behind a BoundedQueue, in batches, so
-//   a slow publisher drops events (counted) but never holds a start;
+//   a slow publisher drops events (counted) but never holds a start; a
+//   decision a subscriber refuses is counted and traced, never lost unseen;
 // - Stop, and a fatal error of the reader, answer every pending start
 //   before the fanotify descriptor is closed; and should the process die
 //   anyway, the kernel allows what it still holds once the group closes.
@@ -27,6 +36,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -37,6 +47,7 @@
 #include <optional>
 #include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -59,12 +70,30 @@ struct FanotifyOptions {
   // pending for a while.
   std::chrono::milliseconds decisionDelay{0};
   std::string procRoot = "/proc";
+  // Also hold a program started through the dynamic loader (FAN_OPEN_PERM).
+  bool loaderStarts = true;
 };
+
+// The dynamic loaders of this system: the files behind the usual names
+// (ld-linux*.so*, ld-musl-*.so*, ld.so in the library directories), by
+// device and inode.
+struct FileId {
+  dev_t dev = 0;
+  ino_t ino = 0;
+  friend bool operator==(const FileId&, const FileId&) = default;
+};
+std::vector<FileId> FindDynamicLoaders();
+
+// The program a dynamic loader was asked to run, from its command line
+// (argv[0] first, NUL-separated): the first operand after the loader's own
+// options. Empty when there is none (`ld.so --help`, `ld.so` alone).
+std::string LoaderProgram(std::string_view commandLine);
 
 // The user and the parent of a process, from <procRoot>/<pid>/status.
 struct ProcessIdentity {
   std::uint32_t uid = 0;  // the real user id
   std::uint32_t ppid = 0;
+  std::uint64_t pidfdSerial = 0;  // when read from a pidfd on pidfs; else 0
 };
 std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, std::uint32_t pid);
 
@@ -108,7 +137,8 @@ class FanotifyListener {
   enum class OpenError { None, NotPermitted, NotSupported, BadPath, Failed };
 
   // `tracer` (may be null) receives one line for each start decided on
-  // incomplete facts (level 700) and one for each event (level 800). The
+  // incomplete facts (level 700), for each decision not published (500),
+  // and for each event (level 800). The
   // engine and the tracer must outlive the listener.
   FanotifyListener(Engine& engine, FanotifyOptions options, zel::ITracer* tracer);
   FanotifyListener(const FanotifyListener&) = delete;
@@ -149,6 +179,16 @@ class FanotifyListener {
   // this thread (`here`) or through the pool's queue. False on a fatal error.
   bool ReadEvents(std::size_t size, bool here);
   void HandleStart(int fd, std::int32_t pid, bool here);
+  // A plain open: decided as a start when it is the loader opening its
+  // program, otherwise allowed at once. Owns `fd`.
+  void HandleOpen(int fd, std::int32_t pid, bool here);
+  bool IsLoaderOpeningItsProgram(int fd, std::int32_t pid);
+  // An exec allowed makes a plain open of its own right after the answer;
+  // that one is let through without a look at the process, which in the
+  // middle of its exec costs procfs tens of microseconds. Noted before the
+  // answer, taken once; a slot lost to another pid only costs that look.
+  void NoteExecAllowed(std::uint32_t pid) noexcept;
+  bool TakeExecAllowed(std::int32_t pid) noexcept;
   void PublishLoop();
   void Respond(int eventFd, bool allow);
   void AnswerByPolicy(int eventFd);
@@ -161,6 +201,9 @@ class FanotifyListener {
   const StartProbe m_probe;
   zel::ITracer* const m_tracer;
   const pid_t m_self;
+  const std::vector<FileId> m_loaders;
+  static constexpr std::size_t kRecentExecs = 256;
+  std::array<std::atomic<std::uint64_t>, kRecentExecs> m_recentExecs{};  // pid << 32 | milliseconds
   int m_fan = -1;
   int m_wake = -1;  // eventfd that stops the reader
   std::size_t m_marks = 0;

@@ -88,10 +88,20 @@ std::string ReadLink(const std::string& path) {
   }
 }
 
+// Plain reads, never a stream: a stream that meets a read error (ESRCH from a
+// process that ended since it was opened) throws, and nothing here may.
 std::string ReadCommandLine(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) return std::string();
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::string();
+  std::string text;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
   while (!text.empty() && text.back() == '\0') text.pop_back();
   for (char& c : text)
     if (c == '\0') c = ' ';
@@ -122,8 +132,9 @@ class ProcessObject final : public HeapObject<ProcessObject, IProcessObject> {
   const ProcessDescription m_description;
 };
 
+// `kept`, when given, receives a copy of the description.
 zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, std::uint64_t parentUniqueId,
-                                IProcessObject** process) {
+                                IProcessObject** process, ProcessDescription* kept = nullptr) {
   try {
     ProcessDescription d;
     d.processId = pid;
@@ -132,10 +143,13 @@ zel::result_t MakeProcessObject(const std::string& procRoot, std::uint32_t pid, 
     d.imagePath = zel::Utf8ToWide(ReadLink(base + "/exe"));
     d.commandLine = zel::Utf8ToWide(ReadCommandLine(base + "/cmdline"));
     d.currentDirectory = zel::Utf8ToWide(ReadLink(base + "/cwd"));
+    if (kept != nullptr) *kept = d;
     *process = MakeHeapObject<ProcessObject>(std::move(d)).Detach();
     return zel::result::NoError;
   } catch (const std::bad_alloc&) {
     return zel::result::OutOfMemory;
+  } catch (...) {
+    return zel::result::Unexpected;
   }
 }
 
@@ -168,10 +182,27 @@ bool ProcessRegistry::ReadIncarnation(std::uint32_t pid, Incarnation* out) const
 }
 
 std::uint64_t ProcessRegistry::ParentUniqueId(std::uint32_t parentPid, std::uint64_t childStamp) const {
+  if (parentPid == 0) return 0;
+  const auto now = std::chrono::steady_clock::now();
+  if (m_pidfdSerials) {
+    std::lock_guard lock(m_cacheMutex);
+    const auto it = m_parents.find(parentPid);
+    if (it != m_parents.end() && now - it->second.second < kCachedFor && (it->second.first >> kPidBits) <= childStamp)
+      return it->second.first;
+  }
   Incarnation parent;
   // A parent younger than its child is another process that took the pid.
-  if (parentPid == 0 || !ReadIncarnation(parentPid, &parent) || parent.stamp > childStamp) return 0;
-  return MakeUniqueId(parentPid, parent.stamp);
+  if (!ReadIncarnation(parentPid, &parent) || parent.stamp > childStamp) return 0;
+  const std::uint64_t uniqueId = MakeUniqueId(parentPid, parent.stamp);
+  if (m_pidfdSerials) {
+    try {
+      std::lock_guard lock(m_cacheMutex);
+      if (m_parents.size() >= kCached) m_parents.clear();
+      m_parents[parentPid] = {uniqueId, now};
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  return uniqueId;
 }
 
 zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uniqueId) {
@@ -184,21 +215,37 @@ zel::result_t ProcessRegistry::GetUniqueId(std::uint32_t pid, std::uint64_t* uni
   return zel::result::NoError;
 }
 
+std::uint64_t ProcessRegistry::Adopt(std::uint32_t pid, std::uint32_t parentPid, std::uint64_t pidfdSerial) {
+  if (!m_pidfdSerials || pidfdSerial == 0 || pid == 0 || pid >= (1u << kPidBits)) return 0;
+  const std::uint64_t uniqueId = MakeUniqueId(pid, pidfdSerial);
+  Remember(uniqueId, parentPid);
+  return uniqueId;
+}
+
 void ProcessRegistry::Remember(std::uint64_t uniqueId, std::uint32_t parentPid) {
   std::lock_guard lock(m_rememberedMutex);
-  m_remembered[m_nextRemembered] = {uniqueId, parentPid};
+  if (const auto it = m_index.find(uniqueId); it != m_index.end()) {
+    it->second = parentPid;
+    return;
+  }
+  try {
+    if (m_index.bucket_count() < kRemembered) m_index.reserve(kRemembered);
+    m_index.emplace(uniqueId, parentPid);
+  } catch (const std::bad_alloc&) {
+    return;  // not remembered: its event, should it end first, names no process
+  }
+  std::uint64_t& slot = m_order[m_nextRemembered];
+  if (slot != 0) m_index.erase(slot);
+  slot = uniqueId;
   m_nextRemembered = (m_nextRemembered + 1) % kRemembered;
 }
 
 bool ProcessRegistry::Recall(std::uint64_t uniqueId, std::uint32_t* parentPid) const {
   std::lock_guard lock(m_rememberedMutex);
-  for (const Remembered& r : m_remembered) {
-    if (r.uniqueId == uniqueId && uniqueId != 0) {
-      *parentPid = r.parentPid;
-      return true;
-    }
-  }
-  return false;
+  const auto it = m_index.find(uniqueId);
+  if (it == m_index.end() || uniqueId == 0) return false;
+  *parentPid = it->second;
+  return true;
 }
 
 zel::result_t ProcessRegistry::GetProcessByPid(std::uint32_t pid, IProcessObject** process) {
@@ -217,10 +264,36 @@ zel::result_t ProcessRegistry::GetProcess(const std::uint64_t* uniqueId, IProces
   const std::uint32_t pid = PidOf(*uniqueId);
   if (pid == 0) return zel::result::NotFound;
   const std::uint64_t stamp = *uniqueId >> kPidBits;
+  const auto now = std::chrono::steady_clock::now();
+  if (m_pidfdSerials) {
+    // A unique id is never another process's: a description taken a moment
+    // ago is still this one's.
+    std::lock_guard lock(m_cacheMutex);
+    const auto it = m_described.find(*uniqueId);
+    if (it != m_described.end() && now - it->second.second < kCachedFor) {
+      try {
+        *process = MakeHeapObject<ProcessObject>(it->second.first).Detach();
+        return zel::result::NoError;
+      } catch (const std::bad_alloc&) {
+        return zel::result::OutOfMemory;
+      }
+    }
+  }
   Incarnation incarnation;
   // A pid that now belongs to a younger process is not the one asked for.
   if (ReadIncarnation(pid, &incarnation) && incarnation.stamp == stamp) {
-    return MakeProcessObject(m_procRoot, pid, ParentUniqueId(incarnation.parentPid, stamp), process);
+    ProcessDescription kept;
+    const zel::result_t r =
+        MakeProcessObject(m_procRoot, pid, ParentUniqueId(incarnation.parentPid, stamp), process, &kept);
+    if (ZEL_SUCCEEDED(r) && m_pidfdSerials) {
+      try {
+        std::lock_guard lock(m_cacheMutex);
+        if (m_described.size() >= kCached) m_described.clear();
+        m_described[*uniqueId] = {std::move(kept), now};
+      } catch (const std::bad_alloc&) {
+      }
+    }
+    return r;
   }
   std::uint32_t parentPid = 0;
   if (!Recall(*uniqueId, &parentPid)) return zel::result::NotFound;

@@ -12,14 +12,25 @@
 // The last processes given a unique id are remembered with their parent: an
 // event about a program start is published after the start was answered,
 // often when so short a program has ended, and GetProcess then still gives
-// its pid and its parent (with no image, command line or directory).
+// its pid and its parent (with no image, command line or directory). As many
+// are kept as a publisher may fall behind (its queue's length), so that a
+// burst of starts doesn't push a process out before its event is written.
+//
+// Nothing here throws: reading a process that ends meanwhile fails quietly.
+//
+// With pidfd serials, a description and a parent's unique id are reused for
+// a second: the parent of a burst of starts (a shell, a build) is described
+// once, not for each event. (A parent pid taken by another process within
+// that second would go unseen; pids come back far more slowly.)
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "app_control/interfaces/iprocess_registry.h"
 #include "host/services/host_object.h"
@@ -37,6 +48,11 @@ class ProcessRegistry final : public OwnedObject<ProcessRegistry, IProcessRegist
   zel::result_t GetProcessByPid(std::uint32_t pid, IProcessObject** process) override;
   zel::result_t GetProcess(const std::uint64_t* uniqueId, IProcessObject** process) override;
 
+  // GetUniqueId for a caller that has just asked the process's pidfd itself
+  // (QueryPidfd): the unique id made of those facts, remembered the same
+  // way. 0 when this registry's stamps are not pidfd serials.
+  std::uint64_t Adopt(std::uint32_t pid, std::uint32_t parentPid, std::uint64_t pidfdSerial);
+
   static constexpr unsigned kPidBits = 22;
   static std::uint32_t PidOf(std::uint64_t uniqueId) noexcept {
     return static_cast<std::uint32_t>(uniqueId & ((1u << kPidBits) - 1));
@@ -45,11 +61,9 @@ class ProcessRegistry final : public OwnedObject<ProcessRegistry, IProcessRegist
   bool UsesPidfdSerials() const noexcept { return m_pidfdSerials; }
 
  private:
-  struct Remembered {
-    std::uint64_t uniqueId = 0;
-    std::uint32_t parentPid = 0;
-  };
-  static constexpr std::size_t kRemembered = 256;
+  static constexpr std::size_t kRemembered = 8192;
+  static constexpr std::size_t kCached = 256;
+  static constexpr std::chrono::seconds kCachedFor{1};
 
   struct Incarnation {
     std::uint32_t parentPid = 0;
@@ -65,8 +79,12 @@ class ProcessRegistry final : public OwnedObject<ProcessRegistry, IProcessRegist
   const std::string m_procRoot;
   const bool m_pidfdSerials;
   mutable std::mutex m_rememberedMutex;
-  std::array<Remembered, kRemembered> m_remembered{};
+  std::array<std::uint64_t, kRemembered> m_order{};  // oldest overwritten first
+  std::unordered_map<std::uint64_t, std::uint32_t> m_index;  // unique id -> parent pid
   std::size_t m_nextRemembered = 0;
+  mutable std::mutex m_cacheMutex;
+  mutable std::unordered_map<std::uint32_t, std::pair<std::uint64_t, std::chrono::steady_clock::time_point>> m_parents;
+  std::unordered_map<std::uint64_t, std::pair<ProcessDescription, std::chrono::steady_clock::time_point>> m_described;
 };
 
 }  // namespace host

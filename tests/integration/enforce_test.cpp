@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/fanotify.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -142,6 +144,98 @@ class Child {
 };
 
 Started Start(const fs::path& path) { return Child(path).Wait(); }
+
+// vm.memfd_noexec; -1 when this kernel has none.
+int MemfdNoExec() {
+  std::ifstream in("/proc/sys/vm/memfd_noexec");
+  int value = -1;
+  return in >> value ? value : -1;
+}
+
+// Starts a copy of /usr/bin/true from a memfd, never from a file system: 0
+// when it ran and ended well, else the errno of memfd_create or fexecve.
+int RunFromMemfd() {
+  const int fd = ::memfd_create("from-memory", 0);
+  if (fd < 0) return errno;
+  const std::string program = Slurp("/usr/bin/true");
+  if (::write(fd, program.data(), program.size()) != static_cast<ssize_t>(program.size())) {
+    ::close(fd);
+    return EIO;
+  }
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0) return errno;
+  char arg0[] = "from-memory";
+  char* argv[] = {arg0, nullptr};
+  char* envp[] = {nullptr};
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::fexecve(fd, argv, envp);
+    const int e = errno;
+    [[maybe_unused]] const ssize_t n = ::write(fds[1], &e, sizeof e);
+    ::_exit(127);
+  }
+  ::close(fds[1]);
+  ::close(fd);
+  int e = 0;
+  const bool failed = ::read(fds[0], &e, sizeof e) == sizeof e;
+  ::close(fds[0]);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  if (failed) return e;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : ECHILD;
+}
+
+// The dynamic loader of this system; empty when none of the usual names is there.
+fs::path DynamicLoader() {
+  for (const char* name : {"/lib64/ld-linux-x86-64.so.2", "/lib/ld-linux-aarch64.so.1", "/lib/ld-linux-armhf.so.3"})
+    if (fs::exists(name)) return name;
+  return {};
+}
+
+// Runs argv to its end with its stdout dropped and its stderr in `errFile`: the exit code (128 +
+// signal), -1 when it could not be started.
+int RunTo(const std::vector<std::string>& args, const fs::path& errFile) {
+  std::vector<std::string> copy = args;
+  std::vector<char*> argv;
+  for (std::string& a : copy) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  ::posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid = -1;
+  const int r = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), nullptr);
+  ::posix_spawn_file_actions_destroy(&actions);
+  if (r != 0) return -1;
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// The value of `name` in acctl's one-line JSON counters; -1 when missing.
+long long JsonCounter(const std::string& json, const std::string& name) {
+  const std::string key = "\"" + name + "\":";
+  const std::size_t at = json.find(key);
+  return at == std::string::npos ? -1 : std::atoll(json.c_str() + at + key.size());
+}
+
+// `threads` threads each start `perThread` programs one after another,
+// taking turns over `programs`, through posix_spawn (safe from threads,
+// unlike a fork that goes on to allocate). Waits for every one to end.
+void Storm(const std::vector<fs::path>& programs, int threads, int perThread) {
+  std::vector<std::thread> loops;
+  for (int t = 0; t < threads; ++t) {
+    loops.emplace_back([&programs, perThread, t] {
+      for (int i = 0; i < perThread; ++i) {
+        std::string path = programs[static_cast<std::size_t>(t + i) % programs.size()].string();
+        char* argv[] = {path.data(), nullptr};
+        pid_t pid = -1;
+        if (::posix_spawn(&pid, path.c_str(), nullptr, nullptr, argv, nullptr) == 0) ::waitpid(pid, nullptr, 0);
+      }
+    });
+  }
+  for (std::thread& t : loops) t.join();
+}
 
 // acctl enforce (or any acctl command) as a child, its output in files.
 class Acctl {
@@ -342,6 +436,116 @@ TEST_F(EnforceTest, EveryReportNamesTheProcessEvenOfAProgramThatEndsAtOnce) {
   }
 }
 
+TEST_F(EnforceTest, AStormOfStartsIsAccountedForWholeInTheCounters) {
+  // Every start read is decided, timed out or undecided; every decision is
+  // published, dropped or failed; and what was published was written. A
+  // short program's process ends while its event waits to be published:
+  // once, describing it made the event vanish uncounted.
+  REQUIRE_FANOTIFY();
+  const std::vector<fs::path> programs{Program("allowed", bin), Program("blocked", bin)};
+  struct Case {
+    const char* name;
+    std::vector<std::string> options;
+  };
+  const Case cases[] = {
+      {"decided in time", {}},
+      // Four deciding threads, each decision held 60 ms, eight starters:
+      // starts left waiting in line pass the 100 ms deadline.
+      {"some timed out", {"--decision-delay", "60", "--decision-timeout", "100"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::string> extra{"--json"};
+    extra.insert(extra.end(), c.options.begin(), c.options.end());
+    Acctl acctl(dir, Enforce(DenySettings(), extra));
+    ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+    Storm(programs, 8, 25);
+    acctl.Signal(SIGTERM);
+    ASSERT_EQ(acctl.Wait(), 0) << acctl.Err();
+    const std::string out = acctl.Out();
+    const auto n = [&](const char* name) { return JsonCounter(out, name); };
+    EXPECT_EQ(n("starts"), 200) << out;
+    EXPECT_EQ(n("decided") + n("timedOut") + n("undecided"), n("starts")) << out;
+    EXPECT_EQ(n("allowed") + n("blocked"), n("starts")) << out;
+    EXPECT_EQ(n("published") + n("eventsDropped") + n("publishFailed"), n("decided")) << out;
+    EXPECT_EQ(n("publishFailed"), 0) << out << acctl.Err();
+    EXPECT_EQ(n("eventsDropped"), 0) << "200 fit in the publishing queue\n" << out;
+    const std::vector<std::string> lines = EventLines();
+    EXPECT_EQ(static_cast<long long>(lines.size()), n("published")) << out << acctl.Err();
+    for (const std::string& line : lines) EXPECT_NE(line.find("\"ProcessId\":"), std::string::npos) << line;
+  }
+}
+
+TEST_F(EnforceTest, MemfdSwitchRefusesAProgramRunFromMemoryAndPutsTheSettingBack) {
+  // A program started from a memfd passes no mark; the switch closes that
+  // way for the run.
+  REQUIRE_FANOTIFY();
+  const int before = MemfdNoExec();
+  if (before < 0) {
+    if (UnderCi()) FAIL() << "this kernel has no vm.memfd_noexec";
+    GTEST_SKIP() << "this kernel has no vm.memfd_noexec (Linux 6.3)";
+  }
+  Acctl acctl(dir, Enforce(DenySettings(), {"--memfd-noexec", "--json"}));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  EXPECT_NE(acctl.Err().find("acctl: no memfd can be executed here (vm.memfd_noexec 2"), std::string::npos)
+      << acctl.Err();
+  EXPECT_EQ(MemfdNoExec(), 2);
+  EXPECT_EQ(RunFromMemfd(), EACCES);
+  acctl.Signal(SIGTERM);
+  ASSERT_EQ(acctl.Wait(), 0) << acctl.Err();
+  EXPECT_NE(acctl.Out().find("\"memfdExec\":0}"), std::string::npos) << acctl.Out();
+  EXPECT_EQ(MemfdNoExec(), before) << "the setting is put back at exit";
+  if (before < 2) {
+    EXPECT_EQ(RunFromMemfd(), 0) << "without the switch the way is open again";
+  }
+}
+
+TEST_F(EnforceTest, AProgramRunThroughTheDynamicLoaderIsDecidedLikeItsExec) {
+  // `ld.so PROGRAM` opens and maps the program: no exec of it is seen, so
+  // the loader's open of its program is decided as its start. Every other
+  // open on the marks is let through and not reported.
+  REQUIRE_FANOTIFY();
+  const fs::path loader = DynamicLoader();
+  if (loader.empty()) {
+    if (UnderCi()) FAIL() << "no dynamic loader found";
+    GTEST_SKIP() << "no dynamic loader found";
+  }
+  const fs::path blocked = Program("blocked", bin), allowed = Program("allowed", bin);
+  fs::create_directory(dir / "other");
+  const fs::path unmarked = Program("blocked", dir / "other");
+  Acctl acctl(dir, Enforce(DenySettings(), {"--json"}));
+  ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
+  const fs::path err = dir / "loader.err";
+  struct Case {
+    std::vector<std::string> args;
+    int exitCode;
+    const char* says;  // on stderr, when not null
+  };
+  const Case cases[] = {
+      {{loader, blocked}, 127, "Operation not permitted"},
+      {{loader, "--argv0", "x", allowed}, 0, nullptr},  // an option with a value before the program
+      {{loader, unmarked}, 0, nullptr},                  // not on a mark
+      {{loader}, 1, "missing program name"},             // no program at all
+      {{"/bin/cat", blocked}, 0, nullptr},               // a plain open of a marked program
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args.back());
+    EXPECT_EQ(RunTo(c.args, err), c.exitCode) << Slurp(err);
+    if (c.says != nullptr) {
+      EXPECT_NE(Slurp(err).find(c.says), std::string::npos) << Slurp(err);
+    }
+  }
+  acctl.Signal(SIGTERM);
+  ASSERT_EQ(acctl.Wait(), 0) << acctl.Err();
+  const std::vector<std::string> lines = EventLines();
+  ASSERT_EQ(lines.size(), 2u) << Slurp(events);
+  EXPECT_NE(lines[0].find("\"type\":122"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[0].find("\"FileName\":\"blocked\""), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find("\"type\":120"), std::string::npos) << lines[1];
+  EXPECT_NE(lines[1].find("\"FileName\":\"allowed\""), std::string::npos) << lines[1];
+  EXPECT_NE(acctl.Out().find("\"starts\":2,"), std::string::npos) << acctl.Out();
+}
+
 TEST_F(EnforceTest, GoldenImageAllowListRunsOnlyTheImagesContent) {
   REQUIRE_FANOTIFY();
   std::string trueHash;
@@ -498,7 +702,8 @@ TEST_F(EnforceTest, StartWhoseProgramOrProcessIsGoneBeforeTheDecisionIsStillAnsw
                                  std::to_string(held.Pid())))
         << acctl.Err();
   }
-  // The process is killed while its start waits: answered all the same.
+  // The process is killed while its start waits: decided and reported all
+  // the same, without its user.
   const fs::path allowed = Program("allowed", bin);
   pid_t pid = 0;
   {
@@ -513,9 +718,13 @@ TEST_F(EnforceTest, StartWhoseProgramOrProcessIsGoneBeforeTheDecisionIsStillAnsw
   EXPECT_EQ(Start(allowed).exitCode, 0) << "the listener goes on";
   acctl.Signal(SIGTERM);
   EXPECT_EQ(acctl.Wait(), 0) << acctl.Err();
-  EXPECT_NE(acctl.Err().find("decided 2, allowed 2, blocked 1, test-mode 0, timed out 0, undecided 1"),
+  EXPECT_NE(acctl.Err().find("decided 3, allowed 2, blocked 1, test-mode 0, timed out 0, undecided 0"),
             std::string::npos)
       << acctl.Err();
+  const std::vector<std::string> lines = EventLines();
+  ASSERT_EQ(lines.size(), 3u) << Slurp(events);
+  EXPECT_NE(lines[1].find("\"FileName\":\"allowed\""), std::string::npos) << lines[1];
+  EXPECT_NE(lines[1].find("\"AccessUserId\":-1,"), std::string::npos) << "no user known: " << lines[1];
 }
 
 TEST_F(EnforceTest, SigkillOfTheListenerLeavesTheWatchedProgramsRunnable) {

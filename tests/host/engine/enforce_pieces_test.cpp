@@ -116,12 +116,17 @@ TEST(EnforceCountersTest, TextAndJsonNameEveryCounterInOrder) {
   c.undecided = 6;
   c.dropped = 7;
   c.hashCacheHits = 8;
+  c.starts = 9;
+  c.published = 10;
+  c.publishFailed = 11;
+  c.memfdExec = 12;
   EXPECT_EQ(host::engine::FormatCountersText(c),
             "decided 1, allowed 2, blocked 3, test-mode 4, timed out 5, undecided 6, events dropped 7, "
-            "hash-cache hits 8");
+            "hash-cache hits 8, starts 9, published 10, publish failed 11, memfd exec 12");
   EXPECT_EQ(host::engine::FormatCountersJson(c),
             "{\"decided\":1,\"allowed\":2,\"blocked\":3,\"testMode\":4,\"timedOut\":5,\"undecided\":6,"
-            "\"eventsDropped\":7,\"hashCacheHits\":8}");
+            "\"eventsDropped\":7,\"hashCacheHits\":8,\"starts\":9,\"published\":10,\"publishFailed\":11,"
+            "\"memfdExec\":12}");
 }
 
 class ProcFilesTest : public ::testing::Test {
@@ -230,6 +235,26 @@ TEST_F(ProcFilesTest, DescriptorPathLosesTheDeletedMarkOnlyWhenTheFileIsGone) {
   }
   ::close(fd);
   ::close(oddFd);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(LoaderProgramTest, TheFirstOperandAfterTheLoadersOptions) {
+  using namespace std::string_view_literals;
+  const struct {
+    std::string_view commandLine;
+    const char* program;
+  } cases[] = {
+      {"ld.so\0./prog\0arg"sv, "./prog"},
+      {"ld.so\0--argv0\0name\0--library-path\0/l\0/bin/p\0--x"sv, "/bin/p"},
+      {"ld.so\0--inhibit-cache\0p\0"sv, "p"},  // an option without a value; a trailing NUL
+      {"ld.so"sv, ""},
+      {"ld.so\0--help"sv, ""},
+      {"ld.so\0--preload\0libx.so"sv, ""},  // the value is not the program
+  };
+  for (const auto& c : cases) EXPECT_EQ(host::engine::LoaderProgram(c.commandLine), c.program) << c.commandLine;
 }
 
 }  // namespace

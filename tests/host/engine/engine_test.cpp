@@ -162,8 +162,20 @@ TEST_F(EngineTest, ThrowingSinkDoesNotStopTheOthers) {
   EXPECT_EQ(services.engine.SinkExceptions(), 1u);
   EXPECT_EQ(sink.m_failSafe.load(), 1);
   EXPECT_EQ(sink.m_historyLost.load(), 1);
+
+  // Reported by hand, the first failure comes back, and every sink is told:
+  // the publisher counts a decision some sink didn't take.
+  const host::engine::ProgramDecision decision = services.engine.Decisions().front();
+  EXPECT_EQ(services.engine.Report(decision), zel::result::Unexpected) << "a throw";
+  RecordingSink refuser;
+  refuser.m_result = zel::result::AccessDenied;
+  ASSERT_EQ(services.engine.Unsubscribe(&thrower), 0);
+  ASSERT_EQ(services.engine.Subscribe(&refuser), 0);
+  EXPECT_EQ(services.engine.Report(decision), zel::result::AccessDenied);
+  EXPECT_EQ(sink.Calls().size(), 3u);
+  ASSERT_EQ(services.engine.Unsubscribe(&refuser), 0);
+  EXPECT_EQ(services.engine.Report(decision), 0);
   ASSERT_EQ(task->Stop(), 0);
-  services.engine.Unsubscribe(&thrower);
   services.engine.Unsubscribe(&sink);
 }
 

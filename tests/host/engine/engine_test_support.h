@@ -133,7 +133,7 @@ class RecordingSink final : public host::OwnedObject<RecordingSink, app_ctrl::IE
       m_calls.push_back({std::this_thread::get_id(), *verdict, *info, *category});
     }
     if (m_throw) throw std::invalid_argument("stoll");
-    return 0;
+    return m_result;
   }
   zel::result_t OnFailSafeModeBoot() override {
     ++m_failSafe;
@@ -152,6 +152,7 @@ class RecordingSink final : public host::OwnedObject<RecordingSink, app_ctrl::IE
   std::atomic<int> m_failSafe{0};
   std::atomic<int> m_historyLost{0};
   bool m_throw = false;
+  zel::result_t m_result = 0;  // what OnApplicationControl answers when it doesn't throw
 
  private:
   mutable std::mutex m_mutex;

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "engine_test_support.h"
 #include "host/services/process_registry.h"
@@ -164,6 +165,42 @@ TEST(ProcessRegistry, AProcessGivenAnIdIsStillDescribedAfterItEnds) {
   ASSERT_EQ(process->GetDescription(&d), 0);
   EXPECT_EQ(d.processId, 42u);
   EXPECT_EQ(d.parentUniqueId, 0u);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(ProcessRegistry, AFileThatFailsToReadLeavesItsFieldEmptyAndABurstOfEndedProcessesIsRemembered) {
+  ScratchDir proc;
+  proc.Write("7/stat", StatLine(7, "sh", 1, 50));
+  // A read that fails after the open succeeded, as /proc/PID/cmdline of a
+  // process that has just ended does (ESRCH): a directory fails with EISDIR.
+  std::filesystem::create_directories(std::filesystem::path(proc.Path()) / "7" / "cmdline");
+  host::ProcessRegistry registry(proc.Path());
+  zel::RefPtr<IProcessObject> process;
+  ASSERT_EQ(registry.GetProcessByPid(7, process.Ref()), 0);
+  ProcessDescription d;
+  ASSERT_EQ(process->GetDescription(&d), 0);
+  EXPECT_TRUE(d.commandLine.empty());
+
+  // A burst of ended processes, more than were once kept, while their
+  // events wait to be published: the first one is still described.
+  constexpr int kBurst = 300;
+  std::vector<std::uint64_t> ids;
+  for (int pid = 100; pid < 100 + kBurst; ++pid) {
+    proc.Write(std::to_string(pid) + "/stat", StatLine(pid, "short", 7, 100));
+    std::uint64_t id = 0;
+    ASSERT_EQ(registry.GetUniqueId(static_cast<std::uint32_t>(pid), &id), 0);
+    ids.push_back(id);
+    std::filesystem::remove_all(std::filesystem::path(proc.Path()) / std::to_string(pid));
+  }
+  for (const std::uint64_t id : {ids.front(), ids.back()}) {
+    ASSERT_EQ(registry.GetProcess(&id, process.Ref()), 0) << id;
+    ASSERT_EQ(process->GetDescription(&d), 0);
+    EXPECT_EQ(d.processId, host::ProcessRegistry::PidOf(id));
+    EXPECT_EQ(d.parentUniqueId, (50ull << 22) | 7);
+  }
 }
 
 }  // namespace
