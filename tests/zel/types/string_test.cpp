@@ -10,7 +10,6 @@
 #include "host/services/counting_allocator.h"
 #include "zel/types/compact_string.h"
 #include "zel/types/fixed_string.h"
-#include "zel/types/range.h"
 #include "zel/types/string.h"
 
 namespace {
@@ -230,16 +229,6 @@ TEST(FixedString, RoomLeftInLastByte) {
   zel::basic_fixed_string<256> big;
   EXPECT_TRUE(big.assign(std::string(255, 'm')));
   EXPECT_EQ(big.size(), 255u);
-}
-
-TEST(Range, SpansWithoutOwning) {
-  const int values[] = {1, 2, 3};
-  zel::types::range_t r{values + 1, values + 3};
-  EXPECT_EQ(r.size(), 2u);
-  int sum = 0;
-  for (int v : r) sum += v;
-  EXPECT_EQ(sum, 5);
-  EXPECT_TRUE((zel::types::range_t{values, values}.empty()));
 }
 
 }  // namespace
