@@ -106,28 +106,21 @@ TEST_F(EntryTest, InterfaceZeroIsTheFirstInterfaceAndFacesShareOneCount) {
   ExpectAllReturned();
 }
 
-TEST_F(EntryTest, MissingAllocatorIsReturnedAsItIs) {
+// The allocator refused by the locator comes back as the locator gave it;
+// refusing the block is OutOfMemory. Nothing is traced, nothing is kept.
+TEST_F(EntryTest, CreationWithoutMemory) {
   auto factory = Factory(ac::kAppStartLogEventsDispatcherClassId);
-  const auto refused = zel::result::AccessDenied;
-  locator.Refuse(zel::IAllocator::iid, refused);
+  allocator.FailAfter(0);
   void* out = &out;
-  EXPECT_EQ(factory->CreateInstance(&locator, 0, &out), refused);
+  EXPECT_EQ(factory->CreateInstance(&locator, 0, &out), zel::result::OutOfMemory);
+  locator.Refuse(zel::IAllocator::iid, zel::result::AccessDenied);
+  out = &out;
+  EXPECT_EQ(factory->CreateInstance(&locator, 0, &out), zel::result::AccessDenied);
   EXPECT_EQ(out, &out);
   EXPECT_TRUE(tracer.Lines().empty());
   factory.Reset();
   ExpectAllReturned();
 }
-
-TEST_F(EntryTest, AllocatorRefusingTheBlockIsOutOfMemory) {
-  auto factory = Factory(ac::kAppStartLogEventsDispatcherClassId);
-  allocator.FailAfter(0);
-  void* out = nullptr;
-  EXPECT_EQ(factory->CreateInstance(&locator, 0, &out), zel::result::OutOfMemory);
-  factory.Reset();
-  ExpectAllReturned();
-}
-
-// ---- object flavours, with classes of the test's own ------------------------------
 
 // ---- the ends of the process ------------------------------------------------------
 
