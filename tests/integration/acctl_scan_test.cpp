@@ -2,13 +2,11 @@
 // the golden-image workflow end to end (scan with GoldenImage add, then an
 // allow list on that category), the inventory views, the errors of the
 // command line, a stop by SIGINT, pause and resume by signal, the
-// task-type lock across two acctl processes, and the hash cache that scans,
-// runs and enforcement share through the store.
-#include <fcntl.h>
+// task-type lock across two acctl processes, and the hash cache that scans
+// and runs share through the store.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
-#include <sys/fanotify.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -227,27 +225,6 @@ TEST_F(AcctlScanTest, ASecondScanHashesNothingRehashHashesAllAndAnUnusableCacheO
   EXPECT_NE(spoilt.out.find("\"inventoried\":3"), std::string::npos) << spoilt.out;
   EXPECT_EQ(Count(spoilt.err, "acctl: warning: loading the hash cache in"), 1u) << spoilt.err;
   EXPECT_EQ(Count(spoilt.err, "warning"), 1u) << spoilt.err;
-}
-
-TEST_F(AcctlScanTest, EnforcementStartedAfterAScanHashesNoScannedProgramOnItsFirstStart) {
-  const int probe = ::geteuid() == 0 ? ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY) : -1;
-  if (probe >= 0) ::close(probe);
-  if (probe < 0) {
-    const char* ci = std::getenv("CI");
-    if (ci != nullptr && std::string(ci) == "true") FAIL() << "live enforcement must be tested under CI";
-    GTEST_SKIP() << "needs root and fanotify";
-  }
-  Settle();
-  ASSERT_EQ(Run("scan '" + dir + "/image'").exitCode, 0);
-  const pid_t enforce = Spawn("enforce --json --settings " + kExamples + "settings.json --watch '" + dir + "/image'",
-                              "enforce");
-  ASSERT_TRUE(WaitForText(dir + "/enforce.err", "acctl: enforcing on")) << Slurp(dir + "/enforce.err");
-  EXPECT_EQ(std::system(("'" + dir + "/image/true'").c_str()), 0);
-  ::kill(enforce, SIGTERM);
-  EXPECT_EQ(Wait(enforce), 0) << Slurp(dir + "/enforce.err");
-  const std::string counters = Slurp(dir + "/enforce.out");
-  EXPECT_NE(counters.find("\"allowed\":1,"), std::string::npos) << counters;
-  EXPECT_NE(counters.find("\"hashCacheHits\":1}"), std::string::npos) << "the scan's hash was used: " << counters;
 }
 
 }  // namespace

@@ -100,18 +100,4 @@ TEST_F(AcctlTest, BadInputFailsWithOneLine) {
   }
 }
 
-TEST_F(AcctlTest, CategoriesSurviveInTheStore) {
-  const std::string db = dir + "/state.db";
-  ASSERT_EQ(Run("--db '" + db + "' categories import " + kExamples + "categories.json").exitCode, 0);
-  const Outcome exported = Run("--db '" + db + "' categories export");
-  ASSERT_EQ(exported.exitCode, 0) << exported.err;
-  EXPECT_NE(exported.out.find("(FilePath like /usr/bin/*sh)"), std::string::npos) << exported.out;
-  EXPECT_NE(exported.out.find("\"Core utilities\""), std::string::npos) << exported.out;
-
-  // A run on the same store without a categories document uses the stored ones.
-  const Outcome o = Run("--db '" + db + "' run --settings " + kExamples + "settings.json /bin/sh");
-  ASSERT_EQ(o.exitCode, 0) << o.err;
-  EXPECT_NE(o.out.find("\"Category\":\"Shells\""), std::string::npos) << o.out;
-}
-
 }  // namespace
