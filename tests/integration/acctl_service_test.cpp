@@ -30,8 +30,8 @@ using AcctlServiceTest = test_support::AcctlProcessTest;
 
 const std::string kSource = AC_SOURCE_DIR;
 
-// Why live enforcement can't be tried here; empty when it can. Under CI it
-// must be tried.
+// Why live enforcement can't be tried here; empty when it can. Without it
+// a test skips with the reason, but under CI it must be tried.
 std::string CannotEnforce() {
   if (::geteuid() != 0) return "not root";
   const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
@@ -40,15 +40,12 @@ std::string CannotEnforce() {
   return {};
 }
 
-#define REQUIRE_ENFORCE()                                                                 \
-  do {                                                                                    \
-    const std::string why = CannotEnforce();                                              \
-    if (!why.empty()) {                                                                   \
-      const char* ci = std::getenv("CI");                                                 \
-      if (ci != nullptr && std::string(ci) == "true") FAIL() << "must run under CI: " << why; \
-      GTEST_SKIP() << why;                                                                \
-    }                                                                                     \
-  } while (0)
+#define REQUIRE_ENFORCE()                                                               \
+  if (const std::string why = CannotEnforce(); !why.empty()) {                          \
+    if (const char* ci = std::getenv("CI"); ci != nullptr && std::string(ci) == "true") \
+      FAIL() << "must run under CI: " << why;                                           \
+    GTEST_SKIP() << why;                                                                \
+  }
 
 unsigned ModeOf(const std::string& path) {
   struct stat st {};
