@@ -150,23 +150,29 @@ TEST_F(AcctlScanTest, SettingsDocumentChoosesScopesMasksAndExclusions) {
 
 TEST_F(AcctlScanTest, SignalsPauseResumeAndStopTheScanAndTheTaskTypeLockRefusesASecond) {
   const std::string root = BigTree();
-  const pid_t pid = Spawn("scan '" + root + "' --interval 0.05", "scan");
-  const std::string err = dir + "/scan.err";
+  const pid_t first = Spawn("scan '" + root + "' --interval 0.05", "first");
+  const std::string err = dir + "/first.err";
   ASSERT_TRUE(WaitForText(err, "files seen")) << Slurp(err);
-  ::kill(pid, SIGUSR1);  // hold it running while the second tries
+  ::kill(first, SIGUSR1);  // hold it running while the second tries
   ASSERT_TRUE(WaitForText(err, "paused: ")) << Slurp(err);
   const Outcome second = Run("scan '" + dir + "/image'");
   EXPECT_EQ(second.exitCode, 1);
   EXPECT_EQ(Count(second.err, "acctl:"), 1u) << second.err;
   EXPECT_NE(second.err.find("another inventory scan is running"), std::string::npos) << second.err;
-  ::kill(pid, SIGUSR2);
+  ::kill(first, SIGUSR2);
   ASSERT_TRUE(WaitForText(err, "resumed")) << Slurp(err);
-  ::kill(pid, SIGINT);
-  EXPECT_EQ(Wait(pid), 0) << Slurp(err);
-  const std::string out = Slurp(dir + "/scan.out");
-  EXPECT_NE(out.find("interrupted"), std::string::npos) << out;
-  // A stopped scan leaves an empty inventory.
+  EXPECT_EQ(Wait(first), 0) << Slurp(err);
+  EXPECT_NE(Slurp(dir + "/first.out").find("40000 inventoried"), std::string::npos) << Slurp(dir + "/first.out");
+
+  // Stopped by SIGINT, a scan on a store of its own leaves it empty.
+  globalArgs = "--db '" + dir + "/stopped.db'";
+  const pid_t stopped = Spawn("scan '" + root + "' --interval 0.05", "stopped");
+  ASSERT_TRUE(WaitForText(dir + "/stopped.err", "files seen")) << Slurp(dir + "/stopped.err");
+  ::kill(stopped, SIGINT);
+  EXPECT_EQ(Wait(stopped), 0) << Slurp(dir + "/stopped.err");
+  EXPECT_NE(Slurp(dir + "/stopped.out").find("interrupted"), std::string::npos) << Slurp(dir + "/stopped.out");
   const Outcome list = Run("inventory --json");
+  EXPECT_EQ(list.exitCode, 0) << list.err;
   EXPECT_EQ(Count(list.out, "\"filePath\""), 0u) << list.out;
 }
 
