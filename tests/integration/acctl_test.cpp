@@ -88,7 +88,8 @@ TEST_F(AcctlTest, BadInputFailsWithOneLine) {
     const Outcome o = Run(c.args);
     EXPECT_EQ(o.exitCode, c.exitCode) << c.args;
     EXPECT_NE(o.err.find(c.message), std::string::npos) << c.args << "\nstderr: " << o.err;
-    EXPECT_EQ(test_support::CountOf(o.err, "acctl:"), 1u) << c.args << "\nstderr: " << o.err;
+    EXPECT_EQ(o.err.rfind("acctl: ", 0), 0u) << c.args << "\nstderr: " << o.err;
+    EXPECT_EQ(std::count(o.err.begin(), o.err.end(), '\n'), 1) << "one line: " << c.args << "\nstderr: " << o.err;
     EXPECT_EQ(o.out, "") << c.args;
   }
 }
