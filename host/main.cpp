@@ -31,6 +31,26 @@
 namespace {
 
 // --help prints to stdout; a usage error to stderr.
+// An error is one line whatever its text holds: a parser's message may run
+// over several, each indented. A line break and the indentation after it
+// become one space; every other character stays as it is.
+std::string OneLine(const char* text) {
+  std::string line;
+  bool broken = false;
+  for (const char* c = text; *c != '\0'; ++c) {
+    if (*c == '\n' || *c == '\r') {
+      broken = true;
+    } else if (broken && (*c == ' ' || *c == '\t')) {
+      continue;
+    } else {
+      if (broken && !line.empty() && line.back() != ' ') line += ' ';
+      broken = false;
+      line += *c;
+    }
+  }
+  return line;
+}
+
 void Usage(std::FILE* out = stderr) {
   std::fprintf(out,
                "usage: acctl [--module PATH] [--trace LEVEL] [--db PATH] [--events FILE] COMMAND\n"
@@ -96,10 +116,10 @@ int main(int argc, char** argv) {
     Usage();
     return 2;
   } catch (const host::cli::UsageError& e) {
-    std::fprintf(stderr, "acctl: %s\n", e.what());
+    std::fprintf(stderr, "acctl: %s\n", OneLine(e.what()).c_str());
     return 2;
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "acctl: %s\n", e.what());
+    std::fprintf(stderr, "acctl: %s\n", OneLine(e.what()).c_str());
     return 1;
   }
 }

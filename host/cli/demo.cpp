@@ -76,7 +76,7 @@ int RunDemo(const GlobalOptions& options, const std::vector<std::string>& args) 
     std::fputs("usage: acctl demo\n  The module's start-log dispatcher with two printing sinks.\n", stdout);
     return 0;
   }
-  if (!args.empty()) throw UsageError("demo takes no arguments");
+  if (!args.empty()) throw UsageError("demo: takes no arguments");
   host::LoadedModule module(options.modulePath);
   return Demo(module, options.traceLevel);
 }

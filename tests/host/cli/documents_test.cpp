@@ -21,9 +21,14 @@ std::string Repeat(const std::string& text, int times) {
   return out;
 }
 
-// "ok <allow rules>/<deny rules>" or "error <message>".
-std::string ReadSettings(const std::string& json) {
+// "ok <allow rules>/<deny rules>", "ok <scan scopes>/<secondary scopes>"
+// or "error <message>".
+std::string Read(bool scan, const std::string& json) {
   try {
+    if (scan) {
+      const tov::settings::InventoryScanSettings s = host::cli::ScanSettingsFromJson(json, "scan.json");
+      return "ok " + std::to_string(s.scanScopes.size()) + "/" + std::to_string(s.secondaryScopes.size());
+    }
     const tov::settings::AppControlSettings s = host::cli::SettingsFromJson(json, "s.json");
     return "ok " + std::to_string(s.allowListRules.size()) + "/" + std::to_string(s.denyListRules.size());
   } catch (const host::cli::UserError& e) {
@@ -31,56 +36,37 @@ std::string ReadSettings(const std::string& json) {
   }
 }
 
-TEST(SettingsFromJson, RefusesWithUserErrors) {
+TEST(SettingsDocuments, RefuseWithUserErrors) {
   const std::string head = R"({"mode":"AllowList","enforcement":"TestRules")";
+  const bool kRun = false, kScan = true;
   const struct {
+    bool scan;
     std::string json;
     std::string outcome;  // a prefix of the outcome
   } cases[] = {
-      {head + "}", "ok 0/0"},
-      {head + R"(,"denyListRules":[{"ruleName":"r","categoryName":"c","users":[]}]})", "ok 0/1"},
-      {head + R"(,"colour":1})", R"(error s.json: document: unknown key "colour")"},
-      {R"({"mode":"Sometimes","enforcement":"TestRules"})", "error s.json: document.mode: unknown value"},
-      {"[1", "error s.json: not a JSON document: "},
+      {kRun, head + "}", "ok 0/0"},
+      {kRun, head + R"(,"denyListRules":[{"ruleName":"r","categoryName":"c","users":[]}]})", "ok 0/1"},
+      {kRun, head + R"(,"colour":1})", R"(error s.json: document: unknown key "colour")"},
+      {kRun, R"({"mode":"Sometimes","enforcement":"TestRules"})", "error s.json: document.mode: unknown value"},
+      {kRun, "[1", "error s.json: not a JSON document: "},
       // Nesting beyond the parser's stack limit: refused like any bad text.
-      {Repeat("[", 1200), "error s.json: not a JSON document: "},
-      {head + R"(,"allowListRules":)" + Repeat("[", 1200), "error s.json: not a JSON document: "},
-  };
-  for (const auto& c : cases) {
-    const std::string outcome = ReadSettings(c.json);
-    EXPECT_EQ(outcome.substr(0, c.outcome.size()), c.outcome) << c.json.substr(0, 80);
-  }
-}
-
-// "ok <scan scopes>/<secondary scopes>" or "error <message>".
-std::string ReadScanSettings(const std::string& json) {
-  try {
-    const tov::settings::InventoryScanSettings s = host::cli::ScanSettingsFromJson(json, "scan.json");
-    return "ok " + std::to_string(s.scanScopes.size()) + "/" + std::to_string(s.secondaryScopes.size());
-  } catch (const host::cli::UserError& e) {
-    return std::string("error ") + e.what();
-  }
-}
-
-TEST(ScanSettingsFromJson, RefusesWithUserErrors) {
-  const struct {
-    std::string json;
-    std::string outcome;  // a prefix of the outcome
-  } cases[] = {
-      {R"({"scanScopes":[{"path":"/opt"},{"path":"/srv"}],"secondaryScopes":[{"path":"/opt/x"}]})", "ok 2/1"},
-      {R"({"goldenImageAction":"add"})", R"(error scan.json: document.goldenImageAction: unknown value "add")"},
-      {R"({"scanScopes":{}})", "error scan.json: scanScopes: expected an array"},
-      {R"({"scanScopes":[{"path":"/opt","depth":1}]})", R"(error scan.json: scanScopes[0]: unknown key "depth")"},
-      {R"({"executableBitEnabled":1})", "error scan.json: document.executableBitEnabled: expected true or false"},
-      {R"({"a":1,"a":2})", "error scan.json: not a JSON document: "},
+      {kRun, Repeat("[", 1200), "error s.json: not a JSON document: "},
+      {kRun, head + R"(,"allowListRules":)" + Repeat("[", 1200), "error s.json: not a JSON document: "},
+      {kScan, R"({"scanScopes":[{"path":"/opt"},{"path":"/srv"}],"secondaryScopes":[{"path":"/opt/x"}]})", "ok 2/1"},
+      {kScan, R"({"goldenImageAction":"add"})", R"(error scan.json: document.goldenImageAction: unknown value "add")"},
+      {kScan, R"({"scanScopes":{}})", "error scan.json: scanScopes: expected an array"},
+      {kScan, R"({"scanScopes":[{"path":"/opt","depth":1}]})", R"(error scan.json: scanScopes[0]: unknown key "depth")"},
+      {kScan, R"({"scanScopes":[{"masks":["*"]}]})", R"(error scan.json: scanScopes[0]: missing key "path")"},
+      {kScan, R"({"executableBitEnabled":1})", "error scan.json: document.executableBitEnabled: expected true or false"},
+      {kScan, R"({"a":1,"a":2})", "error scan.json: not a JSON document: "},
       // A path or mask the scope would keep cut at its NUL.
-      {R"({"secondaryScopes":[{"path":"\u0000/usr/bin"}]})", "error scan.json: secondaryScopes[0].path: a NUL"},
-      {R"({"scanScopes":[{"path":"/opt","masks":["a\u0000b"]}]})", "error scan.json: scanScopes[0].masks[0]: a NUL"},
-      {Repeat("[", 1200), "error scan.json: not a JSON document: "},
-      {R"({"scanScopes":)" + Repeat("[", 1200), "error scan.json: not a JSON document: "},
+      {kScan, R"({"secondaryScopes":[{"path":"\u0000/usr/bin"}]})", "error scan.json: secondaryScopes[0].path: a NUL"},
+      {kScan, R"({"scanScopes":[{"path":"/opt","masks":["a\u0000b"]}]})",
+       "error scan.json: scanScopes[0].masks[0]: a NUL"},
+      {kScan, R"({"scanScopes":)" + Repeat("[", 1200), "error scan.json: not a JSON document: "},
   };
   for (const auto& c : cases) {
-    const std::string outcome = ReadScanSettings(c.json);
+    const std::string outcome = Read(c.scan, c.json);
     EXPECT_EQ(outcome.substr(0, c.outcome.size()), c.outcome) << c.json.substr(0, 80);
   }
 }
