@@ -106,18 +106,18 @@ TEST_F(EntryTest, InterfaceZeroIsTheFirstInterfaceAndFacesShareOneCount) {
   ExpectAllReturned();
 }
 
-// The allocator refused by the locator comes back as the locator gave it;
-// refusing the block is OutOfMemory. Nothing is traced, nothing is kept.
+// The allocator refused by the locator comes back as the locator gave it,
+// untraced; refusing the block is OutOfMemory. Nothing is kept.
 TEST_F(EntryTest, CreationWithoutMemory) {
   auto factory = Factory(ac::kAppStartLogEventsDispatcherClassId);
-  allocator.FailAfter(0);
-  void* out = &out;
-  EXPECT_EQ(factory->CreateInstance(&locator, 0, &out), zel::result::OutOfMemory);
   locator.Refuse(zel::IAllocator::iid, zel::result::AccessDenied);
-  out = &out;
+  void* out = &out;
   EXPECT_EQ(factory->CreateInstance(&locator, 0, &out), zel::result::AccessDenied);
   EXPECT_EQ(out, &out);
   EXPECT_TRUE(tracer.Lines().empty());
+  locator.Allow(zel::IAllocator::iid);
+  allocator.FailAfter(0);
+  EXPECT_EQ(factory->CreateInstance(&locator, 0, &out), zel::result::OutOfMemory);
   factory.Reset();
   ExpectAllReturned();
 }
