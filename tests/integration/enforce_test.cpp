@@ -282,6 +282,9 @@ class EnforceTest : public ::testing::Test {
     bin = dir / "bin";
     fs::create_directories(dir / "other");
     fs::create_directory(bin);
+    blocked = Program("blocked", bin);
+    allowed = Program("allowed", bin);
+    unwatched = Program("blocked", dir / "other");
     events = dir / "events.jsonl";
     Write("categories.json", kCategories);
   }
@@ -317,6 +320,8 @@ class EnforceTest : public ::testing::Test {
   }
 
   fs::path dir, bin, events;
+  fs::path blocked, allowed;  // in bin, where the listener watches; only `blocked` is in the category
+  fs::path unwatched;         // a copy of `blocked` outside of it
   std::string mounted;
 };
 
@@ -324,8 +329,6 @@ class EnforceTest : public ::testing::Test {
 // answered, a program like these is gone before anything could look.
 TEST_F(EnforceTest, BlockedCopyFailsWithEpermAllowedAndUnwatchedOnesRunAndEveryReportNamesItsProcess) {
   REQUIRE_FANOTIFY();
-  const fs::path blocked = Program("blocked", bin), allowed = Program("allowed", bin);
-  const fs::path unwatched = Program("blocked", dir / "other");
   Acctl acctl(dir, Enforce(DenySettings()));
   ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
   EXPECT_THAT(acctl.Err(), HasSubstr("acctl: enforcing on 1 marks"));
@@ -366,7 +369,7 @@ TEST_F(EnforceTest, AStormOfStartsIsAccountedForWholeInTheCounters) {
   // short program's process ends while its event waits to be published:
   // once, describing it made the event vanish uncounted.
   REQUIRE_FANOTIFY();
-  const std::vector<fs::path> programs{Program("allowed", bin), Program("blocked", bin)};
+  const std::vector<fs::path> programs{allowed, blocked};
   struct Case {
     const char* name;
     std::vector<std::string> options;
@@ -423,8 +426,6 @@ TEST_F(EnforceTest, AProgramRunThroughTheDynamicLoaderIsDecidedLikeItsExec) {
   REQUIRE_FANOTIFY();
   const fs::path loader = DynamicLoader();
   REQUIRE(loader.empty() ? "no dynamic loader found" : "");
-  const fs::path blocked = Program("blocked", bin), allowed = Program("allowed", bin);
-  const fs::path unmarked = Program("blocked", dir / "other");
   Acctl acctl(dir, Enforce(DenySettings(), {"--json"}));
   ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
   const fs::path err = dir / "loader.err";
@@ -435,7 +436,7 @@ TEST_F(EnforceTest, AProgramRunThroughTheDynamicLoaderIsDecidedLikeItsExec) {
   } cases[] = {
       {{loader, blocked}, 127, "Operation not permitted"},
       {{loader, "--argv0", "x", allowed}, 0, ""},  // an option with a value before the program
-      {{loader, unmarked}, 0, ""},                  // not on a mark
+      {{loader, unwatched}, 0, ""},                 // not on a mark
       {{loader}, 1, "missing program name"},        // no program at all
       {{"/bin/cat", blocked}, 0, ""},               // a plain open of a marked program
   };
@@ -474,7 +475,6 @@ TEST_F(EnforceTest, GoldenImageAllowListRunsOnlyTheImagesContent) {
 
 TEST_F(EnforceTest, TestModeLetsEverythingRunAndSighupSwitchesARuleOnForTheNextStartUnlessTheFileIsBad) {
   REQUIRE_FANOTIFY();
-  const fs::path blocked = Program("blocked", bin), allowed = Program("allowed", bin);
   Acctl acctl(dir, Enforce(DenySettings("TestRules")));
   ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
   EXPECT_EQ(Start(blocked).exitCode, 0) << "test mode";
@@ -506,7 +506,6 @@ TEST_F(EnforceTest, TestModeLetsEverythingRunAndSighupSwitchesARuleOnForTheNextS
 
 TEST_F(EnforceTest, StartNotDecidedInTimeIsAnsweredByThePolicy) {
   REQUIRE_FANOTIFY();
-  const fs::path allowed = Program("allowed", bin);
   for (const bool deny : {true, false}) {
     SCOPED_TRACE(deny ? "deny" : "allow");
     Acctl acctl(dir, Enforce(DenySettings(), {"--decision-delay", "2000", "--decision-timeout", "50",
@@ -526,7 +525,6 @@ TEST_F(EnforceTest, StartsBeyondTheBusyDecidingThreadsAreTakenAtOnceAndDecided) 
   // Each decision is held 2 s: the first starts keep the threads that decide
   // where they read busy, so the others must be taken by the overflow reader
   // (each is traced as held when read) and decided by the pool.
-  const fs::path blocked = Program("blocked", bin), allowed = Program("allowed", bin);
   Acctl acctl(dir, Enforce(DenySettings(), {"--decision-delay", "2000", "--decision-timeout", "60000"}, true));
   ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
   std::vector<std::unique_ptr<Proc>> children;
@@ -550,7 +548,6 @@ TEST_F(EnforceTest, ListenerEndingWithAStartHeldLeavesItAndLaterStartsRunnable) 
   // the listener ends; after SIGKILL the kernel allows what the closed group
   // held. Either way no mark outlives the listener.
   REQUIRE_FANOTIFY();
-  const fs::path blocked = Program("blocked", bin);
   for (const int sig : {SIGTERM, SIGKILL}) {
     SCOPED_TRACE(sig);
     Acctl acctl(dir, Enforce(DenySettings(), {"--decision-delay", "60000", "--decision-timeout", "120000"}, true));
@@ -569,7 +566,6 @@ TEST_F(EnforceTest, ListenerEndingWithAStartHeldLeavesItAndLaterStartsRunnable) 
 
 TEST_F(EnforceTest, StartWhoseProgramOrProcessIsGoneBeforeTheDecisionIsStillAnswered) {
   REQUIRE_FANOTIFY();
-  const fs::path blocked = Program("blocked", bin);
   Acctl acctl(dir, Enforce(DenySettings(), {"--decision-delay", "300", "--decision-timeout", "60000"}, true));
   ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
 
@@ -586,7 +582,6 @@ TEST_F(EnforceTest, StartWhoseProgramOrProcessIsGoneBeforeTheDecisionIsStillAnsw
   }
   // The process is killed while its start waits: decided and reported all
   // the same, without its user.
-  const fs::path allowed = Program("allowed", bin);
   pid_t pid = 0;
   {
     Proc held({allowed});
@@ -615,14 +610,14 @@ TEST_F(EnforceTest, MountMarkHoldsStartsAnywhereOnThatMount) {
               : "");
   mounted = mnt.string();
   fs::create_directories(mnt / "deep" / "er");
-  const fs::path blocked = Program("blocked", mnt / "deep" / "er"), allowed = Program("allowed", mnt);
+  const fs::path deep = Program("blocked", mnt / "deep" / "er"), top = Program("allowed", mnt);
   std::vector<std::string> args = Enforce(DenySettings());
   args.back() = (mnt / "deep").string();  // --mount instead of --watch
   args.end()[-2] = "--mount";
   Acctl acctl(dir, args);
   ASSERT_TRUE(acctl.WaitReady()) << acctl.Err();
-  EXPECT_EQ(Start(blocked).execError, EPERM) << "below the marked path, in a subdirectory";
-  EXPECT_EQ(Start(allowed).exitCode, 0);
+  EXPECT_EQ(Start(deep).execError, EPERM) << "below the marked path, in a subdirectory";
+  EXPECT_EQ(Start(top).exitCode, 0);
   EXPECT_EQ(acctl.Stop(), 0) << acctl.Err();
   EXPECT_THAT(acctl.Err(), HasSubstr("decided 2, allowed 1, blocked 1"));
 }
