@@ -9,11 +9,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "engine_test_support.h"
 #include "host/engine/bounded_queue.h"
 #include "host/engine/enforce_counters.h"
 #include "host/engine/fanotify_listener.h"
@@ -115,22 +115,8 @@ TEST(EnforceCountersTest, TextAndJsonNameEveryCounterInOrder) {
             "\"memfdExec\":12}");
 }
 
-class ProcFilesTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/enforce_proc_XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    root = pattern;
-  }
-  void TearDown() override { fs::remove_all(root); }
-  void Status(int pid, const std::string& text) {
-    fs::create_directories(root / std::to_string(pid));
-    std::ofstream(root / std::to_string(pid) / "status") << text;
-  }
-  fs::path root;
-};
-
-TEST_F(ProcFilesTest, IdentityIsTheRealUidAndTheParentReadAlikeByPathAndByTheProbe) {
+TEST(ProcFilesTest, IdentityIsTheRealUidAndTheParentReadAlikeByPathAndByTheProbe) {
+  const engine_test::ScratchDir root;
   const struct {
     const char* what;
     const char* status;  // nullptr: no such process
@@ -144,13 +130,13 @@ TEST_F(ProcFilesTest, IdentityIsTheRealUidAndTheParentReadAlikeByPathAndByThePro
   };
   // Over a copy of /proc the probe reads the files: a pidfd would describe
   // the real process of that pid, not the copy's.
-  const host::engine::StartProbe probe(root.string());
+  const host::engine::StartProbe probe(root.Path());
   EXPECT_FALSE(probe.UsesPidfd());
   int pid = 7;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    if (++pid; c.status != nullptr) Status(pid, c.status);
-    for (const auto& identity : {host::engine::ReadProcessIdentity(root.string(), static_cast<std::uint32_t>(pid)),
+    if (++pid; c.status != nullptr) root.Write(std::to_string(pid) + "/status", c.status);
+    for (const auto& identity : {host::engine::ReadProcessIdentity(root.Path(), static_cast<std::uint32_t>(pid)),
                                  probe.Identity(static_cast<std::uint32_t>(pid))}) {
       ASSERT_EQ(identity.has_value(), c.uid >= 0);
       if (identity) {
@@ -161,7 +147,7 @@ TEST_F(ProcFilesTest, IdentityIsTheRealUidAndTheParentReadAlikeByPathAndByThePro
   }
 }
 
-TEST_F(ProcFilesTest, OwnProcessIsTheSameThroughProcAndThroughItsPidfd) {
+TEST(ProcFilesTest, OwnProcessIsTheSameThroughProcAndThroughItsPidfd) {
   const auto self = static_cast<std::uint32_t>(::getpid());
   const auto identity = host::engine::ReadProcessIdentity("/proc", self);
   ASSERT_TRUE(identity);
@@ -194,11 +180,9 @@ TEST_F(ProcFilesTest, OwnProcessIsTheSameThroughProcAndThroughItsPidfd) {
   EXPECT_FALSE(unsupported);
 }
 
-TEST_F(ProcFilesTest, DescriptorPathLosesTheDeletedMarkOnlyWhenTheFileIsGone) {
-  const fs::path file = root / "prog";
-  const fs::path oddName = root / "prog (deleted)";
-  std::ofstream(file) << "x";
-  std::ofstream(oddName) << "y";
+TEST(ProcFilesTest, DescriptorPathLosesTheDeletedMarkOnlyWhenTheFileIsGone) {
+  const engine_test::ScratchDir root;
+  const fs::path file = root.Write("prog", "x"), oddName = root.Write("prog (deleted)", "y");
   const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
   const int oddFd = ::open(oddName.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
