@@ -30,9 +30,7 @@ TEST(BoundedQueueTest, FullQueueDropsAndCountsWithoutWaiting) {
   EXPECT_EQ(queue.Size(), 3u);
   EXPECT_EQ(queue.Pop(), 0);
   EXPECT_TRUE(queue.Push(9)) << "room again after a pop";
-  EXPECT_EQ(queue.Pop(), 1);
-  EXPECT_EQ(queue.Pop(), 2);
-  EXPECT_EQ(queue.Pop(), 9);
+  for (int want : {1, 2, 9}) EXPECT_EQ(queue.Pop(), want);
 }
 
 TEST(BoundedQueueTest, CloseHandsOutWhatIsLeftThenEndsRefusesMoreAndWakesAWaitingConsumer) {
@@ -95,10 +93,7 @@ TEST(BoundedQueueTest, PushWithoutWakeSaysWhenTheWaitingConsumerMustBeWoken) {
   if (wake) queue.Wake();
   consumer.join();
   EXPECT_EQ(got, 2);
-  queue.PushWithoutWake(3, &wake);
-  queue.PushWithoutWake(4, &wake);
-  queue.PushWithoutWake(5, &wake);
-  queue.PushWithoutWake(6, &wake);
+  for (int i = 3; i <= 6; ++i) queue.PushWithoutWake(i, &wake);
   EXPECT_FALSE(queue.PushWithoutWake(7, &wake)) << "full";
   EXPECT_FALSE(wake);
   EXPECT_EQ(queue.Dropped(), 1u);
