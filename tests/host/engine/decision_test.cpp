@@ -34,12 +34,14 @@ TEST(FileFacts, HashNameAndUnreadableFile) {
 }
 
 TEST(CategoryMatcher, StringOperationsTable) {
-  FileFacts facts{"/opt/app/bin/tool", "tool", kHelloSha256, false};
+  const FileFacts facts{"/opt/app/bin/tool", "tool", kHelloSha256, false};
+  const FileFacts unhashed{"/x/tool", "tool", "", false};  // the file could not be read
   struct Case {
     CategoryFileInfoField field;
     CategoryStringOperation op;
     const char* value;
     bool match;
+    const FileFacts* of = nullptr;  // else `facts`
   };
   const Case cases[] = {
       {CategoryFileInfoField::FileHash, CategoryStringOperation::Equal, kHelloSha256, true},
@@ -63,21 +65,15 @@ TEST(CategoryMatcher, StringOperationsTable) {
       {CategoryFileInfoField::FilePath, CategoryStringOperation::RegExp, "/opt/[a-z]+", false},  // whole text only
       {CategoryFileInfoField::FilePath, CategoryStringOperation::RegExp, "x|/opt/app/bin/tool", true},  // both sides anchored
       {CategoryFileInfoField::CertificateIssuer, CategoryStringOperation::NotEqual, "x", false},  // not observed
+      // Without a readable file no hash criterion matches, not even "!=".
+      {CategoryFileInfoField::FileHash, CategoryStringOperation::NotEqual, "0", false, &unhashed},
   };
   for (const Case& c : cases) {
     host::engine::CategoryList all;
-    all.push_back(MakeCategory(1, "c", {} ));
-    all[0].Include.push_back(Criterion(FileInfo(c.field, c.op, c.value)));
-    EXPECT_EQ(host::engine::CategoryMatches(all[0], all, facts), c.match)
+    all.push_back(MakeCategory(1, "c", {FileInfo(c.field, c.op, c.value)}));
+    EXPECT_EQ(host::engine::CategoryMatches(all[0], all, c.of != nullptr ? *c.of : facts), c.match)
         << "field " << static_cast<int>(c.field) << " op " << static_cast<int>(c.op) << " value " << c.value;
   }
-
-  // Without a readable file no hash criterion matches, not even "!=".
-  FileFacts unhashed{"/x/tool", "tool", "", false};
-  host::engine::CategoryList all;
-  all.push_back(MakeCategory(1, "c", {}));
-  all[0].Include.push_back(Criterion(FileInfo(CategoryFileInfoField::FileHash, CategoryStringOperation::NotEqual, "0")));
-  EXPECT_FALSE(host::engine::CategoryMatches(all[0], all, unhashed));
 }
 
 TEST(CategoryMatcher, ExcludeLinksAndStorage) {

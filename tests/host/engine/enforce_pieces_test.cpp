@@ -9,11 +9,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "engine_test_support.h"
 #include "host/engine/bounded_queue.h"
 #include "host/engine/enforce_counters.h"
 #include "host/engine/fanotify_listener.h"
@@ -30,12 +30,10 @@ TEST(BoundedQueueTest, FullQueueDropsAndCountsWithoutWaiting) {
   EXPECT_EQ(queue.Size(), 3u);
   EXPECT_EQ(queue.Pop(), 0);
   EXPECT_TRUE(queue.Push(9)) << "room again after a pop";
-  EXPECT_EQ(queue.Pop(), 1);
-  EXPECT_EQ(queue.Pop(), 2);
-  EXPECT_EQ(queue.Pop(), 9);
+  for (int want : {1, 2, 9}) EXPECT_EQ(queue.Pop(), want);
 }
 
-TEST(BoundedQueueTest, CloseHandsOutWhatIsLeftThenEndsAndRefusesMore) {
+TEST(BoundedQueueTest, CloseHandsOutWhatIsLeftThenEndsRefusesMoreAndWakesAWaitingConsumer) {
   BoundedQueue<std::string> queue(8);
   queue.Push("a");
   queue.Push("b");
@@ -45,13 +43,11 @@ TEST(BoundedQueueTest, CloseHandsOutWhatIsLeftThenEndsAndRefusesMore) {
   EXPECT_EQ(queue.Pop(), "a");
   EXPECT_EQ(queue.Pop(), "b");
   EXPECT_EQ(queue.Pop(), std::nullopt);
-}
 
-TEST(BoundedQueueTest, CloseWakesAWaitingConsumer) {
-  BoundedQueue<int> queue(1);
+  BoundedQueue<int> empty(1);
   std::optional<int> got = 42;
-  std::thread consumer([&] { got = queue.Pop(); });
-  queue.Close();
+  std::thread consumer([&] { got = empty.Pop(); });
+  empty.Close();
   consumer.join();
   EXPECT_EQ(got, std::nullopt);
 }
@@ -97,29 +93,14 @@ TEST(BoundedQueueTest, PushWithoutWakeSaysWhenTheWaitingConsumerMustBeWoken) {
   if (wake) queue.Wake();
   consumer.join();
   EXPECT_EQ(got, 2);
-  queue.PushWithoutWake(3, &wake);
-  queue.PushWithoutWake(4, &wake);
-  queue.PushWithoutWake(5, &wake);
-  queue.PushWithoutWake(6, &wake);
+  for (int i = 3; i <= 6; ++i) queue.PushWithoutWake(i, &wake);
   EXPECT_FALSE(queue.PushWithoutWake(7, &wake)) << "full";
   EXPECT_FALSE(wake);
   EXPECT_EQ(queue.Dropped(), 1u);
 }
 
 TEST(EnforceCountersTest, TextAndJsonNameEveryCounterInOrder) {
-  host::engine::EnforceCountersSnapshot c;
-  c.decided = 1;
-  c.allowed = 2;
-  c.blocked = 3;
-  c.testMode = 4;
-  c.timedOut = 5;
-  c.undecided = 6;
-  c.dropped = 7;
-  c.hashCacheHits = 8;
-  c.starts = 9;
-  c.published = 10;
-  c.publishFailed = 11;
-  c.memfdExec = 12;
+  const host::engine::EnforceCountersSnapshot c{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
   EXPECT_EQ(host::engine::FormatCountersText(c),
             "decided 1, allowed 2, blocked 3, test-mode 4, timed out 5, undecided 6, events dropped 7, "
             "hash-cache hits 8, starts 9, published 10, publish failed 11, memfd exec 12");
@@ -129,38 +110,39 @@ TEST(EnforceCountersTest, TextAndJsonNameEveryCounterInOrder) {
             "\"memfdExec\":12}");
 }
 
-class ProcFilesTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/enforce_proc_XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    root = pattern;
+TEST(ProcFilesTest, IdentityIsTheRealUidAndTheParentReadAlikeByPathAndByTheProbe) {
+  const engine_test::ScratchDir root;
+  const struct {
+    const char* what;
+    const char* status;  // nullptr: no such process
+    int uid, ppid;       // -1: no identity
+  } cases[] = {
+      {"real uid and parent", "Name:\tsh\nPPid:\t3\nTracerPid:\t0\nUid:\t1000\t0\t0\t0\nGid:\t1000\t1000\t1000\t1000\n",
+       1000, 3},
+      {"no such process", nullptr, -1, -1},
+      {"no Uid line", "Name:\tsh\nPPid:\t1\n", -1, -1},
+      {"a Uid that is not a number", "Name:\tsh\nUid:\tx\t0\nPPid:\t1\n", -1, -1},
+  };
+  // Over a copy of /proc the probe reads the files: a pidfd would describe
+  // the real process of that pid, not the copy's.
+  const host::engine::StartProbe probe(root.Path());
+  EXPECT_FALSE(probe.UsesPidfd());
+  int pid = 7;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    if (++pid; c.status != nullptr) root.Write(std::to_string(pid) + "/status", c.status);
+    for (const auto& identity : {host::engine::ReadProcessIdentity(root.Path(), static_cast<std::uint32_t>(pid)),
+                                 probe.Identity(static_cast<std::uint32_t>(pid))}) {
+      ASSERT_EQ(identity.has_value(), c.uid >= 0);
+      if (identity) {
+        EXPECT_EQ(identity->uid, static_cast<std::uint32_t>(c.uid));
+        EXPECT_EQ(identity->ppid, static_cast<std::uint32_t>(c.ppid));
+      }
+    }
   }
-  void TearDown() override { fs::remove_all(root); }
-  void Status(int pid, const std::string& text) {
-    fs::create_directories(root / std::to_string(pid));
-    std::ofstream(root / std::to_string(pid) / "status") << text;
-  }
-  fs::path root;
-};
-
-TEST_F(ProcFilesTest, IdentityIsTheRealUidAndTheParent) {
-  Status(7, "Name:\tsh\nPPid:\t3\nTracerPid:\t0\nUid:\t1000\t0\t0\t0\nGid:\t1000\t1000\t1000\t1000\n");
-  const auto identity = host::engine::ReadProcessIdentity(root.string(), 7);
-  ASSERT_TRUE(identity);
-  EXPECT_EQ(identity->uid, 1000u);
-  EXPECT_EQ(identity->ppid, 3u);
 }
 
-TEST_F(ProcFilesTest, GoneOrTruncatedProcessHasNoIdentity) {
-  EXPECT_FALSE(host::engine::ReadProcessIdentity(root.string(), 8)) << "no such process";
-  Status(9, "Name:\tsh\nPPid:\t1\n");
-  EXPECT_FALSE(host::engine::ReadProcessIdentity(root.string(), 9)) << "no Uid line";
-  Status(10, "Name:\tsh\nUid:\tx\t0\nPPid:\t1\n");
-  EXPECT_FALSE(host::engine::ReadProcessIdentity(root.string(), 10)) << "a Uid that is not a number";
-}
-
-TEST_F(ProcFilesTest, OwnProcessIsTheSameThroughProcAndThroughItsPidfd) {
+TEST(ProcFilesTest, OwnProcessIsTheSameThroughProcAndThroughItsPidfd) {
   const auto self = static_cast<std::uint32_t>(::getpid());
   const auto identity = host::engine::ReadProcessIdentity("/proc", self);
   ASSERT_TRUE(identity);
@@ -193,21 +175,9 @@ TEST_F(ProcFilesTest, OwnProcessIsTheSameThroughProcAndThroughItsPidfd) {
   EXPECT_FALSE(unsupported);
 }
 
-TEST_F(ProcFilesTest, ProbeOverACopyOfProcReadsItsFiles) {
-  Status(7, "Name:\tsh\nPPid:\t3\nUid:\t1000\t0\t0\t0\n");
-  const host::engine::StartProbe probe(root.string());
-  EXPECT_FALSE(probe.UsesPidfd()) << "a pidfd would describe the real process 7, not the copy's";
-  const auto identity = probe.Identity(7);
-  ASSERT_TRUE(identity);
-  EXPECT_EQ(identity->uid, 1000u);
-  EXPECT_EQ(identity->ppid, 3u);
-}
-
-TEST_F(ProcFilesTest, DescriptorPathLosesTheDeletedMarkOnlyWhenTheFileIsGone) {
-  const fs::path file = root / "prog";
-  const fs::path oddName = root / "prog (deleted)";
-  std::ofstream(file) << "x";
-  std::ofstream(oddName) << "y";
+TEST(ProcFilesTest, DescriptorPathLosesTheDeletedMarkOnlyWhenTheFileIsGone) {
+  const engine_test::ScratchDir root;
+  const fs::path file = root.Write("prog", "x"), oddName = root.Write("prog (deleted)", "y");
   const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
   const int oddFd = ::open(oddName.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
@@ -236,10 +206,6 @@ TEST_F(ProcFilesTest, DescriptorPathLosesTheDeletedMarkOnlyWhenTheFileIsGone) {
   ::close(fd);
   ::close(oddFd);
 }
-
-}  // namespace
-
-namespace {
 
 TEST(LoaderProgramTest, TheFirstOperandAfterTheLoadersOptions) {
   using namespace std::string_view_literals;

@@ -70,6 +70,10 @@ TEST_F(EngineTest, CreatorChecksClassAndHolder) {
             zel::result::SettingsAreRequired);
   EXPECT_EQ(services.creator.CreateObject(app_ctrl::kEacTaskClassId, 0x0BADF00D, nullptr, &holder, 0, &out),
             zel::result::InterfaceNotSupported);
+  services.engine.FailCreate(kRefused);
+  zel::result_t r = 0;
+  EXPECT_FALSE(CreateTask(settings, &r));
+  EXPECT_EQ(r, kRefused);
   EXPECT_EQ(services.engine.LiveTasks(), 0u);  // the task refused by its iid is gone again
 }
 
@@ -100,7 +104,10 @@ TEST_F(EngineTest, TaskHoldsACopyOfItsRulesAndTakesNewOnes) {
   EXPECT_EQ(services.engine.LiveTasks(), 0u);
 }
 
-TEST_F(EngineTest, DeliversDecisionsOnTheEngineThread) {
+TEST_F(EngineTest, DeliversDecisionsOnTheEngineThreadToEverySinkEvenPastOneThatThrows) {
+  RecordingSink thrower;
+  thrower.m_throw = true;
+  ASSERT_EQ(services.engine.Subscribe(&thrower), 0);
   ASSERT_EQ(services.engine.Subscribe(&sink), 0);
   zel::RefPtr<ITask> task = CreateTask(BlockToolsSettings());
   ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, 0}), zel::result::NotReady);
@@ -109,7 +116,13 @@ TEST_F(EngineTest, DeliversDecisionsOnTheEngineThread) {
 
   ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, static_cast<std::uint32_t>(::getpid())}), 0);
   ASSERT_EQ(services.engine.SubmitProgramStart({other, 0, 0}), 0);
+  services.engine.SubmitFailSafeModeBoot();
+  services.engine.SubmitOfflineHistoryLost();
   ASSERT_TRUE(services.engine.WaitIdleFor(kIdleTimeout));
+  EXPECT_EQ(thrower.Calls().size(), 2u);
+  EXPECT_EQ(services.engine.SinkExceptions(), 2u);
+  EXPECT_EQ(sink.m_failSafe.load(), 1);
+  EXPECT_EQ(sink.m_historyLost.load(), 1);
 
   const auto calls = sink.Calls();
   ASSERT_EQ(calls.size(), 2u);
@@ -129,40 +142,6 @@ TEST_F(EngineTest, DeliversDecisionsOnTheEngineThread) {
   EXPECT_EQ(calls[1].verdict, 1);
   EXPECT_TRUE(calls[1].category.categoryName.empty());
 
-  // Paused: nothing is decided; resumed: decisions again.
-  ASSERT_EQ(task->Pause(), 0);
-  EXPECT_LT(services.engine.SubmitProgramStart({tool, 0, 0}), 0);
-  ASSERT_EQ(task->Resume(), 0);
-
-  ASSERT_EQ(services.engine.Unsubscribe(&sink), 0);
-  EXPECT_EQ(services.engine.Unsubscribe(&sink), zel::result::NotFound);
-  ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, 0}), 0);
-  ASSERT_TRUE(services.engine.WaitIdleFor(kIdleTimeout));
-  EXPECT_EQ(sink.Calls().size(), 2u);
-  EXPECT_EQ(services.engine.Decisions().size(), 3u);
-  EXPECT_EQ(sink.OutstandingRefs(), 0);  // the engine let go of the sink
-
-  ASSERT_EQ(task->Stop(), 0);
-  EXPECT_FALSE(services.engine.IsStarted());
-}
-
-TEST_F(EngineTest, ThrowingSinkDoesNotStopTheOthers) {
-  RecordingSink thrower;
-  thrower.m_throw = true;
-  ASSERT_EQ(services.engine.Subscribe(&thrower), 0);
-  ASSERT_EQ(services.engine.Subscribe(&sink), 0);
-  zel::RefPtr<ITask> task = CreateTask(BlockToolsSettings());
-  ASSERT_EQ(task->Start(1, nullptr), 0);
-  ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, 0}), 0);
-  services.engine.SubmitFailSafeModeBoot();
-  services.engine.SubmitOfflineHistoryLost();
-  ASSERT_TRUE(services.engine.WaitIdleFor(kIdleTimeout));
-  EXPECT_EQ(thrower.Calls().size(), 1u);
-  EXPECT_EQ(sink.Calls().size(), 1u);
-  EXPECT_EQ(services.engine.SinkExceptions(), 1u);
-  EXPECT_EQ(sink.m_failSafe.load(), 1);
-  EXPECT_EQ(sink.m_historyLost.load(), 1);
-
   // Reported by hand, the first failure comes back, and every sink is told:
   // the publisher counts a decision some sink didn't take.
   const host::engine::ProgramDecision decision = services.engine.Decisions().front();
@@ -172,21 +151,28 @@ TEST_F(EngineTest, ThrowingSinkDoesNotStopTheOthers) {
   ASSERT_EQ(services.engine.Unsubscribe(&thrower), 0);
   ASSERT_EQ(services.engine.Subscribe(&refuser), 0);
   EXPECT_EQ(services.engine.Report(decision), zel::result::AccessDenied);
-  EXPECT_EQ(sink.Calls().size(), 3u);
+  EXPECT_EQ(sink.Calls().size(), 4u);
   ASSERT_EQ(services.engine.Unsubscribe(&refuser), 0);
   EXPECT_EQ(services.engine.Report(decision), 0);
+
+  // Paused: nothing is decided; resumed: decisions again.
+  ASSERT_EQ(task->Pause(), 0);
+  EXPECT_LT(services.engine.SubmitProgramStart({tool, 0, 0}), 0);
+  ASSERT_EQ(task->Resume(), 0);
+
+  ASSERT_EQ(services.engine.Unsubscribe(&sink), 0);
+  EXPECT_EQ(services.engine.Unsubscribe(&sink), zel::result::NotFound);
+  ASSERT_EQ(services.engine.SubmitProgramStart({tool, 0, 0}), 0);
+  ASSERT_TRUE(services.engine.WaitIdleFor(kIdleTimeout));
+  EXPECT_EQ(sink.Calls().size(), 5u);
+  EXPECT_EQ(services.engine.Decisions().size(), 3u);
+  for (RecordingSink* s : {&sink, &thrower, &refuser}) EXPECT_EQ(s->OutstandingRefs(), 0);  // the engine let go
+
   ASSERT_EQ(task->Stop(), 0);
-  services.engine.Unsubscribe(&sink);
+  EXPECT_FALSE(services.engine.IsStarted());
 }
 
-TEST_F(EngineTest, FaultInjection) {
-  zel::result_t r = 0;
-  services.engine.FailCreate(kRefused);
-  EXPECT_FALSE(CreateTask(BlockToolsSettings(), &r));
-  EXPECT_EQ(r, kRefused);
-  EXPECT_EQ(services.engine.LiveTasks(), 0u);
-  services.engine.FailCreate(0);
-
+TEST_F(EngineTest, FailedStartOrStopChangesNothingAndOneTaskRunsAtATime) {
   zel::RefPtr<ITask> task = CreateTask(BlockToolsSettings());
   services.engine.FailStart(kRefused);
   EXPECT_EQ(task->Start(1, nullptr), kRefused);

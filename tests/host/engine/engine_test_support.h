@@ -3,8 +3,6 @@
 // records, scratch files, and a recording event sink.
 #pragma once
 
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
@@ -21,6 +19,7 @@
 #include "tov_common/categories/category_types.h"
 #include "zel/serialization/ser_obj_descriptor.h"
 #include "zel/strings/conversions.h"
+#include "support/temp_tree.h"
 
 namespace engine_test {
 
@@ -96,23 +95,15 @@ inline app_ctrl::EngineRule Rule(std::uint8_t category, std::uint32_t status, st
 }
 
 // A directory of scratch files that goes away with the object.
-class ScratchDir {
+class ScratchDir : public testsupport::TempDir {
  public:
-  ScratchDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "engine_test.XXXXXX").string();
-    m_path = ::mkdtemp(pattern.data());
-  }
-  ~ScratchDir() { std::filesystem::remove_all(m_path); }
   std::string Write(const std::string& relative, const std::string& content) const {
-    const std::filesystem::path p = std::filesystem::path(m_path) / relative;
+    const std::filesystem::path p = std::filesystem::path(path()) / relative;
     std::filesystem::create_directories(p.parent_path());
     std::ofstream(p, std::ios::binary) << content;
     return p.string();
   }
-  const std::string& Path() const { return m_path; }
-
- private:
-  std::string m_path;
+  const std::string& Path() const { return path(); }
 };
 
 // Records every call and the thread it came on; may be told to throw.

@@ -71,20 +71,44 @@ TEST_F(InventoryModuleTest, HashIdPathAndNameOfHostFiles) {
 }
 
 TEST_F(InventoryModuleTest, CopiesAtTwoPathsAreTwoRecordsAndAFileKeepsItsIdUntilChanged) {
-  const std::string a = dir.Write("a/tool", "same content"), b = dir.Write("b/tool", "same content");
-  const std::string c = dir.Write("c/tool", "other content");
-  tov::ApplicationInfo ia, ib, ic, same, again;
-  for (auto [path, info] : {std::pair{a, &ia}, {b, &ib}, {c, &ic}, {a, &same}}) ASSERT_EQ(Inventory(path, *info), 0);
-  EXPECT_EQ(N(ia.fileHash), N(ib.fileHash));
-  EXPECT_NE(ia.id, ib.id) << "one content at two paths";
-  EXPECT_NE(ia.id, ic.id);
-  EXPECT_EQ(same.id, ia.id) << "an unchanged file, scanned again";
+  for (const bool hashing : {true, false}) {
+    SCOPED_TRACE(hashing ? "content hashed" : "identity stamp instead");
+    engine.SetContentHashing(hashing);
+    const std::uint64_t hashed = engine.HashesComputed();
+    const std::string at = hashing ? "hashed/" : "stamped/";
+    const std::string a = dir.Write(at + "a/tool", "same content"), b = dir.Write(at + "b/tool", "same content");
+    const std::string c = dir.Write(at + "c/tool", "other content");
+    tov::ApplicationInfo ia, ib, ic, same, again;
+    for (auto [path, info] : {std::pair{a, &ia}, {b, &ib}, {c, &ic}, {a, &same}}) ASSERT_EQ(Inventory(path, *info), 0);
+    EXPECT_EQ(ia.fileHash.view() == ib.fileHash.view(), hashing) << "a stamp is of the file, not of its content";
+    EXPECT_EQ(ia.id, host::engine::IdForFile(N(ia.fileHash), a));
+    EXPECT_NE(ia.id, ib.id) << "one content at two paths";
+    EXPECT_NE(ia.id, ic.id);
+    EXPECT_EQ(same.id, ia.id) << "an unchanged file, scanned again";
+    EXPECT_EQ(same.fileHash.view(), ia.fileHash.view());
+    // Files made one after the other have neighbouring inodes; their ids must
+    // still fall apart in the store's key order, as real hashes' do.
+    EXPECT_GT(ia.id > ib.id ? ia.id - ib.id : ib.id - ia.id, 1u << 20);
 
-  // Rewritten in place with c's content: a new id, still not c's.
-  dir.Write("a/tool", "other content");
-  ASSERT_EQ(Inventory(a, again), 0);
-  EXPECT_NE(again.id, ia.id);
-  EXPECT_NE(again.id, ic.id);
+    // Rewritten in place with c's content: a new version, still not c's
+    // record (and, by its hash, a new id).
+    dir.Write(at + "a/tool", "other content");
+    ASSERT_EQ(Inventory(a, again), 0);
+    EXPECT_NE(again.fileHash.view(), ia.fileHash.view());
+    EXPECT_NE(again.id, ic.id);
+    if (hashing) {
+      EXPECT_NE(again.id, ia.id);
+      continue;
+    }
+    EXPECT_EQ(engine.HashesComputed(), hashed) << "nothing read with hashing off";
+    // The stand-in is the file's identity, the inode (mixed) first, then the device and the size.
+    struct stat st {};
+    ASSERT_EQ(::stat(b.c_str(), &st), 0);
+    const std::string stamp = N(ib.fileHash);
+    ASSERT_EQ(stamp.size(), 64u);
+    EXPECT_EQ(std::stoull(stamp.substr(16, 16), nullptr, 16), static_cast<std::uint64_t>(st.st_dev));
+    EXPECT_EQ(std::stoull(stamp.substr(32, 16), nullptr, 16), 12u);
+  }
 }
 
 TEST_F(InventoryModuleTest, BareStreamIsHashedFromItsStartWithoutPath) {
@@ -253,36 +277,6 @@ TEST_F(InventoryModuleTest, DecisionsAndScansShareOneCacheThatMissesChangedFiles
   EXPECT_TRUE(missing.facts.sha256.empty());
   EXPECT_EQ(missing.facts.name, "missing");
   EXPECT_EQ(engine.HashesComputed(), base + 2);
-}
-
-TEST_F(InventoryModuleTest, WithoutContentHashingEachFileKeepsAnIdOfItsOwn) {
-  engine.SetContentHashing(false);
-  const std::string a = dir.Write("a", "same content");
-  const std::string b = dir.Write("b", "same content");
-  tov::ApplicationInfo ia, ib;
-  ASSERT_EQ(Inventory(a, ia), 0);
-  ASSERT_EQ(Inventory(b, ib), 0);
-  EXPECT_EQ(engine.HashesComputed(), 0u);
-
-  // The stand-in is the file's identity, the inode (mixed) first; the id
-  // is made from it as from a hash.
-  struct stat st {};
-  ASSERT_EQ(::stat(a.c_str(), &st), 0);
-  const std::string stamp = N(ia.fileHash);
-  ASSERT_EQ(stamp.size(), 64u);
-  EXPECT_EQ(std::stoull(stamp.substr(16, 16), nullptr, 16), static_cast<std::uint64_t>(st.st_dev));
-  EXPECT_EQ(std::stoull(stamp.substr(32, 16), nullptr, 16), 12u);
-  EXPECT_EQ(ia.id, host::engine::IdForFile(stamp, a));
-  // Two files of one file system: two records, however alike.
-  EXPECT_NE(ia.id, ib.id);
-  EXPECT_NE(ia.fileHash.view(), ib.fileHash.view());
-  // Files made one after the other have neighbouring inodes; their ids must
-  // still fall apart in the store's key order, as real hashes' do.
-  const std::uint64_t gap = ia.id > ib.id ? ia.id - ib.id : ib.id - ia.id;
-  EXPECT_GT(gap, 1u << 20);
-  // The same file version keeps its stand-in.
-  ASSERT_EQ(Inventory(a, ib), 0);
-  EXPECT_EQ(ib.fileHash.view(), ia.fileHash.view());
 }
 
 }  // namespace

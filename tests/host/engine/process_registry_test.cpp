@@ -104,6 +104,9 @@ TEST(ProcessRegistry, ParsesCommandNamesWithParenthesesAndBlanks) {
   ScratchDir proc;
   proc.Write("42/stat", StatLine(42, "we ird) (name", 7, 123456));
   proc.Write("7/stat", StatLine(7, "init", 0, 99));
+  // A read that fails after the open succeeded, as /proc/PID/cmdline of a
+  // process that has just ended does (ESRCH): a directory fails with EISDIR.
+  std::filesystem::create_directories(std::filesystem::path(proc.Path()) / "7" / "cmdline");
   host::ProcessRegistry registry(proc.Path());
 
   std::uint64_t id = 0;
@@ -116,10 +119,11 @@ TEST(ProcessRegistry, ParsesCommandNamesWithParenthesesAndBlanks) {
   EXPECT_EQ(d.parentUniqueId, (99ull << 22) | 7);
   EXPECT_TRUE(d.imagePath.empty());  // no exe link in the made-up tree
 
-  // The top process has no parent id.
+  // The top process has no parent id; its unreadable command line is only left empty.
   ASSERT_EQ(registry.GetProcessByPid(7, process.Ref()), 0);
   ASSERT_EQ(process->GetDescription(&d), 0);
   EXPECT_EQ(d.parentUniqueId, 0u);
+  EXPECT_TRUE(d.commandLine.empty());
 
   proc.Write("43/stat", "43 (truncated) S 1 2");
   EXPECT_EQ(registry.GetUniqueId(43, &id), zel::result::NotFound);
@@ -156,6 +160,21 @@ TEST(ProcessRegistry, AProcessGivenAnIdIsStillDescribedAfterItEnds) {
   EXPECT_TRUE(d.imagePath.empty());
   EXPECT_EQ(registry.GetProcess(&other, process.Ref()), zel::result::NotFound) << "never given an id";
 
+  // A burst of ended processes, more than were once kept, while their
+  // events wait to be published: the first one is still described.
+  std::vector<std::uint64_t> ids;
+  for (int pid = 100; pid < 400; ++pid) {
+    proc.Write(std::to_string(pid) + "/stat", StatLine(pid, "short", 7, 100));
+    ASSERT_EQ(registry.GetUniqueId(static_cast<std::uint32_t>(pid), &ids.emplace_back()), 0);
+    std::filesystem::remove_all(std::filesystem::path(proc.Path()) / std::to_string(pid));
+  }
+  for (const std::uint64_t ended : {ids.front(), ids.back()}) {
+    ASSERT_EQ(registry.GetProcess(&ended, process.Ref()), 0) << ended;
+    ASSERT_EQ(process->GetDescription(&d), 0);
+    EXPECT_EQ(d.processId, host::ProcessRegistry::PidOf(ended));
+    EXPECT_EQ(d.parentUniqueId, (50ull << 22) | 7);
+  }
+
   // The pid taken again by a younger process: the remembered one is still
   // the one described by its id, and a parent pid now held by a process
   // younger than the child is not its parent.
@@ -165,42 +184,6 @@ TEST(ProcessRegistry, AProcessGivenAnIdIsStillDescribedAfterItEnds) {
   ASSERT_EQ(process->GetDescription(&d), 0);
   EXPECT_EQ(d.processId, 42u);
   EXPECT_EQ(d.parentUniqueId, 0u);
-}
-
-}  // namespace
-
-namespace {
-
-TEST(ProcessRegistry, AFileThatFailsToReadLeavesItsFieldEmptyAndABurstOfEndedProcessesIsRemembered) {
-  ScratchDir proc;
-  proc.Write("7/stat", StatLine(7, "sh", 1, 50));
-  // A read that fails after the open succeeded, as /proc/PID/cmdline of a
-  // process that has just ended does (ESRCH): a directory fails with EISDIR.
-  std::filesystem::create_directories(std::filesystem::path(proc.Path()) / "7" / "cmdline");
-  host::ProcessRegistry registry(proc.Path());
-  zel::RefPtr<IProcessObject> process;
-  ASSERT_EQ(registry.GetProcessByPid(7, process.Ref()), 0);
-  ProcessDescription d;
-  ASSERT_EQ(process->GetDescription(&d), 0);
-  EXPECT_TRUE(d.commandLine.empty());
-
-  // A burst of ended processes, more than were once kept, while their
-  // events wait to be published: the first one is still described.
-  constexpr int kBurst = 300;
-  std::vector<std::uint64_t> ids;
-  for (int pid = 100; pid < 100 + kBurst; ++pid) {
-    proc.Write(std::to_string(pid) + "/stat", StatLine(pid, "short", 7, 100));
-    std::uint64_t id = 0;
-    ASSERT_EQ(registry.GetUniqueId(static_cast<std::uint32_t>(pid), &id), 0);
-    ids.push_back(id);
-    std::filesystem::remove_all(std::filesystem::path(proc.Path()) / std::to_string(pid));
-  }
-  for (const std::uint64_t id : {ids.front(), ids.back()}) {
-    ASSERT_EQ(registry.GetProcess(&id, process.Ref()), 0) << id;
-    ASSERT_EQ(process->GetDescription(&d), 0);
-    EXPECT_EQ(d.processId, host::ProcessRegistry::PidOf(id));
-    EXPECT_EQ(d.parentUniqueId, (50ull << 22) | 7);
-  }
 }
 
 }  // namespace
