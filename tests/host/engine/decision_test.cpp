@@ -136,6 +136,7 @@ TEST(Decide, VerdictTable) {
       {"deny list, supplementary group blocked", false, 0, {Rule(1, kOn, {groupBlock})}, 2, 0},
       {"equal specificity: block wins", true, 0, {Rule(1, kOn, {groupAllow, groupBlock})}, 2, 0},
       {"across rules: block wins", true, 0, {Rule(1, kOn, {userAllow}), Rule(1, kOn, {everyoneBlock})}, 2, 1},
+      {"two blocking rules: the first is named", false, 0, {Rule(1, kOn, {everyoneBlock}), Rule(1, kOn, {userBlock})}, 2, 0},
       {"rule off", false, 0, {Rule(1, kOff, {everyoneBlock})}, 1, -1},
       {"test mode block", false, 1, {Rule(1, kOn, {everyoneBlock})}, static_cast<std::int32_t>(0x80000002u), 0},
       {"test mode allow", true, 1, {Rule(1, kOn, {userAllow})}, static_cast<std::int32_t>(0x80000001u), 0},

@@ -38,7 +38,7 @@ tov::RuntimeEvent SampleEvent() {
   // é, a surrogate pair (U+1F600), a tab.
   e.runtimeFields.push_back(Field(0, WStr(u"t\u00e9st\U0001F600\t")));
   // A lone surrogate and a control character stay visible as escapes.
-  const char16_t lone[] = {u'a', 0xD800, u'\x01', 0};
+  const char16_t lone[] = {u'a', 0xD800, u'\x1F', 0};  // the last control character
   e.runtimeFields.push_back(Field(142, WStr(lone)));
   // An id without a name is keyed by its number.
   e.runtimeFields.push_back(Field(9999, zel::variant_t()));
@@ -50,7 +50,7 @@ TEST(EventPublisher, WritesOneExactJsonLine) {
       "{\"type\":122,\"typeName\":\"ApplicationStartupBlocked\",\"severity\":0,\"severityName\":\"Critical\","
       "\"time\":1700000000,\"subject\":{\"kind\":2,\"userId\":4294967297,\"userName\":\"al\\\"ice\"},"
       "\"fields\":{\"AccessUser\":\"al\\\"ice\",\"AccessUserId\":-7,\"TaskId\":21,"
-      "\"FileName\":\"t\xC3\xA9st\xF0\x9F\x98\x80\\t\",\"Category\":\"a\\ud800\\u0001\",\"9999\":null}}";
+      "\"FileName\":\"t\xC3\xA9st\xF0\x9F\x98\x80\\t\",\"Category\":\"a\\ud800\\u001f\",\"9999\":null}}";
 
   std::FILE* out = std::tmpfile();
   ASSERT_NE(out, nullptr);
