@@ -114,12 +114,9 @@ int RunInventory(const GlobalOptions& options, const std::vector<std::string>& a
   LoadedModule module(options.modulePath);
   int status = 0;
   {
-    HostSession session(options.traceLevel, db, nullptr);
-    const ModuleRecords moduleRecords(module, &session.locator, *session.serialization.metaInfo);
-    if (!moduleRecords.Ok()) return 1;
-    auto reader = CreateModuleObject<tov::IInventoryInfoProvider>(
-        module, &session.locator, tov::app_control::kInventoryStorageClassId, "opening the inventory");
-    if (!reader) return 1;
+    InventoryReading inventory(module, options, db);
+    if (!inventory.reader) return 1;
+    tov::IInventoryInfoProvider* const reader = inventory.reader.Get();
 
     std::vector<tov::ApplicationInfo> records;
     std::uint64_t timestamp = 0;

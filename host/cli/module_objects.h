@@ -4,9 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "host/cli/cli.h"
+#include "app_control/interfaces/iinventory_info_provider.h"
 #include "app_control/module_entry.h"
+#include "host/cli/host_session.h"
 #include "host/module/module_loader.h"
 #include "host/serialization/meta_info_provider.h"
 #include "zel/serialization/imeta_info.h"
@@ -59,6 +62,24 @@ class ModuleRecords {
  private:
   MetaInfoProvider& m_provider;
   zel::RefPtr<zel::IMetaInfoProvider> m_registry;
+};
+
+// The stored inventory opened for reading through the module, with the
+// session and the module's records it needs kept alive beside it (members
+// end in reverse order: the reader first). `reader` is null after an
+// "acctl: <step> failed" line.
+struct InventoryReading {
+  InventoryReading(const LoadedModule& module, const GlobalOptions& options, const std::string& db)
+      : session(options.traceLevel, db, nullptr), records(module, &session.locator, *session.serialization.metaInfo) {
+    if (records.Ok()) {
+      reader = CreateModuleObject<tov::IInventoryInfoProvider>(
+          module, &session.locator, tov::app_control::kInventoryStorageClassId, "opening the inventory");
+    }
+  }
+
+  HostSession session;
+  ModuleRecords records;
+  zel::RefPtr<tov::IInventoryInfoProvider> reader;
 };
 
 }  // namespace host::cli

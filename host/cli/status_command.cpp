@@ -33,14 +33,10 @@ constexpr const char* kStatusUsage =
 int ReadStore(const GlobalOptions& options, const std::string& db, Json::Value& store) {
   LoadedModule module(options.modulePath);
   {
-    HostSession session(options.traceLevel, db, nullptr);
-    const ModuleRecords moduleRecords(module, &session.locator, *session.serialization.metaInfo);
-    if (!moduleRecords.Ok()) return 1;
-    auto reader = CreateModuleObject<tov::IInventoryInfoProvider>(
-        module, &session.locator, tov::app_control::kInventoryStorageClassId, "opening the inventory");
-    if (!reader) return 1;
+    InventoryReading inventory(module, options, db);
+    if (!inventory.reader) return 1;
     tov::ApplicationList list;
-    zel::result_t r = reader->GetApplicationList(list);
+    zel::result_t r = inventory.reader->GetApplicationList(list);
     if (ZEL_FAILED(r)) return Fail("reading the inventory", r);
     store["applications"] = Json::UInt64(list.list.size());
     const std::string scanned = RecordTimeText(list.timestamp);
@@ -48,7 +44,7 @@ int ReadStore(const GlobalOptions& options, const std::string& db, Json::Value& 
 
     std::uint32_t counter = 0;
     CategoriesManager::CategoryList categories;
-    r = session.categories.GetCategories(counter, categories);
+    r = inventory.session.categories.GetCategories(counter, categories);
     if (ZEL_FAILED(r)) return Fail("reading the categories", r);
     store["categories"] = Json::UInt64(categories.size());
   }
