@@ -15,7 +15,6 @@
 #include <chrono>
 #include <filesystem>
 #include <random>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -286,51 +285,38 @@ TEST_F(InventoryStorageTest, CategoryNamesFromTheControllerSettings) {
   EXPECT_TRUE(stored.categoryNames.empty());
 }
 
+// Clear empties memory and the committed store at once, also records staged
+// by a Flush that failed; an empty inventory lists nothing at time 0.
 TEST_F(InventoryStorageTest, EmptyAndClearedInventories) {
   Inventory inv = MakeInventory(&host.locator);
   ASSERT_TRUE(inv);
-  tov::ApplicationList list;
-  list.timestamp = 123;
-  list.list.push_back(App(1, u"stale"));
-  ASSERT_EQ(inv.reader->GetApplicationList(list), 0);
-  EXPECT_EQ(list.timestamp, 0u);
-  EXPECT_TRUE(list.list.empty());
+  auto expectEmpty = [&] {
+    tov::ApplicationList list;
+    list.timestamp = 123;
+    list.list.push_back(App(1, u"stale"));
+    ASSERT_EQ(inv.reader->GetApplicationList(list), 0);
+    EXPECT_EQ(list.timestamp, 0u);
+    EXPECT_TRUE(list.list.empty());
+  };
+  expectEmpty();
 
   ASSERT_EQ(inv.writer->AddInfo(App(1, u"a")), 0);
   ASSERT_EQ(inv.writer->Flush(), 0);
-  EXPECT_EQ(inv.writer->Clear(), 0);
-  ASSERT_EQ(inv.reader->GetApplicationList(list), 0);
-  EXPECT_EQ(list.timestamp, 0u);
-  EXPECT_TRUE(list.list.empty());
-  tov::ApplicationIdList ids;
-  EXPECT_EQ(inv.reader->GetApplicationIdList(0, 1, ids), zel::result::False);
-  // Clear committed at once.
-  EXPECT_EQ(Committed("1"), "-");
-  EXPECT_EQ(Committed("appIdList"), "-");
-  EXPECT_EQ(Committed("timestamp"), "-");
-}
-
-TEST_F(InventoryStorageTest, ClearAfterAFailedFlushRemovesWhatWasAdded) {
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
-  ASSERT_EQ(inv.writer->AddInfo(App(1, u"a")), 0);
   ASSERT_EQ(inv.writer->AddInfo(App(2, u"b")), 0);
   host.store.FailCommitAt(1, zel::result::OutOfSpace);
   EXPECT_EQ(inv.writer->Flush(), zel::result::OutOfSpace);
-  EXPECT_EQ(Committed("appIdList"), "-");
+  EXPECT_EQ(Committed("2"), "-");
 
   EXPECT_EQ(inv.writer->Clear(), 0);
   EXPECT_EQ(host.store.StagedCount(), 0u) << "records, list and timestamp all removed";
-  EXPECT_EQ(Committed("1"), "-");
-  EXPECT_EQ(Committed("2"), "-");
-  EXPECT_EQ(Committed("appIdList"), "-");
+  expectEmpty();
+  tov::ApplicationIdList ids;
+  EXPECT_EQ(inv.reader->GetApplicationIdList(0, 1, ids), zel::result::False);
+  for (const char* key : {"1", "2", "appIdList", "timestamp"}) EXPECT_EQ(Committed(key), "-") << key;
   // Its last flush stores the empty inventory.
   inv = MakeInventory(&host.locator);
   ASSERT_TRUE(inv);
-  tov::ApplicationList list;
-  ASSERT_EQ(inv.reader->GetApplicationList(list), 0);
-  EXPECT_TRUE(list.list.empty());
-  EXPECT_EQ(list.timestamp, 0u);
+  expectEmpty();
 }
 
 TEST_F(InventoryStorageTest, StoreFailuresOnWriteAreReportedByTheirLines) {
@@ -423,13 +409,11 @@ TEST_F(InventoryStorageTest, SpoiltListOrTimestampStartsEmptyAndStillWorks) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    ASSERT_EQ(host.store.RemoveValue(Key("appIdList")) >= 0, true);
-    ASSERT_EQ(host.store.RemoveValue(Key("timestamp")) >= 0, true);
-    if (!c.idList.empty()) {
-      ASSERT_EQ(host.store.SetValue(Key("appIdList"), Val(c.idList)), 0);
-    }
-    if (!c.timestamp.empty()) {
-      ASSERT_EQ(host.store.SetValue(Key("timestamp"), Val(c.timestamp)), 0);
+    for (const auto& [key, value] : {std::pair{"appIdList", c.idList}, std::pair{"timestamp", c.timestamp}}) {
+      ASSERT_GE(host.store.RemoveValue(Key(key)), 0);
+      if (!value.empty()) {
+        ASSERT_EQ(host.store.SetValue(Key(key), Val(value)), 0);
+      }
     }
     ASSERT_EQ(host.store.Commit(), 0);
     host.tracer.Clear();
