@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -137,6 +138,26 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
     while (typeLock.Held(ac::kInventoryScanTaskType)) ::usleep(1000);
   }
 
+  // Starts a walk held in the engine at "hold-here", asks for a pause from
+  // another thread and lets the engine go once the request stands; `whileHeld`
+  // looks on before that. Returns with the worker parked.
+  void ParkInsideTheWalk(ITask* task, const std::function<void(const std::atomic<bool>&)>& whileHeld = {}) {
+    File("hold-here");
+    engine.HoldAt("hold-here");
+    ASSERT_EQ(task->Start(1, &stops), 0);
+    engine.WaitHeld();
+    std::atomic<bool> paused{false};
+    std::thread pauser([&] {
+      EXPECT_EQ(task->Pause(), 0);
+      paused = true;
+    });
+    // The worker must meet the request at a check point after the held file.
+    while (!static_cast<ac::InventoryScanTask*>(task)->PauseRequested()) ::usleep(1000);
+    if (whileHeld) whileHeld(paused);
+    engine.Let();
+    pauser.join();
+  }
+
   bool Traced(const std::string& text) {
     const auto lines = tracer.Texts();
     return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
@@ -209,11 +230,12 @@ TEST_F(InventoryScanTaskTest, RootsThatAreFilesLinksOrSpecialFiles) {
   EXPECT_EQ(RunToEnd(second.Get()), zel::result::UnspecifiedError);
 }
 
+// Files the factory or the matcher refuse never reach the engine; the
+// engine's answers decide whether and how the others are stored.
 TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
-  File("nohash");
-  File("noname");
-  File("fails");
-  File("keys");
+  for (const char* f : {"nohash", "noname", "fails", "keys", "open-fails", "refused/inner"}) File(f);
+  files.refused.insert(Path("open-fails"));
+  pathMatchers.matcher.refuse = "refused";
   engine.answers[Path("nohash")].emptyHash = true;
   engine.answers[Path("noname")].emptyName = true;
   engine.answers[Path("fails")].fail = true;
@@ -222,6 +244,7 @@ TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
   auto task = MakeTask(Settings({root}));
   EXPECT_EQ(RunToEnd(task.Get()), 0);
 
+  EXPECT_THAT(engine.Seen(), UnorderedElementsAre(Path("nohash"), Path("noname"), Path("fails"), Path("keys")));
   EXPECT_THAT(StoredPaths(), UnorderedElementsAre(Path("noname"), Path("keys")));
   for (const auto& r : storage.records) {
     if (Narrow(r.filePath) == Path("noname")) {
@@ -238,17 +261,6 @@ TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
   EXPECT_TRUE(Traced("Skip " + Path("nohash")));
   EXPECT_TRUE(Traced("(m_appController->InventoryModule(io, flags, info)),(ZEL_SUCCEEDED(_result)) failed: result = "
                      "0x80000045 (Access denied)Cannot inventory " + Path("fails")));
-}
-
-TEST_F(InventoryScanTaskTest, FilesTheFactoryOrTheMatcherRefuseNeverReachTheEngine) {
-  File("open-fails");
-  File("refused/inner");
-  File("kept");
-  files.refused.insert(Path("open-fails"));
-  pathMatchers.matcher.refuse = "refused";
-  auto task = MakeTask(Settings({root}));
-  EXPECT_EQ(RunToEnd(task.Get()), 0);
-  EXPECT_THAT(engine.Seen(), ElementsAre(Path("kept")));
   EXPECT_TRUE(Traced("Cannot open file '" + Path("open-fails") + "'"));
 }
 
@@ -337,27 +349,14 @@ TEST_F(InventoryScanTaskTest, StopDuringTheWalkLeavesAnEmptyInventoryAndReportsS
 
 TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo) {
   for (int i = 0; i < 10; ++i) File("f" + std::to_string(i));
-  File("hold-here");
-  engine.HoldAt("hold-here");
   auto task = MakeTask(Settings({root}));
   auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
   EXPECT_EQ(task->Resume(), zel::result::InvalidState);
-  ASSERT_EQ(task->Start(1, &stops), 0);
-  engine.WaitHeld();
-
-  // Pause waits until the worker is out of the engine and at a check point.
-  std::atomic<bool> paused{false};
-  std::thread pauser([&] {
-    EXPECT_EQ(task->Pause(), 0);
-    paused = true;
+  ParkInsideTheWalk(task.Get(), [&](const std::atomic<bool>& paused) {
+    ::usleep(5000);
+    EXPECT_FALSE(paused.load());
+    EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Pausing);
   });
-  // The worker must meet the request at a check point after the held file.
-  while (!impl->PauseRequested()) ::usleep(1000);
-  ::usleep(5000);
-  EXPECT_FALSE(paused.load());
-  EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Pausing);
-  engine.Let();
-  pauser.join();
   EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Suspended);
   const int calls = engine.callCount.load();
   ::usleep(20000);
@@ -377,16 +376,8 @@ TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo
 
 TEST_F(InventoryScanTaskTest, ReleasingAParkedTaskEndsItsWorker) {
   File("a");
-  File("hold-here");
-  engine.HoldAt("hold-here");
   auto task = MakeTask(Settings({root}));
-  ASSERT_EQ(task->Start(1, &stops), 0);
-  engine.WaitHeld();
-  std::thread pauser([&] { EXPECT_EQ(task->Pause(), 0); });
-  auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
-  while (!impl->PauseRequested()) ::usleep(1000);
-  engine.Let();
-  pauser.join();
+  ParkInsideTheWalk(task.Get());
   task = nullptr;  // FinalRelease: stop, open the gate, join
   EXPECT_EQ(stops.count, 1);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
