@@ -430,7 +430,7 @@ TEST_F(InventoryScanTaskTest, PauseAndResumeStormLosesNoFile) {
   ExpectTaskGone();
 }
 
-TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOut) {
+TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOutAndAnEndedOneBlocksNothing) {
   File("hold-here");
   engine.HoldAt("hold-here");
   auto first = MakeTask(Settings({root}));
@@ -443,7 +443,12 @@ TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOut) {
   EXPECT_TRUE(Traced("Task start is locked by another concurrent action"));
   engine.Let();
   stops.WaitFor(1);
+  // Ended but not stopped: a new start is refused and gives the lock back.
+  WaitTypeUnlocked();
+  EXPECT_EQ(first->Start(5, &stops), zel::result::InvalidState);
+  EXPECT_TRUE(Traced("Task is not stopped, session id: 5"));
   EXPECT_EQ(first->Stop(), 0);
+  ASSERT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
   EXPECT_EQ(RunToEnd(second.Get()), 0);
   EXPECT_EQ(first->Stop(), zel::result::InvalidState);
 
@@ -451,18 +456,6 @@ TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOut) {
   locator.Refuse(ITaskTryMutex::iid);
   EXPECT_EQ(first->Start(4, &stops), zel::result::UnspecifiedError);
   EXPECT_TRUE(Traced("Cannot get service for ITaskTryMutex."));
-}
-
-TEST_F(InventoryScanTaskTest, StartAfterTheWorkerEndedButBeforeStopIsRefusedAndGivesTheLockBack) {
-  File("a");
-  auto task = MakeTask(Settings({root}));
-  ASSERT_EQ(task->Start(1, &stops), 0);
-  stops.WaitFor(1);
-  WaitTypeUnlocked();
-  EXPECT_EQ(task->Start(2, &stops), zel::result::InvalidState);
-  EXPECT_TRUE(Traced("Task is not stopped, session id: 2"));
-  EXPECT_EQ(task->Stop(), 0);
-  EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
 }
 
 TEST_F(InventoryScanTaskTest, AllScopesDisabledClearsAndReportsTheUntouchedResult) {
