@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -137,6 +138,26 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
     while (typeLock.Held(ac::kInventoryScanTaskType)) ::usleep(1000);
   }
 
+  // Starts a walk held in the engine at "hold-here", asks for a pause from
+  // another thread and lets the engine go once the request stands; `whileHeld`
+  // looks on before that. Returns with the worker parked.
+  void ParkInsideTheWalk(ITask* task, const std::function<void(const std::atomic<bool>&)>& whileHeld = {}) {
+    File("hold-here");
+    engine.HoldAt("hold-here");
+    ASSERT_EQ(task->Start(1, &stops), 0);
+    engine.WaitHeld();
+    std::atomic<bool> paused{false};
+    std::thread pauser([&] {
+      EXPECT_EQ(task->Pause(), 0);
+      paused = true;
+    });
+    // The worker must meet the request at a check point after the held file.
+    while (!static_cast<ac::InventoryScanTask*>(task)->PauseRequested()) ::usleep(1000);
+    if (whileHeld) whileHeld(paused);
+    engine.Let();
+    pauser.join();
+  }
+
   bool Traced(const std::string& text) {
     const auto lines = tracer.Texts();
     return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
@@ -191,15 +212,18 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   ExpectTaskGone();
 }
 
-TEST_F(InventoryScanTaskTest, RootsThatAreFilesLinksOrSpecialFiles) {
+TEST_F(InventoryScanTaskTest, RootsThatAreFilesLinksSpecialFilesOrProcfs) {
   File("plain");
   fs::create_symlink(Path("plain"), Path("link"));
   ASSERT_EQ(::mkfifo(Path("pipe").c_str(), 0600), 0);
-  auto task = MakeTask(Settings({Path("link"), Path("pipe"), Path("missing"), Path("plain")}));
+  // /proc/self itself is walked as a root; its files and directories are not.
+  auto task = MakeTask(Settings({Path("link"), Path("pipe"), "/proc/self", Path("missing"), Path("plain")}));
   // The last root's result is the run's: the missing root's failure is hidden.
   EXPECT_EQ(RunToEnd(task.Get()), 0);
+  EXPECT_THAT(engine.Seen(), ElementsAre(Path("plain")));
   EXPECT_THAT(StoredPaths(), ElementsAre(Path("plain")));
   EXPECT_TRUE(Traced("skip (not a regular file)"));
+  EXPECT_TRUE(Traced("skip magic"));
   EXPECT_TRUE(Traced("skip " + Path("pipe")));
   EXPECT_TRUE(Traced("Cannot stat " + Path("missing") + ": No such file or directory"));
 
@@ -209,11 +233,12 @@ TEST_F(InventoryScanTaskTest, RootsThatAreFilesLinksOrSpecialFiles) {
   EXPECT_EQ(RunToEnd(second.Get()), zel::result::UnspecifiedError);
 }
 
+// Files the factory or the matcher refuse never reach the engine; the
+// engine's answers decide whether and how the others are stored.
 TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
-  File("nohash");
-  File("noname");
-  File("fails");
-  File("keys");
+  for (const char* f : {"nohash", "noname", "fails", "keys", "open-fails", "refused/inner"}) File(f);
+  files.refused.insert(Path("open-fails"));
+  pathMatchers.matcher.refuse = "refused";
   engine.answers[Path("nohash")].emptyHash = true;
   engine.answers[Path("noname")].emptyName = true;
   engine.answers[Path("fails")].fail = true;
@@ -222,6 +247,7 @@ TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
   auto task = MakeTask(Settings({root}));
   EXPECT_EQ(RunToEnd(task.Get()), 0);
 
+  EXPECT_THAT(engine.Seen(), UnorderedElementsAre(Path("nohash"), Path("noname"), Path("fails"), Path("keys")));
   EXPECT_THAT(StoredPaths(), UnorderedElementsAre(Path("noname"), Path("keys")));
   for (const auto& r : storage.records) {
     if (Narrow(r.filePath) == Path("noname")) {
@@ -238,17 +264,6 @@ TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
   EXPECT_TRUE(Traced("Skip " + Path("nohash")));
   EXPECT_TRUE(Traced("(m_appController->InventoryModule(io, flags, info)),(ZEL_SUCCEEDED(_result)) failed: result = "
                      "0x80000045 (Access denied)Cannot inventory " + Path("fails")));
-}
-
-TEST_F(InventoryScanTaskTest, FilesTheFactoryOrTheMatcherRefuseNeverReachTheEngine) {
-  File("open-fails");
-  File("refused/inner");
-  File("kept");
-  files.refused.insert(Path("open-fails"));
-  pathMatchers.matcher.refuse = "refused";
-  auto task = MakeTask(Settings({root}));
-  EXPECT_EQ(RunToEnd(task.Get()), 0);
-  EXPECT_THAT(engine.Seen(), ElementsAre(Path("kept")));
   EXPECT_TRUE(Traced("Cannot open file '" + Path("open-fails") + "'"));
 }
 
@@ -337,27 +352,14 @@ TEST_F(InventoryScanTaskTest, StopDuringTheWalkLeavesAnEmptyInventoryAndReportsS
 
 TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo) {
   for (int i = 0; i < 10; ++i) File("f" + std::to_string(i));
-  File("hold-here");
-  engine.HoldAt("hold-here");
   auto task = MakeTask(Settings({root}));
   auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
   EXPECT_EQ(task->Resume(), zel::result::InvalidState);
-  ASSERT_EQ(task->Start(1, &stops), 0);
-  engine.WaitHeld();
-
-  // Pause waits until the worker is out of the engine and at a check point.
-  std::atomic<bool> paused{false};
-  std::thread pauser([&] {
-    EXPECT_EQ(task->Pause(), 0);
-    paused = true;
+  ParkInsideTheWalk(task.Get(), [&](const std::atomic<bool>& paused) {
+    ::usleep(5000);
+    EXPECT_FALSE(paused.load());
+    EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Pausing);
   });
-  // The worker must meet the request at a check point after the held file.
-  while (!impl->PauseRequested()) ::usleep(1000);
-  ::usleep(5000);
-  EXPECT_FALSE(paused.load());
-  EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Pausing);
-  engine.Let();
-  pauser.join();
   EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Suspended);
   const int calls = engine.callCount.load();
   ::usleep(20000);
@@ -377,16 +379,8 @@ TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo
 
 TEST_F(InventoryScanTaskTest, ReleasingAParkedTaskEndsItsWorker) {
   File("a");
-  File("hold-here");
-  engine.HoldAt("hold-here");
   auto task = MakeTask(Settings({root}));
-  ASSERT_EQ(task->Start(1, &stops), 0);
-  engine.WaitHeld();
-  std::thread pauser([&] { EXPECT_EQ(task->Pause(), 0); });
-  auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
-  while (!impl->PauseRequested()) ::usleep(1000);
-  engine.Let();
-  pauser.join();
+  ParkInsideTheWalk(task.Get());
   task = nullptr;  // FinalRelease: stop, open the gate, join
   EXPECT_EQ(stops.count, 1);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
@@ -439,7 +433,7 @@ TEST_F(InventoryScanTaskTest, PauseAndResumeStormLosesNoFile) {
   ExpectTaskGone();
 }
 
-TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOut) {
+TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOutAndAnEndedOneBlocksNothing) {
   File("hold-here");
   engine.HoldAt("hold-here");
   auto first = MakeTask(Settings({root}));
@@ -452,7 +446,12 @@ TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOut) {
   EXPECT_TRUE(Traced("Task start is locked by another concurrent action"));
   engine.Let();
   stops.WaitFor(1);
+  // Ended but not stopped: a new start is refused and gives the lock back.
+  WaitTypeUnlocked();
+  EXPECT_EQ(first->Start(5, &stops), zel::result::InvalidState);
+  EXPECT_TRUE(Traced("Task is not stopped, session id: 5"));
   EXPECT_EQ(first->Stop(), 0);
+  ASSERT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
   EXPECT_EQ(RunToEnd(second.Get()), 0);
   EXPECT_EQ(first->Stop(), zel::result::InvalidState);
 
@@ -460,18 +459,6 @@ TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOut) {
   locator.Refuse(ITaskTryMutex::iid);
   EXPECT_EQ(first->Start(4, &stops), zel::result::UnspecifiedError);
   EXPECT_TRUE(Traced("Cannot get service for ITaskTryMutex."));
-}
-
-TEST_F(InventoryScanTaskTest, StartAfterTheWorkerEndedButBeforeStopIsRefusedAndGivesTheLockBack) {
-  File("a");
-  auto task = MakeTask(Settings({root}));
-  ASSERT_EQ(task->Start(1, &stops), 0);
-  stops.WaitFor(1);
-  WaitTypeUnlocked();
-  EXPECT_EQ(task->Start(2, &stops), zel::result::InvalidState);
-  EXPECT_TRUE(Traced("Task is not stopped, session id: 2"));
-  EXPECT_EQ(task->Stop(), 0);
-  EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
 }
 
 TEST_F(InventoryScanTaskTest, AllScopesDisabledClearsAndReportsTheUntouchedResult) {
@@ -485,16 +472,6 @@ TEST_F(InventoryScanTaskTest, AllScopesDisabledClearsAndReportsTheUntouchedResul
   EXPECT_EQ(engine.callCount.load(), 0);
   EXPECT_EQ(categories.puts.size(), 1u);
   EXPECT_THAT(storage.journal, ElementsAre("Clear", "Flush"));
-}
-
-TEST_F(InventoryScanTaskTest, ProcfsBelowARootIsNeitherEnteredNorScanned) {
-  // /proc/self itself is walked as a root; its files and directories are not.
-  auto task = MakeTask(Settings({"/proc/self"}));
-  EXPECT_EQ(RunToEnd(task.Get()), 0);
-  EXPECT_EQ(engine.callCount.load(), 0);
-  EXPECT_TRUE(storage.records.empty());
-  EXPECT_TRUE(Traced("skip magic"));
-  EXPECT_TRUE(Traced("skip (not a regular file)"));
 }
 
 // Failures of the run's steps: each ends the run where it arises, with the
