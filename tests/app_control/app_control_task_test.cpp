@@ -67,7 +67,6 @@ class AppControlTaskTest : public testsupport::ModuleFixture, public testsupport
     return std::any_of(texts.begin(), texts.end(), [&](const std::string& t) { return t.find(text) != t.npos; });
   }
 
-
  public:  // the case tables arrange through these
   void RefuseSubscription() {
     locator.Refuse(app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid, kFailure);
@@ -145,9 +144,12 @@ TEST_F(AppControlTaskTest, StartTurnsReputationOffSubscribesThenStartsTheEngine)
 
   ASSERT_EQ(task->Stop(), 0);
   EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop", "Unsubscribe"));
-  // A second start finds the flag off and writes nothing.
+  // A second start finds the flag off and writes nothing; a positive engine
+  // answer is a success and keeps the subscription.
+  engineTask.startResult = 1;
   ASSERT_EQ(task->Start(8, nullptr), 0);
   EXPECT_THAT(journal.Take(), ElementsAre("ssm.Read:controller", "Subscribe", "engine.Start"));
+  EXPECT_EQ(subscription.sinks.size(), 1u);
   ASSERT_EQ(task->Stop(), 0);
 }
 
@@ -191,31 +193,9 @@ TEST_F(AppControlTaskTest, StartUnwindsInReverseOrder) {
   }
 }
 
-TEST_F(AppControlTaskTest, PositiveEngineStartCountsAsSuccessAndKeepsTheSubscription) {
-  ASSERT_EQ(Create(), 0);
-  engineTask.startResult = 1;
-  EXPECT_EQ(task->Start(1, nullptr), 0);
-  EXPECT_EQ(subscription.sinks.size(), 1u);
-  EXPECT_EQ(task->Stop(), 0);
-}
-
-TEST_F(AppControlTaskTest, StopKeepsTheSubscriptionWhileTheEngineRefusesToStop) {
+TEST_F(AppControlTaskTest, PauseResumeAndStopGoToTheEngineAndStopKeepsTheSubscriptionUntilItSucceeds) {
   ASSERT_EQ(Create(), 0);
   ASSERT_EQ(task->Start(1, nullptr), 0);
-  journal.Take();
-  engineTask.stopResult = kFailure;
-  EXPECT_EQ(task->Stop(), kFailure);
-  EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop"));
-  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
-  EXPECT_TRUE(Traced("Cannot stop EAC task"));
-  EXPECT_EQ(subscription.sinks.size(), 1u);
-  engineTask.stopResult = 1;
-  EXPECT_EQ(task->Stop(), 0);
-  EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop", "Unsubscribe"));
-}
-
-TEST_F(AppControlTaskTest, PauseAndResumeGoToTheEngineOnly) {
-  ASSERT_EQ(Create(), 0);
   journal.Take();
   EXPECT_EQ(task->Pause(), 0);
   EXPECT_EQ(task->Resume(), 0);
@@ -223,8 +203,17 @@ TEST_F(AppControlTaskTest, PauseAndResumeGoToTheEngineOnly) {
   engineTask.resumeResult = 2;
   EXPECT_EQ(task->Pause(), kFailure);
   EXPECT_EQ(task->Resume(), 0);
-  EXPECT_THAT(journal.Take(), ElementsAre("engine.Pause", "engine.Resume", "engine.Pause", "engine.Resume"));
   EXPECT_TRUE(Traced("Cannot pause EAC task"));
+  engineTask.stopResult = kFailure;
+  EXPECT_EQ(task->Stop(), kFailure);
+  EXPECT_THAT(journal.Take(),
+              ElementsAre("engine.Pause", "engine.Resume", "engine.Pause", "engine.Resume", "engine.Stop"));
+  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
+  EXPECT_TRUE(Traced("Cannot stop EAC task"));
+  EXPECT_EQ(subscription.sinks.size(), 1u);
+  engineTask.stopResult = 1;
+  EXPECT_EQ(task->Stop(), 0);
+  EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop", "Unsubscribe"));
 }
 
 // ---- settings ------------------------------------------------------------------------
