@@ -263,13 +263,7 @@ class AppControlEventTest : public AppControlTaskTest {
     info.moduleId = 0x1122334455667788ull;
     info.userName = zel::wstring_t(u"DOMAIN\\alice");
     info.userId = zel::wstring_t(u"1000");
-    info.fileVersion = zel::wstring_t(u"1.2");
-    info.fileHash = zel::wstring_t(u"abcd");
-    info.fileName = zel::wstring_t(u"tool");
-    info.certificateThumbprint = zel::wstring_t(u"thumb");
-    info.certificateIssuer = zel::wstring_t(u"issuer");
     info.certificateSerialNumber = zel::wstring_t(u"serial");
-    info.certificateSubject = zel::wstring_t(u"subject");
     info.processUniqueId = 500;
     category.productCategoryName = zel::wstring_t(u"Vendor");
     category.categoryName = zel::wstring_t(u"Browsers");
