@@ -158,33 +158,6 @@ struct HostBase {
   host::ServiceLocator locator;
 };
 
-// The serialisers with every descriptor the scenarios need, and the
-// module's own records joined to them.
-struct Serialisation {
-  Serialisation(host::ServiceLocator& locator, const host::LoadedModule& module) {
-    services = host::RegisterSerializationServices(locator);
-    for (const zel::TypeDescriptor* d : tov::settings::SettingsRecordDescriptors())
-      services.metaInfo->RegisterDescriptor(d);
-    for (const zel::TypeDescriptor* d : tov::tools::CategoryExpressionDescriptors())
-      services.metaInfo->RegisterDescriptor(d);
-    for (const zel::TypeDescriptor* d : tov::InventoryRecordDescriptors()) services.metaInfo->RegisterDescriptor(d);
-    zel::IObjectFactory* factory = nullptr;
-    if (module.GetObjectFactory(&locator, tov::app_control::kTypeDescriptorStaticRegistryClassId, &factory) == 0) {
-      void* out = nullptr;
-      factory->CreateInstance(&locator, zel::IMetaInfoProvider::iid, &out);
-      factory->Release();
-      registry = zel::RefPtr<zel::IMetaInfoProvider>::Adopt(static_cast<zel::IMetaInfoProvider*>(out));
-    }
-    if (registry) services.metaInfo->RegisterProvider(registry.Get());
-  }
-  ~Serialisation() {
-    if (registry) services.metaInfo->UnregisterProvider(registry.Get());
-  }
-
-  host::SerializationServices services;
-  zel::RefPtr<zel::IMetaInfoProvider> registry;
-};
-
 template <class I>
 zel::RefPtr<I> CreateModuleObject(const host::LoadedModule& module, zel::IServiceLocator* locator,
                                   std::uint32_t classId, zel::result_t* result = nullptr) {
@@ -198,6 +171,26 @@ zel::RefPtr<I> CreateModuleObject(const host::LoadedModule& module, zel::IServic
   if (result) *result = r;
   return r == 0 ? zel::RefPtr<I>::Adopt(static_cast<I*>(out)) : zel::RefPtr<I>();
 }
+
+// The serialisers with every descriptor the scenarios need, and the
+// module's own records joined to them.
+struct Serialisation {
+  Serialisation(host::ServiceLocator& locator, const host::LoadedModule& module) {
+    services = host::RegisterSerializationServices(locator);
+    for (auto descriptors : {tov::settings::SettingsRecordDescriptors(), tov::tools::CategoryExpressionDescriptors(),
+                             tov::InventoryRecordDescriptors()})
+      for (const zel::TypeDescriptor* d : descriptors) services.metaInfo->RegisterDescriptor(d);
+    registry = CreateModuleObject<zel::IMetaInfoProvider>(module, &locator,
+                                                          tov::app_control::kTypeDescriptorStaticRegistryClassId);
+    if (registry) services.metaInfo->RegisterProvider(registry.Get());
+  }
+  ~Serialisation() {
+    if (registry) services.metaInfo->UnregisterProvider(registry.Get());
+  }
+
+  host::SerializationServices services;
+  zel::RefPtr<zel::IMetaInfoProvider> registry;
+};
 
 class FaultSweepTest : public ::testing::Test {
  protected:
@@ -424,6 +417,7 @@ TEST_F(FaultSweepTest, AppControlTaskLifecycle) {
     if (expected.line != nullptr) {
       EXPECT_TRUE(HasLine(run.lines, expected.line)) << "expected the line: " << expected.line;
     }
+    EXPECT_EQ(run.sinkExceptions, 0u) << "no callback throws into the engine";
     if (o.step == "events") {
       EXPECT_EQ(run.published, p == FaultPoint::PublisherPublish ? 2u : 3u);
     } else if (o.fired && o.step != "create" && o.step != "start" && o.result == 0) {
