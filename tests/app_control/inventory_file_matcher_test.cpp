@@ -132,12 +132,6 @@ TEST_F(MatcherTest, AMissingRecogniserFactoryOrANullServiceObjectIsRefused) {
   EXPECT_THROW(Make(), zel::GetInterfaceException);
 }
 
-TEST_F(MatcherTest, ReleasesEverythingItHeld) {
-  { InventoryFileMatcher matcher = Make(); }
-  EXPECT_EQ(testsupport::RefCountOf(pathFactory->matcher.Get()), 1u);  // the factory's own
-  EXPECT_EQ(testsupport::RefCountOf(formatFactory->recognizer.Get()), 1u);
-}
-
 // ---- the three tests in order ------------------------------------------------------
 
 TEST_F(MatcherTest, OutOfScopeOrAFailingScopeTestStopsBeforeStatAndFormat) {
@@ -355,16 +349,19 @@ TEST_F(MatcherTest, RecogniserFailuresBecomeTheResult) {
   EXPECT_LT(matcher.Match(tov::NativePath(path.c_str()), nullptr), 0);
 }
 
-TEST_F(MatcherTest, ChainElementsAreReleased) {
-  InventoryFileMatcher matcher = Make();
-  const std::string path = File("x.sh");
+TEST_F(MatcherTest, ReleasesEverythingItHeldAndEveryChainElement) {
   auto chain = MakeChain({{kSet, 0x58B0B24C}, {kSet, 0x4FFB30F3}});
-  Recognizer().recognizeResult = 0;
-  Recognizer().answer = chain;
-  matcher.Match(tov::NativePath(path.c_str()), nullptr);
-  Recognizer().answer = nullptr;
+  {
+    InventoryFileMatcher matcher = Make();
+    Recognizer().recognizeResult = 0;
+    Recognizer().answer = chain;
+    matcher.Match(tov::NativePath(File("x.sh").c_str()), nullptr);
+    Recognizer().answer = nullptr;
+  }
   EXPECT_EQ(testsupport::RefCountOf(chain.Get()), 1u);
   EXPECT_EQ(testsupport::RefCountOf(chain->next_.Get()), 1u);
+  EXPECT_EQ(testsupport::RefCountOf(pathFactory->matcher.Get()), 1u);  // the factory's own
+  EXPECT_EQ(testsupport::RefCountOf(formatFactory->recognizer.Get()), 1u);
 }
 
 // ---- group switches ------------------------------------------------------------------
