@@ -336,20 +336,15 @@ TEST_F(AppControlEventTest, FieldsFollowTheFixedOrderAndTheProcessesKnown) {
   EXPECT_EQ(Names(events[2]), withParent);
 
   const auto& f = events[2].runtimeFields;
-  EXPECT_EQ(f[0].data.GetWString().view(), u"alice");
+  const std::pair<std::size_t, std::u16string_view> texts[] = {
+      {0, u"alice"}, {2, u"Application_Control"}, {3, u"AppControlTaskType"}, {9, u"Browsers"},
+      {10, u"Vendor"}, {11, u"serial"}, {17, u"systemd"}};
+  for (const auto& [i, text] : texts) EXPECT_EQ(f[i].data.GetWString().view(), text) << "field " << i;
+  const std::pair<std::size_t, std::uint64_t> numbers[] = {{4, 5}, {5, 77}, {8, 0x1122334455667788ull}, {16, 4321}};
+  for (const auto& [i, number] : numbers) EXPECT_EQ(f[i].data.GetUInt64(), number) << "field " << i;
   EXPECT_EQ(f[1].data.tag(), zel::vt::Int32);
   EXPECT_EQ(f[1].data.GetInt32(), 1000);
-  EXPECT_EQ(f[2].data.GetWString().view(), u"Application_Control");
-  EXPECT_EQ(f[3].data.GetWString().view(), u"AppControlTaskType");
-  EXPECT_EQ(f[4].data.GetUInt64(), 5u);
-  EXPECT_EQ(f[5].data.GetUInt64(), 77u);
   EXPECT_EQ(f[8].data.tag(), zel::vt::UInt64);
-  EXPECT_EQ(f[8].data.GetUInt64(), 0x1122334455667788ull);
-  EXPECT_EQ(f[9].data.GetWString().view(), u"Browsers");
-  EXPECT_EQ(f[10].data.GetWString().view(), u"Vendor");
-  EXPECT_EQ(f[11].data.GetWString().view(), u"serial");
-  EXPECT_EQ(f[16].data.GetUInt64(), 4321u);
-  EXPECT_EQ(f[17].data.GetWString().view(), u"systemd");
   EXPECT_EQ(events[2].subject.kind, 2);
   ASSERT_TRUE(events[2].subject.user);
   EXPECT_EQ(events[2].subject.user->userId, 1000);
