@@ -31,10 +31,12 @@ constexpr std::uint32_t kSet = 2;
 
 class MatcherTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    locator.Register<zel::ITracer>(&tracer);
-    locator.Register<IPathMatcherFactory>(pathFactory.Get());
-    locator.Register<FormatRecognizerFactory>(formatFactory.Get());
+  void SetUp() override { Wire(locator, tracer, *pathFactory, *formatFactory); }
+  static void Wire(host::ServiceLocator& l, host::CollectingTracer& t, FakePathMatcherFactory& p,
+                   FakeFormatRecognizerFactory& f) {
+    l.Register<zel::ITracer>(&t);
+    l.Register<IPathMatcherFactory>(&p);
+    l.Register<FormatRecognizerFactory>(&f);
   }
 
   InventoryFileMatcher Make(bool first = true, bool second = true, bool executable = true) {
@@ -57,15 +59,11 @@ class MatcherTest : public ::testing::Test {
 
   testsupport::FakeFormatRecognizer& Recognizer() { return *formatFactory->recognizer; }
 
-  bool HasLine(const std::string& text) {
+  // A traced line that is `text`, or that holds it when `part`.
+  bool HasLine(const std::string& text, bool part = false) {
     const auto texts = tracer.Texts();
-    return std::find(texts.begin(), texts.end(), text) != texts.end();
-  }
-  bool HasLineContaining(const std::string& text) {
-    for (const auto& t : tracer.Texts()) {
-      if (t.find(text) != std::string::npos) return true;
-    }
-    return false;
+    return std::any_of(texts.begin(), texts.end(),
+                       [&](const std::string& t) { return part ? t.find(text) != t.npos : t == text; });
   }
 
   testsupport::TempDir dir;
@@ -110,9 +108,7 @@ TEST_F(MatcherTest, EachConstructionStepFailsWithItsOwnMessage) {
     host::ServiceLocator l;
     auto p = MakeObject<FakePathMatcherFactory>();
     auto f = MakeObject<FakeFormatRecognizerFactory>();
-    l.Register<zel::ITracer>(&t);
-    l.Register<IPathMatcherFactory>(p.Get());
-    l.Register<FormatRecognizerFactory>(f.Get());
+    Wire(l, t, *p, *f);
     c.arrange(l, *p, *f);
     try {
       InventoryFileMatcher m(&l, InventoryFileMatcher::Settings{});
@@ -136,12 +132,6 @@ TEST_F(MatcherTest, AMissingRecogniserFactoryOrANullServiceObjectIsRefused) {
   EXPECT_THROW(Make(), zel::GetInterfaceException);
 }
 
-TEST_F(MatcherTest, ReleasesEverythingItHeld) {
-  { InventoryFileMatcher matcher = Make(); }
-  EXPECT_EQ(testsupport::RefCountOf(pathFactory->matcher.Get()), 1u);  // the factory's own
-  EXPECT_EQ(testsupport::RefCountOf(formatFactory->recognizer.Get()), 1u);
-}
-
 // ---- the three tests in order ------------------------------------------------------
 
 TEST_F(MatcherTest, OutOfScopeOrAFailingScopeTestStopsBeforeStatAndFormat) {
@@ -161,8 +151,9 @@ TEST_F(MatcherTest, StatFailureIsLoggedAndReturned) {
   InventoryFileMatcher matcher = Make();
   const std::string missing = dir / "gone";
   EXPECT_EQ(matcher.Match(tov::NativePath(missing.c_str()), nullptr), zel::result::UnspecifiedError);
-  EXPECT_TRUE(HasLineContaining("(::stat(path.c_str(), &st) != -1),(bool) failed: result = falseCannot stat " +
-                                missing + ": No such file or directory"));
+  EXPECT_TRUE(HasLine("(::stat(path.c_str(), &st) != -1),(bool) failed: result = falseCannot stat " + missing +
+                          ": No such file or directory",
+                      true));
   EXPECT_EQ(Recognizer().calls, 0);
 }
 
@@ -338,7 +329,7 @@ TEST_F(MatcherTest, RecogniserFailuresBecomeTheResult) {
   const std::string path = File("x.py");
   Recognizer().recognizeResult = zel::result::MediaError;
   EXPECT_EQ(matcher.Match(tov::NativePath(path.c_str()), nullptr), zel::result::MediaError);
-  EXPECT_TRUE(HasLineContaining("InventoryFileMatcher::Match"));
+  EXPECT_TRUE(HasLine("InventoryFileMatcher::Match", true));
 
   Recognizer().recognizeResult = 0;
   Recognizer().answer = MakeChain({{kSet, 0x58B0B24C}, {kSet, 0x4FFB30F3}});
@@ -358,16 +349,19 @@ TEST_F(MatcherTest, RecogniserFailuresBecomeTheResult) {
   EXPECT_LT(matcher.Match(tov::NativePath(path.c_str()), nullptr), 0);
 }
 
-TEST_F(MatcherTest, ChainElementsAreReleased) {
-  InventoryFileMatcher matcher = Make();
-  const std::string path = File("x.sh");
+TEST_F(MatcherTest, ReleasesEverythingItHeldAndEveryChainElement) {
   auto chain = MakeChain({{kSet, 0x58B0B24C}, {kSet, 0x4FFB30F3}});
-  Recognizer().recognizeResult = 0;
-  Recognizer().answer = chain;
-  matcher.Match(tov::NativePath(path.c_str()), nullptr);
-  Recognizer().answer = nullptr;
+  {
+    InventoryFileMatcher matcher = Make();
+    Recognizer().recognizeResult = 0;
+    Recognizer().answer = chain;
+    matcher.Match(tov::NativePath(File("x.sh").c_str()), nullptr);
+    Recognizer().answer = nullptr;
+  }
   EXPECT_EQ(testsupport::RefCountOf(chain.Get()), 1u);
   EXPECT_EQ(testsupport::RefCountOf(chain->next_.Get()), 1u);
+  EXPECT_EQ(testsupport::RefCountOf(pathFactory->matcher.Get()), 1u);  // the factory's own
+  EXPECT_EQ(testsupport::RefCountOf(formatFactory->recognizer.Get()), 1u);
 }
 
 // ---- group switches ------------------------------------------------------------------
