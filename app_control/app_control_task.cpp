@@ -9,6 +9,7 @@
 #include "app_control/interfaces/iengine_task_settings.h"
 #include "app_control/interfaces/iprocess_registry.h"
 #include "app_control/tools/convert_settings.h"
+#include "app_control/tools/event_arena.h"
 #include "app_control/tools/runtime_event_builder.h"
 #include "app_control/tools/trusted_programs.h"
 #include "tov_common/serobj_dumper.h"
@@ -173,7 +174,10 @@ zel::result_t AppControlTaskCallbacks::OnApplicationControl(const app_ctrl::Appl
   ZEL_CHECK_BOOL_LOG_RETURN(GetTracer(), info != nullptr && categories != nullptr && verdict != nullptr,
                             zel::result::InvalidArgument);
 
+  // The event's fields and text all come from one block made for it.
+  const zel::RefPtr<zel::IAllocator> arena = tools::EventArena::Create();
   tov::RuntimeEvent event;
+  event.runtimeFields = zel::types::vector_t<tov::RuntimeField>(arena.Get());
   event.time = tools::CurrentEventTime();
   const TaskDescription& task = CachedTaskDescription();
 
@@ -182,7 +186,7 @@ zel::result_t AppControlTaskCallbacks::OnApplicationControl(const app_ctrl::Appl
   event.subject.kind = 2;
   event.subject.user.emplace();
   event.subject.user->userId = userId;
-  event.subject.user->userName = zel::wstring_t(userName);
+  event.subject.user->userName = zel::wstring_t(userName, arena.Get());
 
   event.runtimeFields.reserve(18);
   using tov::FieldName;
@@ -210,6 +214,10 @@ zel::result_t AppControlTaskCallbacks::OnApplicationControl(const app_ctrl::Appl
     zel::RefPtr<IProcessRegistry> processes;
     zel::RefPtr<IProcessObject> process;
     ProcessDescription description;
+    // A host that fills the strings in place uses the event's memory for them too.
+    description.imagePath = zel::wstring_t(arena.Get());
+    description.commandLine = zel::wstring_t(arena.Get());
+    description.currentDirectory = zel::wstring_t(arena.Get());
     if (ZEL_SUCCEEDED(zel::GetInterface(Get<zel::IServiceLocator>(), processes.Ref())) &&
         ZEL_SUCCEEDED(processes->GetProcess(&info->processUniqueId, process.Ref())) &&
         ZEL_SUCCEEDED(process->GetDescription(&description))) {

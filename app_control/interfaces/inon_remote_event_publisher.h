@@ -1,6 +1,9 @@
 // tov::INonRemoteEventPublisher: hands a product event to the host for
 // publishing on this machine. The event stays the caller's; the publisher
-// copies what it needs before it returns.
+// copies what it needs before it returns. The event's text and field list
+// may come from an allocator of the module's own: a copy kept after the call
+// keeps its allocator, and with it the module (zelCanUnloadModule says not
+// yet), until the copy is destroyed.
 #pragma once
 
 #include "app_control/interfaces/runtime_event.h"

@@ -70,7 +70,7 @@ std::int64_t CurrentEventTime() noexcept {
 void AppendField(RuntimeEvent& event, tov::FieldName name, std::u16string_view value) {
   RuntimeField& field = event.runtimeFields.emplace_back();
   field.name = static_cast<std::int32_t>(name);
-  field.data.SetWString(zel::wstring_t(value));
+  field.data.SetWString(zel::wstring_t(value, event.runtimeFields.get_allocator().get()));
 }
 
 void AppendField(RuntimeEvent& event, tov::FieldName name, std::int32_t value) {

@@ -41,7 +41,8 @@ std::u16string_view ImageFileName(std::u16string_view imagePath) noexcept;
 // Seconds of the real-time clock, -1 when it can't be read.
 std::int64_t CurrentEventTime() noexcept;
 
-// Typed appends of one field (tags 15, 9 and 10).
+// Typed appends of one field (tags 15, 9 and 10). Text takes its memory
+// from the field list's allocator, so that one arena can hold a whole event.
 void AppendField(RuntimeEvent& event, tov::FieldName name, std::u16string_view value);
 void AppendField(RuntimeEvent& event, tov::FieldName name, std::int32_t value);
 void AppendField(RuntimeEvent& event, tov::FieldName name, std::uint64_t value);

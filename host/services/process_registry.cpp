@@ -117,7 +117,13 @@ class ProcessObject final : public HeapObject<ProcessObject, IProcessObject> {
     if (const zel::result_t fault = FaultAt(FaultPoint::ProcessGetDescription)) return fault;
     if (description == nullptr) return zel::result::InvalidArgument;
     try {
-      *description = m_description;
+      // Filled in place, so that the caller's strings keep their allocator
+      // (the module gives an event's own memory).
+      description->processId = m_description.processId;
+      description->parentUniqueId = m_description.parentUniqueId;
+      description->imagePath.assign(m_description.imagePath.view());
+      description->commandLine.assign(m_description.commandLine.view());
+      description->currentDirectory.assign(m_description.currentDirectory.view());
       return zel::result::NoError;
     } catch (const std::bad_alloc&) {
       return zel::result::OutOfMemory;

@@ -43,6 +43,7 @@ class AppControlTaskTest : public testsupport::ModuleFixture, public testsupport
 
   void TearDown() override {
     task.Reset();
+    publisher.Clear();  // kept events hold the module's memory, and so the module
     EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore);
     EXPECT_EQ(engineTask.ExtraRefs(), 0);
     EXPECT_EQ(subscription.ExtraRefs(), 1) << "the locator's own";

@@ -70,6 +70,7 @@ class AppControlE2eTest : public ::testing::Test {
     for (zel::iid_t iid : {ICategoriesManager::iid, IPwdb::iid, app_core::facade::IServiceManager::iid}) {
       locator.Remove(iid);
     }
+    services.publisher.Clear();  // a kept event holds the module's memory
     EXPECT_EQ(module.CanUnload(), 0) << "every module object is gone";
     fs::remove_all(dir);
   }
