@@ -221,6 +221,15 @@ ProgramDecision Engine::DecideWithFacts(const ProgramStart& start, FileFacts fac
   info.fileName = Wide(pd.facts.name);
   info.filePath = Wide(pd.facts.path);
   info.userId = Wide(uidText);
+  if (start.pid != 0 && !start.uniqueIdLater) info.processUniqueId = ProcessUniqueId(start.pid, start.ppid, start.pidfdSerial);
+  if (pd.decision.ruleIndex >= 0) {
+    pd.category.productCategoryName = settings.rules[static_cast<std::size_t>(pd.decision.ruleIndex)].ruleName;
+  }
+  pd.category.categoryName = pd.decision.categoryName;
+  return pd;
+}
+
+std::uint64_t Engine::ProcessUniqueId(std::uint32_t pid, std::uint32_t ppid, std::uint64_t pidfdSerial) const {
   zel::RefPtr<IProcessRegistry> registry;
   ProcessRegistry* hostRegistry = nullptr;
   {
@@ -228,18 +237,12 @@ ProgramDecision Engine::DecideWithFacts(const ProgramStart& start, FileFacts fac
     registry = m_processRegistry;
     hostRegistry = m_hostRegistry;
   }
-  if (registry && start.pid != 0) {
-    // The facts the start came with spare the registry its own pidfd.
-    std::uint64_t uniqueId = 0;
-    if (hostRegistry != nullptr && start.pidfdSerial != 0)
-      uniqueId = hostRegistry->Adopt(start.pid, start.ppid, start.pidfdSerial);
-    if (uniqueId != 0 || ZEL_SUCCEEDED(registry->GetUniqueId(start.pid, &uniqueId))) info.processUniqueId = uniqueId;
-  }
-  if (pd.decision.ruleIndex >= 0) {
-    pd.category.productCategoryName = settings.rules[static_cast<std::size_t>(pd.decision.ruleIndex)].ruleName;
-  }
-  pd.category.categoryName = pd.decision.categoryName;
-  return pd;
+  if (!registry) return 0;
+  // The facts the start came with spare the registry its own pidfd.
+  std::uint64_t uniqueId = 0;
+  if (hostRegistry != nullptr && pidfdSerial != 0) uniqueId = hostRegistry->Adopt(pid, ppid, pidfdSerial);
+  if (uniqueId != 0 || ZEL_SUCCEEDED(registry->GetUniqueId(pid, &uniqueId))) return uniqueId;
+  return 0;
 }
 
 template <class Hash, class Restat>

@@ -57,6 +57,9 @@ struct ProgramStart {
   // registry need not ask again: its parent and pidfd serial (0: not known).
   std::uint32_t ppid = 0;
   std::uint64_t pidfdSerial = 0;
+  // The caller makes the process's unique id itself, after the start is
+  // answered (ProcessUniqueId); the decision leaves it 0.
+  bool uniqueIdLater = false;
 };
 
 // Everything the engine concluded about one start, as it was reported.
@@ -125,6 +128,10 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   // kernel): its content is hashed through that descriptor, never reopened
   // by path, and `start.path` is taken as its name.
   ProgramDecision DecideOpenFile(int fd, const ProgramStart& start, const EacSettings& settings) const;
+  // The unique id of process `pid` for the reports: from its parent and
+  // pidfd serial when known (nothing is read then), else as the process
+  // registry finds it; 0 without a registry or when the process is unknown.
+  std::uint64_t ProcessUniqueId(std::uint32_t pid, std::uint32_t ppid, std::uint64_t pidfdSerial) const;
   // The settings of the started engine task; null while none is started or
   // it is paused, when nothing is enforced.
   std::shared_ptr<const EacSettings> ActiveSettings() const;

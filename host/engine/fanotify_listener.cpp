@@ -136,8 +136,8 @@ std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, 
   return identity;
 }
 
-std::optional<ProcessIdentity> QueryProcessIdentity(std::uint32_t pid, bool* unsupported) {
-  const std::optional<PidfdFacts> facts = QueryPidfd(pid, unsupported);
+std::optional<ProcessIdentity> QueryProcessIdentity(std::uint32_t pid, bool* unsupported, host::PidfdHandle* keep) {
+  const std::optional<PidfdFacts> facts = QueryPidfd(pid, unsupported, keep);
   if (!facts) return std::nullopt;
   return ProcessIdentity{facts->uid, facts->ppid, facts->serial};
 }
@@ -161,10 +161,10 @@ StartProbe::~StartProbe() {
   if (m_fdDir >= 0) ::close(m_fdDir);
 }
 
-std::optional<ProcessIdentity> StartProbe::Identity(std::uint32_t pid) const {
+std::optional<ProcessIdentity> StartProbe::Identity(std::uint32_t pid, host::PidfdHandle* keep) const {
   if (m_pidfd) {
     bool unsupported = false;
-    std::optional<ProcessIdentity> identity = QueryProcessIdentity(pid, &unsupported);
+    std::optional<ProcessIdentity> identity = QueryProcessIdentity(pid, &unsupported, keep);
     if (identity || !unsupported) return identity;
   }
   return ReadProcessIdentity(m_procRoot, pid);
@@ -207,11 +207,15 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     ProgramStart start;
     start.path = l.m_probe.PathOf(m_fd, &deleted);
     start.pid = m_pid;
-    const std::optional<ProcessIdentity> who = l.m_probe.Identity(m_pid);
+    // The pidfd's serial, which only the report's unique id needs, is read
+    // on the publishing thread: the start waits for nothing it doesn't need.
+    const std::optional<ProcessIdentity> who = l.m_probe.Identity(m_pid, &m_pidfd);
     if (who) {
       start.uid = who->uid;
       start.ppid = who->ppid;
       start.pidfdSerial = who->pidfdSerial;
+      start.uniqueIdLater = m_pidfd.Get() >= 0;
+      m_ppid = who->ppid;
     } else {
       // Decided and reported all the same, with what is known: rules for
       // everyone still apply, rules for a named user can't.
@@ -264,7 +268,8 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
     // time is published after it; but the publisher is woken only once the
     // start is answered: it must not take the processor from the program.
     bool wakePublisher = false;
-    l.m_published.PushWithoutWake(std::move(*m_decision), &wakePublisher);
+    l.m_published.PushWithoutWake(PendingReport{std::move(*m_decision), m_pid, m_ppid, std::move(m_pidfd)},
+                                  &wakePublisher);
     if (allow) l.NoteExecAllowed(m_pid);
     l.Respond(m_fd, allow);
     if (wakePublisher) l.m_published.Wake();
@@ -288,6 +293,8 @@ class FanotifyListener::ExecJob final : public DeadlineJob {
   // Set by Decide, read by an Answer that may come from the watchdog meanwhile.
   std::atomic<bool> m_abandoned{false};
   std::optional<ProgramDecision> m_decision;
+  host::PidfdHandle m_pidfd;  // set by Decide with m_decision
+  std::uint32_t m_ppid = 0;
 };
 
 FanotifyListener::FanotifyListener(Engine& engine, FanotifyOptions options, zel::ITracer* tracer)
@@ -590,9 +597,15 @@ void FanotifyListener::HandleOpen(int fd, std::int32_t pid, bool here) {
 }
 
 void FanotifyListener::PublishLoop() {
-  std::vector<ProgramDecision> batch;
+  std::vector<PendingReport> batch;
   while (m_published.PopBatch(batch, kPublishLinger)) {
-    for (const ProgramDecision& decision : batch) {
+    for (PendingReport& pending : batch) {
+      const ProgramDecision& decision = pending.decision;
+      if (pending.pidfd.Get() >= 0) {
+        pending.decision.info.processUniqueId =
+            m_engine.ProcessUniqueId(pending.pid, pending.ppid, host::PidfdSerial(pending.pidfd.Get()));
+        pending.pidfd.Reset();
+      }
       zel::result_t r = zel::result::Unexpected;
       try {
         r = m_engine.Report(decision);

@@ -55,6 +55,7 @@
 #include "host/engine/deadline_pool.h"
 #include "host/engine/engine.h"
 #include "host/engine/enforce_counters.h"
+#include "host/services/pidfd.h"
 #include "zel/itracer.h"
 
 namespace host::engine {
@@ -100,7 +101,9 @@ std::optional<ProcessIdentity> ReadProcessIdentity(const std::string& procRoot, 
 // The same from the kernel's pidfd information (PIDFD_GET_INFO, Linux 6.13
 // and later), without procfs. nullopt when the process is gone, and with
 // `unsupported` set when this kernel can't tell at all.
-std::optional<ProcessIdentity> QueryProcessIdentity(std::uint32_t pid, bool* unsupported);
+// With `keep`, as QueryPidfd: no serial, and the pidfd handed over.
+std::optional<ProcessIdentity> QueryProcessIdentity(std::uint32_t pid, bool* unsupported,
+                                                    host::PidfdHandle* keep = nullptr);
 
 // The path of an open descriptor, as <procRoot>/self/fd/<fd> names it. A
 // file deleted since it was opened loses the kernel's " (deleted)" mark and
@@ -121,7 +124,9 @@ class StartProbe {
   StartProbe& operator=(const StartProbe&) = delete;
   ~StartProbe();
 
-  std::optional<ProcessIdentity> Identity(std::uint32_t pid) const;
+  // With `keep`, where the identity came from a pidfd, the pidfd is handed
+  // over and the serial left to read once the start is answered.
+  std::optional<ProcessIdentity> Identity(std::uint32_t pid, host::PidfdHandle* keep = nullptr) const;
   // As PathOfDescriptor.
   std::string PathOf(int fd, bool* deleted) const;
   bool UsesPidfd() const noexcept { return m_pidfd; }
@@ -168,6 +173,14 @@ class FanotifyListener {
  private:
   class ExecJob;
   friend class ExecJob;
+  // A decision on its way to the subscribers, with the pidfd of its process
+  // when the process's unique id is still to be made (after the answer).
+  struct PendingReport {
+    ProgramDecision decision;
+    std::uint32_t pid = 0;
+    std::uint32_t ppid = 0;
+    host::PidfdHandle pidfd;
+  };
 
   // Deciding thread: reads one event at a time and decides it itself.
   void DecideLoop(int epoll);
@@ -216,7 +229,7 @@ class FanotifyListener {
   bool m_stopping = false;  // under m_delayMutex
   EnforceCounters m_counters;
   std::unique_ptr<DeadlinePool> m_pool;
-  BoundedQueue<ProgramDecision> m_published;
+  BoundedQueue<PendingReport> m_published;
   std::vector<int> m_epolls;  // the deciding threads' ones first, the overflow reader's last
   std::vector<std::thread> m_deciders;
   std::thread m_reader;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace host {
 namespace {
@@ -35,25 +36,34 @@ bool PidfdsHaveSerials(int pidfd) {
   return answer;
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) noexcept : m_fd(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (m_fd >= 0) ::close(m_fd);
-  }
-  int Get() const noexcept { return m_fd; }
-
- private:
-  const int m_fd;
-};
-
 }  // namespace
 
-std::optional<PidfdFacts> QueryPidfd(std::uint32_t pid, bool* unsupported) {
+PidfdHandle& PidfdHandle::operator=(PidfdHandle&& other) noexcept {
+  if (this != &other) {
+    Reset();
+    m_fd = other.Release();
+  }
+  return *this;
+}
+
+int PidfdHandle::Release() noexcept {
+  const int fd = m_fd;
+  m_fd = -1;
+  return fd;
+}
+
+void PidfdHandle::Reset() noexcept {
+  if (m_fd >= 0) ::close(Release());
+}
+
+std::uint64_t PidfdSerial(int pidfd) {
+  struct stat st {};
+  return PidfdsHaveSerials(pidfd) && ::fstat(pidfd, &st) == 0 ? st.st_ino : 0;
+}
+
+std::optional<PidfdFacts> QueryPidfd(std::uint32_t pid, bool* unsupported, PidfdHandle* keep) {
   *unsupported = false;
-  const Descriptor pidfd(static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0u)));
+  PidfdHandle pidfd(static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0u)));
   if (pidfd.Get() < 0) {
     *unsupported = errno == ENOSYS;
     return std::nullopt;
@@ -69,8 +79,11 @@ std::optional<PidfdFacts> QueryPidfd(std::uint32_t pid, bool* unsupported) {
     return std::nullopt;
   }
   PidfdFacts facts{info.ruid, info.ppid, 0};
-  struct stat st {};
-  if (PidfdsHaveSerials(pidfd.Get()) && ::fstat(pidfd.Get(), &st) == 0) facts.serial = st.st_ino;
+  if (keep != nullptr) {
+    *keep = std::move(pidfd);
+  } else {
+    facts.serial = PidfdSerial(pidfd.Get());
+  }
   return facts;
 }
 

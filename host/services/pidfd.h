@@ -15,6 +15,25 @@
 
 namespace host {
 
+// An open pidfd, closed with its holder (or by Reset).
+class PidfdHandle {
+ public:
+  PidfdHandle() noexcept = default;
+  explicit PidfdHandle(int fd) noexcept : m_fd(fd) {}
+  PidfdHandle(PidfdHandle&& other) noexcept : m_fd(other.Release()) {}
+  PidfdHandle& operator=(PidfdHandle&& other) noexcept;
+  PidfdHandle(const PidfdHandle&) = delete;
+  PidfdHandle& operator=(const PidfdHandle&) = delete;
+  ~PidfdHandle() { Reset(); }
+
+  int Get() const noexcept { return m_fd; }
+  int Release() noexcept;
+  void Reset() noexcept;
+
+ private:
+  int m_fd = -1;
+};
+
 struct PidfdFacts {
   std::uint32_t uid = 0;  // the real user id
   std::uint32_t ppid = 0;
@@ -22,7 +41,13 @@ struct PidfdFacts {
 };
 
 // nullopt when the process is gone, with `unsupported` set when this kernel
-// can't tell at all (no pidfd_open or no PIDFD_GET_INFO).
-std::optional<PidfdFacts> QueryPidfd(std::uint32_t pid, bool* unsupported);
+// can't tell at all (no pidfd_open or no PIDFD_GET_INFO). With `keep`, the
+// serial is left to PidfdSerial and the pidfd handed over, so that a caller
+// in a hurry (a held start) reads it later: the open pidfd keeps the
+// process's identity even after it ends.
+std::optional<PidfdFacts> QueryPidfd(std::uint32_t pid, bool* unsupported, PidfdHandle* keep = nullptr);
+
+// The serial of an open pidfd; 0 where pidfds are not pidfs files.
+std::uint64_t PidfdSerial(int pidfd);
 
 }  // namespace host
