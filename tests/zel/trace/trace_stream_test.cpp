@@ -173,113 +173,63 @@ TEST(TraceStream, ResultFormatIgnoresStreamFormat) {
 
 // ---- growth and loss --------------------------------------------------------------
 
-struct Line {
-  CollectingTracer tracer;
-  TraceRecord record;
-  std::optional<TraceStream> stream;
-
-  explicit Line(std::uint32_t level = 800) {
-    EXPECT_TRUE(zel::TraceTest(record, &tracer, level));
-    stream.emplace(record);
-  }
-  TraceStream& s() { return *stream; }
-  std::vector<CollectingTracer::AllocCall> Grows() const {
-    std::vector<CollectingTracer::AllocCall> grows;
-    for (const auto& c : tracer.AllocCalls())
-      if (c.mode == CollectingTracer::AllocMode::Grow) grows.push_back(c);
-    return grows;
-  }
-};
-
-TEST(TraceStreamGrowth, GrowsAtLevel1000AndKeepsText) {
+// Each row writes one line opened at level 700; growth is asked for at 1000,
+// and a refused growth loses the text but never the line's bookkeeping.
+TEST(TraceStreamGrowth, GrowsAtLevel1000OrLosesTheText) {
+  using Growth = CollectingTracer::Growth;
+  std::string wide(500, 'a');
+  for (int i = 0; i < 300; ++i) wide += "\xc3\xa9";
   struct Row {
-    std::size_t first, second;
+    const char* name;
+    Growth growth;
+    Writer write;
     std::vector<std::uint64_t> grows;
+    std::vector<std::string> texts;
   } rows[] = {
-      {512, 0, {}},             // exactly full: no growth
-      {500, 100, {1024}},       // doubled
-      {100, 3000, {3100}},      // need beats double
-      {1000, 100, {1024, 2048}},
+      {"exactly full", Growth::Grant, [](TraceStream& s) { s << std::string(512, 'a'); }, {}, {std::string(512, 'a')}},
+      {"doubled", Growth::Grant, [](TraceStream& s) { s << std::string(500, 'a') << std::string(100, 'b'); }, {1024},
+       {std::string(500, 'a') + std::string(100, 'b')}},
+      {"need beats double", Growth::Grant, [](TraceStream& s) { s << std::string(100, 'a') << std::string(3000, 'b'); },
+       {3100}, {std::string(100, 'a') + std::string(3000, 'b')}},
+      {"doubled twice", Growth::Grant, [](TraceStream& s) { s << std::string(1000, 'a') << std::string(100, 'b'); },
+       {1024, 2048}, {std::string(1000, 'a') + std::string(100, 'b')}},
+      {"padding counts", Growth::Grant, [](TraceStream& s) { s << trace::setw(600) << "x"; }, {1024},
+       {std::string(599, ' ') + "x"}},
+      // 300 units are 600 bytes of UTF-8: one request for all of them.
+      {"wide text asks once", Growth::Grant,
+       [](TraceStream& s) { s << std::string(500, 'a') << std::u16string(300, u'\u00e9'); }, {1100}, {wide}},
+      // Refused: no room, and no further requests for what comes later.
+      {"refused", Growth::RefuseKeep,
+       [](TraceStream& s) { s << std::string(500, 'a') << std::string(100, 'b') << "later" << 42; }, {1024}, {""}},
+      {"refused, buffer taken back", Growth::RefuseDrop, [](TraceStream& s) { s << std::string(600, 'a') << "b"; },
+       {1024}, {}},
+      {"wrapping size: no room without asking", Growth::Grant,
+       [](TraceStream& s) { s << "abc", s.write("x", std::numeric_limits<std::size_t>::max()); }, {}, {""}},
+      {"huge width refused, not written", Growth::Grant,
+       [](TraceStream& s) { s << "abc" << trace::setw(std::int64_t{1} << 40) << 1; }, {(std::uint64_t{1} << 40) + 3},
+       {""}},
   };
   for (const Row& row : rows) {
-    Line line(700);
-    const std::string a(row.first, 'a'), b(row.second, 'b');
-    line.s() << a << b;
-    zel::TraceFlush(line.s());
-    std::vector<std::uint64_t> sizes;
-    for (const auto& g : line.Grows()) {
-      EXPECT_EQ(g.level, 1000u);
-      sizes.push_back(g.size);
+    SCOPED_TRACE(row.name);
+    CollectingTracer tracer;
+    tracer.SetGrowth(row.growth);
+    TraceRecord record;
+    ASSERT_TRUE(zel::TraceTest(record, &tracer, 700));
+    TraceStream stream(record);
+    row.write(stream);
+    zel::TraceFlush(stream);
+    std::vector<std::uint64_t> grows;
+    for (const auto& call : tracer.AllocCalls()) {
+      if (call.mode != CollectingTracer::AllocMode::Grow) continue;
+      EXPECT_EQ(call.level, 1000u);
+      grows.push_back(call.size);
     }
-    EXPECT_EQ(sizes, row.grows) << row.first << "+" << row.second;
-    ASSERT_EQ(line.tracer.Lines().size(), 1u);
-    EXPECT_EQ(line.tracer.Lines()[0].text, a + b);
-    EXPECT_EQ(line.tracer.Lines()[0].level, 700u);  // the line keeps the level it was opened at
+    EXPECT_EQ(grows, row.grows);
+    EXPECT_EQ(tracer.Texts(), row.texts);
+    for (const auto& line : tracer.Lines()) EXPECT_EQ(line.level, 700u);  // kept from the opening
+    EXPECT_EQ(tracer.CommitLineCount(), row.texts.size());
+    EXPECT_EQ(tracer.OpenLines(), 0u);
   }
-}
-
-TEST(TraceStreamGrowth, PaddingCountsTowardsGrowth) {
-  Line line;
-  line.s() << trace::setw(600) << "x";
-  zel::TraceFlush(line.s());
-  ASSERT_EQ(line.Grows().size(), 1u);
-  EXPECT_EQ(line.Grows()[0].size, 1024u);
-  EXPECT_EQ(line.tracer.Texts().at(0), std::string(599, ' ') + "x");
-}
-
-TEST(TraceStreamGrowth, RefusedGrowthLosesTextAndCommitsEmpty) {
-  Line line;
-  line.tracer.SetGrowth(CollectingTracer::Growth::RefuseKeep);
-  line.s() << std::string(500, 'a') << std::string(100, 'b');
-  EXPECT_EQ(line.s().length(), 0u);
-  EXPECT_EQ(line.s().capacity(), 0u);
-  line.s() << "later" << 42;  // no room, and no further requests
-  EXPECT_EQ(line.Grows().size(), 1u);
-  zel::TraceFlush(line.s());
-  ASSERT_EQ(line.tracer.Texts(), std::vector<std::string>{""});
-  EXPECT_EQ(line.tracer.OpenLines(), 0u);
-}
-
-TEST(TraceStreamGrowth, RefusedGrowthThatTookTheBufferCommitsNothing) {
-  Line line;
-  line.tracer.SetGrowth(CollectingTracer::Growth::RefuseDrop);
-  line.s() << std::string(600, 'a');
-  EXPECT_EQ(line.s().buffer(), nullptr);
-  zel::TraceFlush(line.s());
-  EXPECT_EQ(line.tracer.CommitLineCount(), 0u);
-  EXPECT_EQ(line.tracer.OpenLines(), 0u);
-}
-
-TEST(TraceStreamGrowth, WrappingSizeIsNoRoomWithoutAsking) {
-  Line line;
-  line.s() << "abc";
-  line.s().write("x", std::numeric_limits<std::size_t>::max());
-  EXPECT_TRUE(line.Grows().empty());
-  EXPECT_EQ(line.s().length(), 0u);
-  zel::TraceFlush(line.s());
-  EXPECT_EQ(line.tracer.Texts(), std::vector<std::string>{""});
-}
-
-TEST(TraceStreamGrowth, HugeWidthIsRefusedNotWritten) {
-  Line line;
-  line.s() << "abc" << trace::setw(std::int64_t{1} << 40) << 1;
-  ASSERT_EQ(line.Grows().size(), 1u);
-  EXPECT_EQ(line.Grows()[0].size, (std::uint64_t{1} << 40) + 3);
-  zel::TraceFlush(line.s());
-  EXPECT_EQ(line.tracer.Texts(), std::vector<std::string>{""});
-}
-
-TEST(TraceStreamGrowth, WideTextAsksForRoomOnce) {
-  Line line;
-  line.s() << std::string(500, 'a');
-  const std::u16string wide(300, u'\u00e9');  // 600 bytes as UTF-8
-  line.s() << wide;
-  zel::TraceFlush(line.s());
-  ASSERT_EQ(line.Grows().size(), 1u);
-  EXPECT_EQ(line.Grows()[0].size, 1100u);
-  std::string expected(500, 'a');
-  for (int i = 0; i < 300; ++i) expected += "\xc3\xa9";
-  EXPECT_EQ(line.tracer.Texts(), std::vector<std::string>{expected});
 }
 
 // ---- TraceTest / TraceFlush ---------------------------------------------------------
@@ -288,11 +238,7 @@ TEST(TraceStreamGrowth, WideTextAsksForRoomOnce) {
 class SaysYesGivesNothing final : public host::OwnedObject<SaysYesGivesNothing, zel::ITracer> {
  public:
   zel::result_t AllocLine(std::uint32_t, TraceRecord*, std::uint64_t) override { return 0; }
-  zel::result_t CommitLine(char*, std::uint64_t) override {
-    ++commits;
-    return 0;
-  }
-  int commits = 0;
+  zel::result_t CommitLine(char*, std::uint64_t) override { return 0; }
 };
 
 TEST(TraceTest, AnswersNoWithoutALine) {
@@ -339,21 +285,15 @@ const char* Evaluated() {
   return "value";
 }
 
-TEST(TraceMacro, OffLevelCostsOneCallAndEvaluatesNothing) {
-  CollectingTracer tracer(700);
+TEST(TraceMacro, OffLevelEvaluatesNothingOnLevelCommitsAtEndOfStatement) {
+  CollectingTracer tracer(800);
   g_evaluated = 0;
-  ZEL_TRACE(&tracer, 800) << "Start" << Evaluated();
-  EXPECT_EQ(g_evaluated, 0);
-  EXPECT_EQ(tracer.AllocLineCount(), 1u);
-  EXPECT_EQ(tracer.CommitLineCount(), 0u);
-
+  ZEL_TRACE(&tracer, 900) << "Start" << Evaluated();
   zel::ITracer* none = nullptr;
   ZEL_TRACE(none, 300) << Evaluated();
   EXPECT_EQ(g_evaluated, 0);
-}
+  EXPECT_EQ(tracer.AllocLineCount(), 1u);  // the refused line cost one call
 
-TEST(TraceMacro, OnLevelCommitsAtEndOfStatement) {
-  CollectingTracer tracer;
   ZEL_TRACE(&tracer, 800) << "Start" << "() " << 5;
   EXPECT_EQ(tracer.CommitLineCount(), 1u);
   ZEL_TRACE(&tracer, 300) << "second";
