@@ -138,6 +138,13 @@ TEST(JsonToCategories, ReadsEveryFieldAndKeepsDuplicates) {
     same.Name = u"Tools";
     return same;
   }()));
+
+  // Written and read again, every criterion form comes back; copies are deep.
+  const std::string written = CategoriesToJson(CategoryList(list));
+  const CategoryList again = JsonToCategories(env.sl(), written, "written");
+  ASSERT_EQ(again.size(), 2u);
+  for (std::size_t i = 0; i < 2; ++i) EXPECT_TRUE(category_test::SameCategory(again[i], list[i])) << i;
+  EXPECT_EQ(CategoriesToJson(again), written);
 }
 
 TEST(CategoriesToJson, WritesKeysAscendingAndDropsOnlyAnEmptyDescription) {
@@ -231,81 +238,6 @@ TEST(FilterCategoriesByName, KeepsExactMatchesInOrder) {
   CategoryList odd = make({u"x", u"caf\u00e9"});
   EXPECT_THROW(FilterCategoriesByName(odd, {"x"}), std::bad_cast);
   EXPECT_EQ(names(odd), "0,1,") << "a failed filter must leave the list alone";
-}
-
-// ---- a large document --------------------------------------------------------
-
-// 1000 categories that use every criterion form that reads back.
-std::string GenerateDocument() {
-  static const char* const kFields[] = {"FileName",          "FilePath",          "VendorName",
-                                        "ProductName",       "CertificateThumbprint", "CertificatePublicKey",
-                                        "CertificateIssuer", "CertificateSerial", "PackageName",
-                                        "MarketCategory",    "CertificateSubject"};
-  static const char* const kOperations[] = {"==", "!=", "like", "contains", "startswith", "endswith", "regexp"};
-  const auto hex = [](unsigned seed, std::size_t length) {
-    std::string s;
-    for (std::size_t i = 0; i < length; ++i) s.push_back("0123456789abcdefABCDEF"[(seed * 7 + i * 13) % 22]);
-    return s;
-  };
-  Json::Value root(Json::arrayValue);
-  for (unsigned i = 0; i < 1000; ++i) {
-    Json::Value c(Json::objectValue);
-    c["GUID"] = hex(i, 32);
-    c["Name"] = "category-" + std::to_string(i);
-    if (i % 3 != 0) c["Description"] = "description of " + std::to_string(i);
-    Json::Value include(Json::arrayValue);
-    Json::Value exclude(Json::arrayValue);
-    for (unsigned k = 0; k < 6; ++k) {
-      const unsigned n = i * 6 + k;
-      const std::string label = n % 4 == 0 ? "label" + std::to_string(n) + " " : "";
-      std::string criterion;
-      switch (n % 6) {
-        case 0:
-        case 1:
-          criterion = std::string("(") + kFields[n % 11] + " " + kOperations[n % 7] + " value-" + std::to_string(n) + ")";
-          break;
-        case 2:
-          criterion = std::string("(FileHash ") + kOperations[n % 7] + " " + hex(n, n % 2 ? 32 : 64) + ")";
-          break;
-        case 3:
-          criterion = "(" + std::string(n % 2 ? "FileMd5Hash == " + hex(n, 32) : "FileSha256Hash == " + hex(n, 64)) + ")";
-          break;
-        case 4:
-          criterion = "(Category " + hex(n + 1, 32) + ")";
-          break;
-        default:
-          criterion = "(RemovableDrive)";
-          break;
-      }
-      (k % 2 ? exclude : include).append(label + criterion);
-    }
-    c["Include"] = include;
-    c["Exclude"] = exclude;
-    root.append(c);
-  }
-  return Json::writeString(Json::StreamWriterBuilder(), root);
-}
-
-TEST(CategoryJson, LargeDocumentRoundTrips) {
-  CategoryEnv env;
-  const std::string document = GenerateDocument();
-  const CategoryList first = JsonToCategories(env.sl(), document, "generated");
-  ASSERT_EQ(first.size(), 1000u);
-  std::size_t criteria = 0;
-  for (const Category& c : first) criteria += c.Include.size() + c.Exclude.size();
-  EXPECT_EQ(criteria, 6000u);
-
-  const std::string written = CategoriesToJson(first);
-  const CategoryList second = JsonToCategories(env.sl(), written, "written");
-  ASSERT_EQ(second.size(), first.size());
-  for (std::size_t i = 0; i < first.size(); ++i) {
-    ASSERT_TRUE(category_test::SameCategory(first[i], second[i])) << "category " << i;
-  }
-  EXPECT_EQ(CategoriesToJson(second), written);
-
-  // Copies are deep: the copy outlives the original's expressions.
-  CategoryList copy = second;
-  EXPECT_TRUE(category_test::SameCategory(copy[999], second[999]));
 }
 
 }  // namespace
