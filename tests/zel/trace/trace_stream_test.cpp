@@ -42,17 +42,16 @@ struct Case {
   std::string expected;
 };
 
-void RunCases(const std::vector<Case>& cases) {
-  for (const Case& c : cases) EXPECT_EQ(Render(c.write), c.expected) << c.name;
-}
-
 zel::ResultText EmptyText(zel::result_t) noexcept { return {"", 0}; }
 
-TEST(TraceStream, Integers) {
+TEST(TraceStream, FormatsEachItem) {
   using trace::hex;
   using trace::oct;
+  using trace::setfill;
+  using trace::setw;
   using trace::showbase;
-  RunCases({
+  const Case cases[] = {
+      // Integers.
       {"zero", [](TraceStream& s) { s << 0; }, "0"},
       {"negative", [](TraceStream& s) { s << -42; }, "-42"},
       {"int64 min", [](TraceStream& s) { s << std::numeric_limits<std::int64_t>::min(); }, "-9223372036854775808"},
@@ -71,13 +70,7 @@ TEST(TraceStream, Integers) {
       {"hex|oct together is decimal",
        [](TraceStream& s) { s.setf(TraceStream::hex | TraceStream::oct, TraceStream::basefield), s << 255; }, "255"},
       {"base sticks across items", [](TraceStream& s) { s << hex << 10 << 11 << trace::dec << 12; }, "ab12"},
-  });
-}
-
-TEST(TraceStream, WidthFillAdjust) {
-  using trace::setfill;
-  using trace::setw;
-  RunCases({
+      // Width, fill and adjustment.
       {"right by default", [](TraceStream& s) { s << setw(6) << 42; }, "    42"},
       {"left", [](TraceStream& s) { s << trace::left << setw(6) << 42; }, "42    "},
       {"right explicit", [](TraceStream& s) { s << trace::right << setw(4) << -5; }, "  -5"},
@@ -96,11 +89,7 @@ TEST(TraceStream, WidthFillAdjust) {
       {"bool", [](TraceStream& s) { s << trace::boolalpha << setw(6) << true; }, "  true"},
       {"optional", [](TraceStream& s) { s << setw(6) << std::optional<int>(); }, "  null"},
       {"write ignores width", [](TraceStream& s) { s << setw(5), s.write("ab", 2), s << 1; }, "ab    1"},
-  });
-}
-
-TEST(TraceStream, TextBoolOptional) {
-  RunCases({
+      // Text, bool and optional.
       {"null text", [](TraceStream& s) { s << static_cast<const char*>(nullptr); }, "(null)"},
       {"padded null", [](TraceStream& s) { s << trace::setw(8) << static_cast<const char*>(nullptr); }, "  (null)"},
       {"known length keeps NUL", [](TraceStream& s) { s << std::string_view("a\0b", 3); }, std::string("a\0b", 3)},
@@ -109,13 +98,7 @@ TEST(TraceStream, TextBoolOptional) {
       {"bool words", [](TraceStream& s) { s << trace::boolalpha << true << ',' << false; }, "true,false"},
       {"absent", [](TraceStream& s) { s << std::optional<int>(); }, "null"},
       {"present", [](TraceStream& s) { s << std::optional<int>(7) << std::optional<std::string>("x"); }, "7x"},
-  });
-}
-
-TEST(TraceStream, Floats) {
-  using trace::setfill;
-  using trace::setw;
-  RunCases({
+      // Floats.
       {"default fixed", [](TraceStream& s) { s << 1.5; }, "1.500000"},
       {"precision", [](TraceStream& s) { s << trace::setprecision(2) << 3.14159; }, "3.14"},
       {"float promotes", [](TraceStream& s) { s << trace::setprecision(1) << 0.25f; }, "0.2"},
@@ -129,16 +112,7 @@ TEST(TraceStream, Floats) {
       {"internal after sign",
        [](TraceStream& s) { s << trace::internal << setfill('0') << setw(7) << trace::setprecision(1) << -2.5; },
        "-0002.5"},
-  });
-  // The widest double in fixed notation comes out whole, not cut at a buffer.
-  EXPECT_EQ(Render([](TraceStream& s) { s << 1e300; }).size(), 301u + 7u);
-  EXPECT_EQ(Render([](TraceStream& s) { s << -1.7976931348623157e308; }).size(), 1u + 309u + 7u);
-}
-
-TEST(TraceStream, WideTextAsUtf8WithWidthInUnits) {
-  using trace::setfill;
-  using trace::setw;
-  RunCases({
+      // Wide text as UTF-8, width in UTF-16 units.
       {"ascii", [](TraceStream& s) { s << std::u16string_view(u"skip file "); }, "skip file "},
       {"two-byte", [](TraceStream& s) { s << u"\u00e9t\u00e9"; }, "\xc3\xa9t\xc3\xa9"},
       {"three-byte", [](TraceStream& s) { s << u"\u20ac"; }, "\xe2\x82\xac"},
@@ -153,11 +127,7 @@ TEST(TraceStream, WideTextAsUtf8WithWidthInUnits) {
       {"left fill", [](TraceStream& s) { s << trace::left << setfill('.') << setw(3) << u"\u20ac"; },
        "\xe2\x82\xac.."},
       {"width then reset", [](TraceStream& s) { s << setw(3) << u"a" << u"b"; }, "  ab"},
-  });
-}
-
-TEST(TraceStream, ResultFormatIgnoresStreamFormat) {
-  RunCases({
+      // Result codes ignore the stream's format.
       {"with text", [](TraceStream& s) { s << zel::FormatResult(zel::result::InvalidArgument); },
        "0x80000046 (Invalid argument)"},
       {"zero padded", [](TraceStream& s) { s << zel::FormatResult(1); }, "0x00000001 (False)"},
@@ -168,7 +138,11 @@ TEST(TraceStream, ResultFormatIgnoresStreamFormat) {
          s << trace::setw(20) << trace::setfill('*') << trace::oct << trace::showbase << zel::ResultFormat{255, nullptr};
        },
        "0x000000ff"},
-  });
+  };
+  for (const Case& c : cases) EXPECT_EQ(Render(c.write), c.expected) << c.name;
+  // The widest double in fixed notation comes out whole, not cut at a buffer.
+  EXPECT_EQ(Render([](TraceStream& s) { s << 1e300; }).size(), 301u + 7u);
+  EXPECT_EQ(Render([](TraceStream& s) { s << -1.7976931348623157e308; }).size(), 1u + 309u + 7u);
 }
 
 // ---- growth and loss --------------------------------------------------------------
