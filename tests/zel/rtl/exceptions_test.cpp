@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <typeinfo>
+#include <vector>
 
 #include "host/services/collecting_tracer.h"
 #include "host/services/service_locator.h"
@@ -206,7 +207,7 @@ TEST(Exception, ResultFromExceptionTable) {
   }
 }
 
-TEST(Exception, NestedExceptionsStandOnOneLineAndTheOuterDecides) {
+TEST(Exception, NestedExceptionsStandOnOneLineAndNoneInFlightGivesItsCode) {
   CollectingTracer tracer;
   auto thrower = [] {
     try {
@@ -217,20 +218,15 @@ TEST(Exception, NestedExceptionsStandOnOneLineAndTheOuterDecides) {
   };
   EXPECT_EQ(Convert(thrower, &tracer, "void F()"), R(0x8000004Bu));
   EXPECT_EQ(Convert(thrower, nullptr, "void F()"), R(0x8000004Bu));
-  ASSERT_EQ(tracer.Texts().size(), 1u);
-  EXPECT_EQ(tracer.Texts()[0], "void F() Outer: 0x8000004b (Unspecified error). At o(1) inner");
-}
-
-TEST(Exception, NoExceptionInFlight) {
-  CollectingTracer tracer;
+  // With no exception in flight only the prefix is traced.
   EXPECT_EQ(zel::ResultFromCurrentException(&tracer, "prefix"), R(0x80000150u));
   EXPECT_EQ(zel::ResultFromCurrentException(nullptr, nullptr), R(0x80000150u));
-  ASSERT_EQ(tracer.Texts().size(), 1u);
-  EXPECT_EQ(tracer.Texts()[0], "prefix ");
+  EXPECT_EQ(tracer.Texts(),
+            (std::vector<std::string>{"void F() Outer: 0x8000004b (Unspecified error). At o(1) inner", "prefix "}));
   EXPECT_EQ(tracer.OpenLines(), 0u);
 }
 
-TEST(Exception, OneLineFormHonoursWidthInUtf16Units) {
+TEST(Exception, MessageStreamedInAndTheOneLineFormByUtf16Units) {
   CollectingTracer tracer;
   zel::TraceRecord record;
   ASSERT_TRUE(zel::TraceTest(record, &tracer, 300));
@@ -239,12 +235,11 @@ TEST(Exception, OneLineFormHonoursWidthInUtf16Units) {
   stream << zel::trace::setfill('*') << zel::trace::setw(12) << e << "|";
   zel::TraceFlush(stream);
   EXPECT_EQ(tracer.Texts()[0], "*\xc3\xa9. At f(1) |");  // 11 units + 1 fill
-}
 
-TEST(Exception, StreamingWidensAndCopiesKeepTheMessage) {
-  auto e = zel::RuntimeError("f", 1) << "a" << "bc";
-  e << u"\u00e9";
-  const zel::RuntimeError copy(e);
+  // Streaming widens, and copies keep the message.
+  auto streamed = zel::RuntimeError("f", 1) << "a" << "bc";
+  streamed << u"\u00e9";
+  const zel::RuntimeError copy(streamed);
   EXPECT_TRUE(copy.GetMessage().view() == u"abc\u00e9");
   EXPECT_EQ(copy.GetDetails(), nullptr);
   EXPECT_STREQ(copy.what(), "Unknown exception");
