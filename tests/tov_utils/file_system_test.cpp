@@ -97,14 +97,12 @@ TEST_F(FileSystemTest, PseudoFileSystemsAreNotScannable) {
   }
   EXPECT_EQ(tools::IsScannableFilesystem(dir.path().c_str()), 1);
   EXPECT_EQ(tools::IsScannableFilesystem((dir / "missing").c_str()), zel::ResultFromErrno(ENOENT));
-}
 
-TEST_F(FileSystemTest, ScannableRelativeToADescriptor) {
+  // Relative to a directory descriptor.
   const int proc = ::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  ASSERT_GE(proc, 0);
-  EXPECT_EQ(tools::IsScannableFilesystem(proc, "self"), 0);
   const int tmp = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  ASSERT_GE(tmp, 0);
+  ASSERT_TRUE(proc >= 0 && tmp >= 0);
+  EXPECT_EQ(tools::IsScannableFilesystem(proc, "self"), 0);
   EXPECT_EQ(tools::IsScannableFilesystem(tmp, "."), 1);
   EXPECT_EQ(tools::IsScannableFilesystem(tmp, "nothing"), zel::ResultFromErrno(ENOENT));
   ::close(tmp);
