@@ -20,7 +20,7 @@ using tov::tools::ParseCategoryCriterion;
 
 // ---- ids ---------------------------------------------------------------------
 
-TEST(CategoryIdText, CanonicalAndCompactFormsKeepStorageOrder) {
+TEST(CategoryIdText, CanonicalAndCompactFormsKeepStorageOrderAndOnlyHexReadsBack) {
   EXPECT_EQ(tov::tools::CategoryIdToText(GoldenImageCategoryId), u"eac00500-0000-0000-0000-000000000000");
   EXPECT_EQ(tov::tools::GoldenImageCategoryIdText(), u"eac00500-0000-0000-0000-000000000000");
 
@@ -30,9 +30,8 @@ TEST(CategoryIdText, CanonicalAndCompactFormsKeepStorageOrder) {
   EXPECT_EQ(id.bytes[15], 0xFF);
   EXPECT_EQ(tov::tools::CategoryIdToText(id), u"00112233-4455-6677-8899-aabbccddeeff");
   EXPECT_EQ(tov::tools::CategoryIdToCompactText(id), "00112233445566778899aabbccddeeff");
-}
 
-TEST(CategoryIdText, CompactReaderRejectsAnythingButThirtyTwoHexDigits) {
+  // The compact reader takes nothing but thirty-two hex digits.
   for (const char* bad : {"", "00112233445566778899aabbccddeef", "00112233445566778899aabbccddeeff0",
                           "00112233-4455-6677-8899-aabbccddeeff", "0011223344556677889gaabbccddeeff",
                           " 0112233445566778899aabbccddeeff"}) {

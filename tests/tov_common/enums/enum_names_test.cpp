@@ -68,7 +68,6 @@ TEST(EnumNames, SmallTablesPrintRetiredRowsToo) {
   ExpectRows(tov::kRuleStatusNames, {{0, "On"}, {1, "Off"}, {2, "Test"}});
   EXPECT_EQ(tov::EnumToString(tov::UserAccess::Allow), "Allow");
   EXPECT_EQ(tov::EnumToString(static_cast<tov::AppControlMode>(2)), "");
-  EXPECT_EQ(static_cast<int>(tov::AppControlEnforcement::TestRules), 0);
 }
 
 }  // namespace
