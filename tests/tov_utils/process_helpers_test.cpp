@@ -16,13 +16,8 @@
 
 namespace {
 
-class ProcfsRootTest : public ::testing::Test {
- protected:
-  void TearDown() override { ::unsetenv(tools::kProcfsRootVariable); }
+TEST(ProcfsRoot, FromTheEnvironmentWhenItExists) {
   testsupport::TempDir dir;
-};
-
-TEST_F(ProcfsRootTest, FromTheEnvironmentWhenItExists) {
   ::unsetenv(tools::kProcfsRootVariable);
   EXPECT_EQ(tools::detail::ComputeProcfsRoot(), "/proc/");
   ::setenv(tools::kProcfsRootVariable, "", 1);
@@ -33,6 +28,7 @@ TEST_F(ProcfsRootTest, FromTheEnvironmentWhenItExists) {
   EXPECT_EQ(tools::detail::ComputeProcfsRoot(), dir.path() + "/");
   ::setenv(tools::kProcfsRootVariable, (dir.path() + "/").c_str(), 1);
   EXPECT_EQ(tools::detail::ComputeProcfsRoot(), dir.path() + "/");
+  ::unsetenv(tools::kProcfsRootVariable);
 }
 
 TEST(KernelModules, PrefixesLinesAndMissingFiles) {
