@@ -167,35 +167,21 @@ TEST(BuildCategoryExpression, StoresFieldOperationAndValue) {
 }
 
 TEST(BuildCategoryExpression, ServiceAndLocaleFailuresRaise) {
-  {
-    CategoryEnv env;
-    env.locator.Remove(zel::IAllocator::iid);
-    EXPECT_THROW(BuildCategoryExpression(env.sl(), {"RemovableDrive"}), zel::GetInterfaceException);
-  }
-  {
-    CategoryEnv env;
-    env.metaInfo.Forget(0x2428EDDE);
-    EXPECT_THROW(BuildCategoryExpression(env.sl(), {"Category", std::string(32, '1')}), zel::CheckResultFailedException);
-    // The other classes are still served.
-    EXPECT_TRUE(BuildCategoryExpression(env.sl(), {"RemovableDrive"}).IsValid());
-  }
-  {
-    CategoryEnv env;
-    env.allocator.FailAfter(0);
-    EXPECT_THROW(BuildCategoryExpression(env.sl(), {"FileName", "==", "a"}), std::bad_alloc);
-  }
-  {
-    // The tests run in the "C" locale, which takes ASCII only.
-    CategoryEnv env;
-    EXPECT_THROW(BuildCategoryExpression(env.sl(), {"FileName", "==", "caf\xc3\xa9"}), std::bad_cast);
-  }
-  {
-    // Rejected tokens never reach the services.
-    CategoryEnv env;
-    env.locator.Remove(zel::IAllocator::iid);
-    EXPECT_FALSE(BuildCategoryExpression(env.sl(), {"ProductVersion", "==", "1"}).IsValid());
-    EXPECT_FALSE(BuildCategoryExpression(env.sl(), {}).IsValid());
-  }
+  CategoryEnv env;
+  // The tests run in the "C" locale, which takes ASCII only.
+  EXPECT_THROW(BuildCategoryExpression(env.sl(), {"FileName", "==", "caf\xc3\xa9"}), std::bad_cast);
+  env.metaInfo.Forget(0x2428EDDE);
+  EXPECT_THROW(BuildCategoryExpression(env.sl(), {"Category", std::string(32, '1')}), zel::CheckResultFailedException);
+  // The other classes are still served.
+  EXPECT_TRUE(BuildCategoryExpression(env.sl(), {"RemovableDrive"}).IsValid());
+  env.allocator.FailAfter(0);
+  EXPECT_THROW(BuildCategoryExpression(env.sl(), {"FileName", "==", "a"}), std::bad_alloc);
+  env.allocator.FailAfter(-1);
+  env.locator.Remove(zel::IAllocator::iid);
+  EXPECT_THROW(BuildCategoryExpression(env.sl(), {"RemovableDrive"}), zel::GetInterfaceException);
+  // Rejected tokens never reach the services.
+  EXPECT_FALSE(BuildCategoryExpression(env.sl(), {"ProductVersion", "==", "1"}).IsValid());
+  EXPECT_FALSE(BuildCategoryExpression(env.sl(), {}).IsValid());
 }
 
 // ---- printing ----------------------------------------------------------------
