@@ -143,7 +143,7 @@ TEST_F(BlobToolsTest, AnyToXmlBlobFillsTheBufferOnlyOnSuccess) {
   EXPECT_EQ(zel::ModuleLockCount.load(), lockBefore);
 }
 
-TEST_F(BlobToolsTest, AnyFromXmlBlobOpensOrCreates) {
+TEST_F(BlobToolsTest, AnyFromXmlBlobOpensOrCreatesAndBothStructuredFormsNeedATracer) {
   const tools::BlobRange empty{};
   EXPECT_EQ(tools::AnyFromXmlBlob(&locator, empty, data), 0);
   EXPECT_EQ(factory.createCalls, 1);
@@ -160,9 +160,8 @@ TEST_F(BlobToolsTest, AnyFromXmlBlobOpensOrCreates) {
   EXPECT_EQ(tools::AnyFromXmlBlob(&locator, tools::BlobRange{doc, doc + 4}, data), kFakeFailure);
   ExpectLine({"(serializer->Deserialize( data, node, zel::IStorageSerializer2::Flags::Default, nullptr)),"
               "(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b (Unspecified error)"});
-}
 
-TEST_F(BlobToolsTest, StructuredFormsNeedATracer) {
+  // Both structured forms need a tracer.
   locator.Refuse(zel::ITracer::iid);
   EXPECT_THROW(tools::AnyToXmlBlob(&locator, data, old), zel::GetInterfaceException);
   EXPECT_THROW(tools::AnyFromXmlBlob(&locator, tools::BlobRange{}, data), zel::GetInterfaceException);
