@@ -208,7 +208,7 @@ TEST(PrefixTracer, WalkStepsOnlyPastScopePrefixes) {
   }
 }
 
-TEST(PrefixTracer, HoldsTracerAndModuleLockForItsLife) {
+TEST(PrefixTracer, HoldsTracerAndModuleLockForItsLifeAndThrowsWithoutATracer) {
   Host host;
   const std::uint32_t before = zel::ModuleLockCount.load();
   {
@@ -227,13 +227,11 @@ TEST(PrefixTracer, HoldsTracerAndModuleLockForItsLife) {
   }
   EXPECT_EQ(zel::ModuleLockCount.load(), before);
   EXPECT_EQ(host.tracer.OutstandingRefs(), 1);
-}
 
-TEST(PrefixTracer, LocatorWithoutTracerThrows) {
+  // A locator without a tracer makes the making throw, and holds no lock.
   host::ServiceLocator refusing;
   refusing.Refuse(zel::ITracer::iid, zel::result::OutOfMemory);
   host::ServiceLocator empty;
-  const std::uint32_t before = zel::ModuleLockCount.load();
   const std::pair<host::ServiceLocator*, zel::result_t> rows[] = {
       {&empty, zel::result::InterfaceNotSupported},
       {&refusing, zel::result::OutOfMemory},
