@@ -102,7 +102,7 @@ TEST(CheckLog, FunctionFormsWriteTheSameLines) {
   EXPECT_EQ(texts[1], "a/b.cpp:52(data.IsValid()),(bool) failed: result = false");
 }
 
-TEST(CheckThrow, ResultFailureThrowsWithMessageAndTracesNothing) {
+TEST(CheckThrow, FailuresThrowWithTheirCodeAndMessage) {
   Calls c;
   int line = 0;
   try {
@@ -119,9 +119,8 @@ TEST(CheckThrow, ResultFailureThrowsWithMessageAndTracesNothing) {
   EXPECT_EQ(c.expr, 1);
   EXPECT_NO_THROW(ZEL_CHECK_RESULT_THROW(c.Convert(1)));
   EXPECT_EQ(c.expr, 2);
-}
 
-TEST(CheckThrow, ConditionForms) {
+  // The condition forms and the function form.
   try {
     ZEL_CHECK_THROW(1 + 1 == 3);
     FAIL() << "no throw";
