@@ -35,7 +35,6 @@ class FakeBinarySerializer final : public StackService<FakeBinarySerializer, zel
   std::vector<unsigned char> output;  // what Serialize hands back
   bool allocateOnFailure = false;     // hand back a buffer even when failing
   int serializeCalls = 0;
-  int deserializeCalls = 0;
   std::vector<unsigned char> lastInput;
   const void* lastObject = nullptr;
 
@@ -59,7 +58,6 @@ class FakeBinarySerializer final : public StackService<FakeBinarySerializer, zel
   }
   zel::result_t Deserialize(const zel::byte_range_t& blob, const zel::anydescrptr& data, std::uint32_t& len,
                             zel::SerializationMode) override {
-    ++deserializeCalls;
     lastObject = data.get();
     lastInput.assign(blob.begin(), blob.end());
     len = static_cast<std::uint32_t>(blob.size());
@@ -141,19 +139,15 @@ class FakeStorageSerializer2 final : public StackService<FakeStorageSerializer2,
  public:
   zel::result_t serializeResult = 0;
   zel::result_t deserializeResult = 0;
-  int serializeCalls = 0;
-  int deserializeCalls = 0;
   const void* lastObject = nullptr;
 
   // Like the host's, fails on a missing node.
   zel::result_t Serialize(const zel::anydescrptr& data, zel::IStorageNode* node, std::uint32_t, void*) override {
-    ++serializeCalls;
     lastObject = data.get();
     if (node == nullptr) return zel::result::InvalidArgument;
     return serializeResult;
   }
   zel::result_t Deserialize(const zel::anydescrptr& data, zel::IStorageNode* node, Flags, void*) override {
-    ++deserializeCalls;
     lastObject = data.get();
     if (node == nullptr) return zel::result::InvalidArgument;
     return deserializeResult;

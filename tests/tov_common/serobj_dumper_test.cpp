@@ -45,37 +45,31 @@ TEST_F(SerObjDumperTest, DumpIsTheStructuredText) {
   EXPECT_EQ(dump.Text().c_str()[dump.Text().size()], '\0');
 }
 
-TEST_F(SerObjDumperTest, NoLookupGivesTheExceptionText) {
-  const tov::SerObjDump<tov::RuntimeField> dump(&locator, &field);
-  const std::string text = Text(dump.Text());
+struct SmallId {
+  static constexpr std::uint32_t SerId = 0x0000ABCD;
+};
+
+TEST_F(SerObjDumperTest, FailedDumpsGiveTheExceptionText) {
   const std::string head = "cannot dump name=tov::RuntimeField serid=0xd1345cf5 exception: ";
-  ASSERT_EQ(text.rfind(head, 0), 0u) << text;
+  const std::string noLookup = Text(tov::SerObjDump<tov::RuntimeField>(&locator, &field).Text());
+  ASSERT_EQ(noLookup.rfind(head, 0), 0u) << noLookup;
   try {
     zel::GetTypeDescriptor(&locator, tov::RuntimeField::SerId);
     FAIL();
   } catch (const std::exception& e) {
     // Same site, same what(): the dump ends in it.
-    EXPECT_EQ(text.substr(head.size()), std::string(e.what()));
+    EXPECT_EQ(noLookup.substr(head.size()), std::string(e.what()));
   }
-}
+  // The id is lower-case hex without leading zeros.
+  const SmallId small;
+  const std::string smallText = Text(tov::SerObjDump<SmallId>(&locator, &small).Text());
+  EXPECT_NE(smallText.find("serid=0xabcd exception: "), std::string::npos) << smallText;
 
-TEST_F(SerObjDumperTest, FailingSerialiserGivesTheSameShape) {
   Provide();
   storage.serializeResult = testsupport::kFakeFailure;
-  const tov::SerObjDump<tov::RuntimeField> dump(&locator, &field);
-  const std::string text = Text(dump.Text());
-  EXPECT_EQ(text.rfind("cannot dump name=tov::RuntimeField serid=0xd1345cf5 exception: ", 0), 0u) << text;
-  EXPECT_NE(text.find("Expression failed"), std::string::npos) << text;
-}
-
-struct SmallId {
-  static constexpr std::uint32_t SerId = 0x0000ABCD;
-};
-
-TEST_F(SerObjDumperTest, IdIsLowerCaseHexWithoutLeadingZeros) {
-  const SmallId value;
-  const tov::SerObjDump<SmallId> dump(&locator, &value);
-  EXPECT_NE(Text(dump.Text()).find("serid=0xabcd exception: "), std::string::npos) << Text(dump.Text());
+  const std::string failed = Text(tov::SerObjDump<tov::RuntimeField>(&locator, &field).Text());
+  EXPECT_EQ(failed.rfind(head, 0), 0u) << failed;
+  EXPECT_NE(failed.find("Expression failed"), std::string::npos) << failed;
 }
 
 TEST(RuntimeFieldTest, DescriptorsAndDefaults) {

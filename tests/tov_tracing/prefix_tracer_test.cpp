@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "host/services/collecting_tracer.h"
+#include "host/services/host_object.h"
 #include "host/services/service_locator.h"
-#include "support/fake_tracers.h"
 #include "tov_tracing/tracer_provider.h"
 #include "zel/module_lock.h"
 #include "zel/rtl/error_handling/exceptions.h"
@@ -41,6 +41,25 @@ bool Trace(zel::ITracer* tracer, std::uint32_t level, std::string_view text) {
   zel::TraceFlush(stream);
   return true;
 }
+
+// A prefix tracer face whose prefix and underlying tracer the test sets
+// freely (also to itself or to null); lines go to `sink`.
+class FakePrefixTracer final : public host::OwnedObject<FakePrefixTracer, zel::ITracer, zel::trace::IPrefixTracer> {
+ public:
+  FakePrefixTracer(std::string prefix, zel::ITracer* sink) : prefix(std::move(prefix)), m_sink(sink) {}
+  zel::result_t AllocLine(std::uint32_t level, zel::TraceRecord* record, std::uint64_t size) override {
+    return m_sink->AllocLine(level, record, size);
+  }
+  zel::result_t CommitLine(char* buffer, std::uint64_t length) override { return m_sink->CommitLine(buffer, length); }
+  const char* GetPrefix() override { return prefix.c_str(); }
+  zel::ITracer* GetTracer() override { return under; }
+
+  std::string prefix;
+  zel::ITracer* under = nullptr;
+
+ private:
+  zel::ITracer* m_sink;
+};
 
 struct Host {
   CollectingTracer tracer;
@@ -169,7 +188,7 @@ TEST(PrefixTracer, WalkStepsOnlyPastScopePrefixes) {
   };
   for (const Row& row : rows) {
     CollectingTracer through, other;
-    testsupport::FakePrefixTracer fake(row.prefix, &through);
+    FakePrefixTracer fake(row.prefix, &through);
     fake.under = row.under == Other ? static_cast<zel::ITracer*>(&other)
                  : row.under == Self ? static_cast<zel::ITracer*>(&fake)
                                      : nullptr;
@@ -178,9 +197,9 @@ TEST(PrefixTracer, WalkStepsOnlyPastScopePrefixes) {
     {
       RefPtr<zel::ITracer> tracer = Make(locator, "B");
       ASSERT_TRUE(Trace(tracer.Get(), 800, "x"));
-      EXPECT_EQ(fake.ExtraRefs(), row.skipped ? 1 : 2) << row.prefix;  // the locator's, and B's if kept
+      EXPECT_EQ(fake.OutstandingRefs(), row.skipped ? 1 : 2) << row.prefix;  // the locator's, and B's if kept
     }
-    EXPECT_EQ(fake.ExtraRefs(), 1);
+    EXPECT_EQ(fake.OutstandingRefs(), 1);
     EXPECT_EQ(other.OutstandingRefs(), 0);
     const auto& reached = row.skipped ? other : through;
     const auto& passed = row.skipped ? through : other;
@@ -189,7 +208,7 @@ TEST(PrefixTracer, WalkStepsOnlyPastScopePrefixes) {
   }
 }
 
-TEST(PrefixTracer, HoldsTracerAndModuleLockForItsLife) {
+TEST(PrefixTracer, HoldsTracerAndModuleLockForItsLifeAndThrowsWithoutATracer) {
   Host host;
   const std::uint32_t before = zel::ModuleLockCount.load();
   {
@@ -208,13 +227,11 @@ TEST(PrefixTracer, HoldsTracerAndModuleLockForItsLife) {
   }
   EXPECT_EQ(zel::ModuleLockCount.load(), before);
   EXPECT_EQ(host.tracer.OutstandingRefs(), 1);
-}
 
-TEST(PrefixTracer, LocatorWithoutTracerThrows) {
+  // A locator without a tracer makes the making throw, and holds no lock.
   host::ServiceLocator refusing;
   refusing.Refuse(zel::ITracer::iid, zel::result::OutOfMemory);
   host::ServiceLocator empty;
-  const std::uint32_t before = zel::ModuleLockCount.load();
   const std::pair<host::ServiceLocator*, zel::result_t> rows[] = {
       {&empty, zel::result::InterfaceNotSupported},
       {&refusing, zel::result::OutOfMemory},
@@ -237,13 +254,19 @@ class Traced : public zel::TracerProvider {
   explicit Traced(zel::IServiceLocator* sl) : zel::TracerProvider(sl, "Traced") {}
 };
 
-TEST(TracerProvider, TracesWithTheClassName) {
+TEST(TracerProvider, TracesWithTheClassNameUpToTheLiveHostLimit) {
   Host host;
+  host.tracer.ExposeLevelLimit(700);
   {
     Traced traced(&host.locator);
     EXPECT_EQ(traced.GetServiceLocator(), &host.locator);
-    ZEL_TRACE(traced.GetTracer(), 800) << "Start" << "() ";
-    EXPECT_EQ(host.tracer.Texts(), std::vector<std::string>{"Traced::Start() "});
+    host.tracer.Clear();
+    ZEL_TRACE(traced.GetTracer(), 800) << "off";
+    EXPECT_EQ(host.tracer.AllocLineCount(), 0u);  // stopped at the site
+    ZEL_TRACE(traced.GetTracer(), 300) << "Start" << "() ";
+    host.tracer.SetLevelLimit(800);
+    ZEL_TRACE(traced.GetTracer(), 800) << "on";
+    EXPECT_EQ(host.tracer.Texts(), (std::vector<std::string>{"Traced::Start() ", "Traced::on"}));
   }
   EXPECT_EQ(host.locator.OutstandingRefs(), 0);
   EXPECT_EQ(host.tracer.OutstandingRefs(), 1);
@@ -286,26 +309,11 @@ TEST(TraceHandle, WithoutALimitTheTracerDecidesEveryLevel) {
   TraceRecord record;
   EXPECT_FALSE(zel::TraceTest(record, handle, 1001));  // above the ceiling: not even asked
   EXPECT_EQ(host.tracer.AllocLineCount(), 3u);
-}
 
-TEST(TraceHandle, WithoutATracerNothingIsTraced) {
-  TraceRecord record;
+  // Without a tracer nothing is traced.
   EXPECT_FALSE(zel::TraceTest(record, zel::trace::MakeTraceHandle(nullptr), 300));
   EXPECT_FALSE(zel::TraceTest(record, zel::TraceHandle{}, 300));
   EXPECT_EQ(record.buffer, nullptr);
-}
-
-TEST(TracerProvider, LevelsAboveTheHostLimitStopAtTheSite) {
-  Host host;
-  host.tracer.ExposeLevelLimit(700);
-  Traced traced(&host.locator);
-  host.tracer.Clear();
-  ZEL_TRACE(traced.GetTracer(), 800) << "off";
-  EXPECT_EQ(host.tracer.AllocLineCount(), 0u);
-  ZEL_TRACE(traced.GetTracer(), 300) << "Failed";
-  host.tracer.SetLevelLimit(800);
-  ZEL_TRACE(traced.GetTracer(), 800) << "on";
-  EXPECT_EQ(host.tracer.Texts(), (std::vector<std::string>{"Traced::Failed", "Traced::on"}));
 }
 
 }  // namespace

@@ -12,16 +12,12 @@
 #include <string>
 
 #include "support/temp_tree.h"
+#include "tov_utils/file_system.h"
 
 namespace {
 
-class ProcfsRootTest : public ::testing::Test {
- protected:
-  void TearDown() override { ::unsetenv(tools::kProcfsRootVariable); }
+TEST(ProcfsRoot, FromTheEnvironmentWhenItExists) {
   testsupport::TempDir dir;
-};
-
-TEST_F(ProcfsRootTest, FromTheEnvironmentWhenItExists) {
   ::unsetenv(tools::kProcfsRootVariable);
   EXPECT_EQ(tools::detail::ComputeProcfsRoot(), "/proc/");
   ::setenv(tools::kProcfsRootVariable, "", 1);
@@ -32,6 +28,7 @@ TEST_F(ProcfsRootTest, FromTheEnvironmentWhenItExists) {
   EXPECT_EQ(tools::detail::ComputeProcfsRoot(), dir.path() + "/");
   ::setenv(tools::kProcfsRootVariable, (dir.path() + "/").c_str(), 1);
   EXPECT_EQ(tools::detail::ComputeProcfsRoot(), dir.path() + "/");
+  ::unsetenv(tools::kProcfsRootVariable);
 }
 
 TEST(KernelModules, PrefixesLinesAndMissingFiles) {
@@ -71,20 +68,10 @@ TEST(ProcessHelpers, PathBehindADescriptor) {
 TEST(ProcessHelpers, PathBehindADescriptorTooLongForTheBuffer) {
   testsupport::TempDir dir;
   const std::string deep = testsupport::MakeDeepChain(dir.path(), 200, 5000, "leaf");
-  const int top = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  ASSERT_GE(top, 0);
-  // Reach the leaf one component at a time.
-  int fd = top;
-  std::size_t start = dir.path().size() + 1;
-  while (start < deep.size()) {
-    const std::size_t end = deep.find('/', start);
-    const std::string name = deep.substr(start, end == std::string::npos ? std::string::npos : end - start);
-    const int next = ::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ::close(fd);
-    ASSERT_GE(next, 0);
-    fd = next;
-    start = end == std::string::npos ? deep.size() : end + 1;
-  }
+  tools::LongPathCursor cursor;  // reaches the leaf's directory a chunk at a time
+  ASSERT_EQ(tools::OpenLongPath(cursor, deep.c_str()), 0);
+  const int fd = ::openat(cursor.fd, cursor.Name(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
   zel::basic_string_t<char> path;
   EXPECT_EQ(tools::GetPathByFd(fd, path), zel::result::LinkTargetTooLong);
   ::close(fd);

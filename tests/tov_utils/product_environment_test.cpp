@@ -74,12 +74,6 @@ TEST_F(InstallStateTest, TargetsDifferingOnlyInLengthAreDifferent) {
   EXPECT_EQ(tools::GetInstallState(dir.path()), InstallState::FailedWithPrevious);
 }
 
-TEST_F(InstallStateTest, TheProductDirectoryIsTheDefault) {
-  // Whatever this machine holds, the default reads the product's own place.
-  EXPECT_EQ(tools::GetInstallState(), tools::GetInstallState(tools::kProductStateDir));
-  EXPECT_STREQ(tools::kProductStateDir, "/var/opt/tessarine/vorn");
-}
-
 TEST_F(InstallStateTest, ContainerMarker) {
   EXPECT_FALSE(tools::IsInsideContainer(dir.path()));
   testsupport::MakeDir(dir / "private");

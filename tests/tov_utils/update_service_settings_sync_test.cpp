@@ -28,6 +28,14 @@ constexpr std::uint32_t kKey = 0x0A65F4BA;
 const std::string kFile = "tov_utils/update_service_settings_sync.h:";
 const std::string kEnter = "UpdateServiceSettingsSync() serviceKey=0xa65f4ba, sync=1";
 
+Counter Stored(host::ServiceManager& store) {
+  Counter c;
+  SettingsHolder holder{&c, Counter::SerId, nullptr};
+  std::uint32_t revision = 0;
+  EXPECT_GE(store.GetServiceSettings2(kKey, &holder, &revision), 0);
+  return c;
+}
+
 class UpdateServiceSettingsSyncTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -38,14 +46,6 @@ class UpdateServiceSettingsSyncTest : public ::testing::Test {
 
   zel::result_t Run(auto modifier) {
     return tools::UpdateServiceSettingsSync<Counter>(&m_tracer, &m_locator, kKey, modifier);
-  }
-
-  Counter Stored() {
-    Counter c;
-    SettingsHolder holder{&c, Counter::SerId, nullptr};
-    std::uint32_t revision = 0;
-    EXPECT_GE(m_store.GetServiceSettings2(kKey, &holder, &revision), 0);
-    return c;
   }
 
   void Seed(std::uint32_t value) {
@@ -91,13 +91,19 @@ TEST_F(UpdateServiceSettingsSyncTest, StaleRevisionsRestartFromAFreshRecord) {
   EXPECT_EQ(m_store.Reads(), 3u);
   EXPECT_EQ(m_store.Writes(), 3u);
   EXPECT_EQ(m_store.Flushes(), 1u);
-  EXPECT_EQ(Stored().value, 11u);
+  EXPECT_EQ(Stored(m_store).value, 11u);
   EXPECT_EQ(m_tracer.Texts(),
             (std::vector<std::string>{kEnter, "UpdateServiceSettingsSync() <- 0x00000000 (No error) "}));
 }
 
-TEST_F(UpdateServiceSettingsSyncTest, AWriterThatGetsInBetweenIsNotOverwritten) {
-  Seed(1);
+TEST_F(UpdateServiceSettingsSyncTest, NothingStoredStartsFromDefaultsAndAWriterInBetweenIsKept) {
+  EXPECT_EQ(Run([](Counter& c) {
+              EXPECT_EQ(c.value, 0u);
+              c.value = 5;
+              return true;
+            }),
+            0);
+  EXPECT_EQ(Stored(m_store).value, 5u);
   int calls = 0;
   EXPECT_EQ(Run([&](Counter& c) {
               if (++calls == 1) Seed(100);  // another writer, after our read
@@ -106,41 +112,36 @@ TEST_F(UpdateServiceSettingsSyncTest, AWriterThatGetsInBetweenIsNotOverwritten) 
             }),
             0);
   EXPECT_EQ(calls, 2);
-  EXPECT_EQ(Stored().marks, 100u);
-}
-
-TEST_F(UpdateServiceSettingsSyncTest, NothingStoredYetStartsFromDefaults) {
-  EXPECT_EQ(Run([](Counter& c) {
-              EXPECT_EQ(c.value, 0u);
-              c.value = 5;
-              return true;
-            }),
-            0);
-  EXPECT_EQ(Stored().value, 5u);
+  EXPECT_EQ(Stored(m_store).marks, 100u);
 }
 
 struct FailureCase {
   const char* name;
-  void (*inject)(host::ServiceManager&);
+  void (*inject)(host::ServiceManager&, host::ServiceLocator&);
   zel::result_t expected;
   int modifierCalls;
   std::uint64_t flushes;
+  std::uint32_t stored;  // a failed flush leaves the change written
   std::string line;
 };
 
 TEST_F(UpdateServiceSettingsSyncTest, FailuresAreLoggedAtTheirSiteAndReturned) {
   const std::vector<FailureCase> cases = {
-      {"read", [](host::ServiceManager& s) { s.FailNextRead(zel::result::MediaError); }, zel::result::MediaError, 0,
-       0,
+      {"read", [](host::ServiceManager& s, host::ServiceLocator&) { s.FailNextRead(zel::result::MediaError); },
+       zel::result::MediaError, 0, 0, 0,
        kFile + "28(res),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000059 (Media error)UpdateServiceSettings2 failed"},
-      {"write", [](host::ServiceManager& s) { s.FailNextWrite(zel::result::AccessDenied); }, zel::result::AccessDenied,
-       1, 0,
+      {"write", [](host::ServiceManager& s, host::ServiceLocator&) { s.FailNextWrite(zel::result::AccessDenied); },
+       zel::result::AccessDenied, 1, 0, 0,
        kFile +
            "28(res),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000045 (Access denied)UpdateServiceSettings2 failed"},
-      {"flush", [](host::ServiceManager& s) { s.FailNextFlush(zel::result::OutOfSpace); }, zel::result::OutOfSpace, 1,
-       1,
+      {"flush", [](host::ServiceManager& s, host::ServiceLocator&) { s.FailNextFlush(zel::result::OutOfSpace); },
+       zel::result::OutOfSpace, 1, 1, 9,
        kFile + "32(esm->FlushSettings()),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000062 (Out of space)"
                "FlushSettings failed"},
+      {"no store", [](host::ServiceManager&, host::ServiceLocator& l) { l.Remove(IServiceManager::iid); },
+       zel::result::InterfaceNotSupported, 0, 0, 0,
+       kFile + "24(GetInterface(sl, esm.Ref())),(ZEL_SUCCEEDED(_result)) failed: result = 0x80000001 (Interface not "
+               "supported)Cannot get IServiceManager interface"},
   };
   for (const FailureCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -150,7 +151,7 @@ TEST_F(UpdateServiceSettingsSyncTest, FailuresAreLoggedAtTheirSiteAndReturned) {
     host::ServiceLocator locator;
     locator.Register<IServiceManager>(&store);
     host::CollectingTracer tracer;
-    c.inject(store);
+    c.inject(store, locator);
     int calls = 0;
     EXPECT_EQ(tools::UpdateServiceSettingsSync<Counter>(&tracer, &locator, kKey,
                                                         [&](Counter& r) {
@@ -166,23 +167,8 @@ TEST_F(UpdateServiceSettingsSyncTest, FailuresAreLoggedAtTheirSiteAndReturned) {
     EXPECT_EQ(lines[0].text, kEnter);
     EXPECT_EQ(lines[1].level, 300u);
     EXPECT_EQ(lines[1].text, c.line);
+    EXPECT_EQ(Stored(store).value, c.stored);
   }
-}
-
-TEST_F(UpdateServiceSettingsSyncTest, FailedFlushLeavesTheChangeWritten) {
-  m_store.FailNextFlush(zel::result::OutOfSpace);
-  EXPECT_EQ(Run([](Counter& c) { return c.value = 3, true; }), zel::result::OutOfSpace);
-  EXPECT_EQ(Stored().value, 3u);
-}
-
-TEST_F(UpdateServiceSettingsSyncTest, MissingServiceManagerIsLogged) {
-  host::ServiceLocator empty;
-  EXPECT_EQ(tools::UpdateServiceSettingsSync<Counter>(&m_tracer, &empty, kKey, [](Counter&) { return true; }),
-            zel::result::InterfaceNotSupported);
-  EXPECT_EQ(m_tracer.Texts(),
-            (std::vector<std::string>{kEnter, kFile + "24(GetInterface(sl, esm.Ref())),(ZEL_SUCCEEDED(_result)) failed: "
-                                                      "result = 0x80000001 (Interface not supported)"
-                                                      "Cannot get IServiceManager interface"}));
 }
 
 TEST_F(UpdateServiceSettingsSyncTest, ModifierExceptionPassesWithReferencesReleased) {
@@ -244,7 +230,7 @@ TEST_F(UpdateServiceSettingsSyncTest, DescriptorsTheStoreHandsOutAreReleased) {
             0);
   EXPECT_EQ(m_store.Reads(), 2u);
   EXPECT_EQ(descriptor.OutstandingRefs(), 0);
-  EXPECT_EQ(Stored().value, 2u);
+  EXPECT_EQ(Stored(m_store).value, 2u);
 }
 
 }  // namespace

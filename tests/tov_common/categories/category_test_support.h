@@ -1,7 +1,7 @@
 // Test fixtures for the category code: a service locator that serves a
 // counting allocator and the type descriptors of the five expression classes
 // (the real host serves those from its own registry), plus record builders
-// and a structural comparison of categories.
+// and a comparison of categories.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -51,35 +51,14 @@ inline app_ctrl::CategoryId IdFromHex(const char* hex) {
   return id;
 }
 
-// Structural equality of two expressions, class by class.
-inline bool SameExpression(const zel::anydescrptr& a, const zel::anydescrptr& b) {
-  if (a.IsValid() != b.IsValid()) return false;
-  if (!a.IsValid()) return true;
-  if (a.descriptor() == nullptr || b.descriptor() == nullptr || a.descriptor()->serId != b.descriptor()->serId) {
-    return false;
-  }
-  switch (a.descriptor()->serId) {
-    case app_ctrl::category_class::FileInfoOperation: {
-      const auto& x = *a.get_as<app_ctrl::CategoryFileInfoOperationExpression>();
-      const auto& y = *b.get_as<app_ctrl::CategoryFileInfoOperationExpression>();
-      return x.field == y.field && x.operation == y.operation && x.value == y.value;
-    }
-    case app_ctrl::category_class::LinkedCategory:
-      return a.get_as<app_ctrl::CategoryLinkedCategoryExpression>()->category ==
-             b.get_as<app_ctrl::CategoryLinkedCategoryExpression>()->category;
-    case app_ctrl::category_class::StorageType:
-      return a.get_as<app_ctrl::CategoryStorageTypeExpression>()->storageType ==
-             b.get_as<app_ctrl::CategoryStorageTypeExpression>()->storageType;
-    default:
-      return false;
-  }
-}
-
+// Criteria are equal when they print alike: the printed form names the label,
+// the class, the field, the operation and the value (the criterion tests hold
+// the printer to that).
 inline bool SameCriteria(const zel::types::vector_t<app_ctrl::CategoryCriterion>& a,
                          const zel::types::vector_t<app_ctrl::CategoryCriterion>& b) {
   if (a.size() != b.size()) return false;
   for (std::size_t i = 0; i < a.size(); ++i) {
-    if (a[i].criterionName != b[i].criterionName || !SameExpression(a[i].expression, b[i].expression)) return false;
+    if (tov::tools::CategoryCriterionToText(a[i]) != tov::tools::CategoryCriterionToText(b[i])) return false;
   }
   return true;
 }

@@ -56,43 +56,35 @@ TEST(CheckLog, ResultLineIsByteExactAndExpressionRunsOnce) {
   // Success, and "False", pass without a line; the function goes on.
   EXPECT_EQ(LogReturn(&tracer, c, 1, line), 7);
   EXPECT_EQ(tracer.Lines().size(), 1u);
-}
 
-TEST(CheckLog, LevelIsTestedBeforeTheMessageIsBuilt) {
-  CollectingTracer tracer(200);  // level 300 not wanted
-  Calls c;
-  int line = 0;
-  EXPECT_EQ(LogReturn(&tracer, c, kInvalidArgument, line), kInvalidArgument);
+  // The level is tested before the message is built.
+  CollectingTracer quiet(200);
+  EXPECT_EQ(LogReturn(&quiet, c, kInvalidArgument, line), kInvalidArgument);
   EXPECT_EQ(LogReturn(nullptr, c, kInvalidArgument, line), kInvalidArgument);
-  EXPECT_TRUE(tracer.Lines().empty());
-  EXPECT_EQ(c.expr, 2);
-  EXPECT_EQ(c.message, 0);
+  EXPECT_TRUE(quiet.Lines().empty());
+  EXPECT_EQ(c.expr, 4);
+  EXPECT_EQ(c.message, 1);
 }
 
-TEST(CheckLog, BoolLine) {
+TEST(CheckLog, BoolLineAndTheExpressionForms) {
   CollectingTracer tracer;
   Calls c;
   int line = 0;
   EXPECT_EQ(BoolLogReturn(&tracer, c, false, line), kInvalidState);
   EXPECT_EQ(BoolLogReturn(&tracer, c, true, line), 7);
-  ASSERT_EQ(tracer.Texts().size(), 1u);
-  EXPECT_EQ(tracer.Texts()[0], At(line) + "(c.IsValid(v)),(bool) failed: result = falseData refers to nullptr");
-  EXPECT_EQ(c.expr, 2);
-}
-
-TEST(CheckLog, ExpressionFormsYieldTheirValueAndEndAtTheBracketWithoutMessage) {
-  CollectingTracer tracer;
-  Calls c;
+  // The expression forms yield their value and end at the bracket without a message.
   // clang-format off
-  const int line = __LINE__; const result_t r = ZEL_CHECK_RESULT_LOG(&tracer, c.Convert(kInvalidState));
+  const int exprLine = __LINE__; const result_t r = ZEL_CHECK_RESULT_LOG(&tracer, c.Convert(kInvalidState));
   const bool ok = ZEL_CHECK_BOOL_LOG(&tracer, c.IsValid(true), "never");
   // clang-format on
   EXPECT_EQ(r, kInvalidState);
   EXPECT_TRUE(ok);
-  EXPECT_EQ(c.expr, 2);
-  ASSERT_EQ(tracer.Texts().size(), 1u);
-  EXPECT_EQ(tracer.Texts()[0],
-            At(line) + "(c.Convert(kInvalidState)),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000006a (Invalid state)");
+  EXPECT_EQ(c.expr, 4);
+  ASSERT_EQ(tracer.Texts().size(), 2u);
+  EXPECT_EQ(tracer.Texts()[0], At(line) + "(c.IsValid(v)),(bool) failed: result = falseData refers to nullptr");
+  EXPECT_EQ(tracer.Texts()[1], At(exprLine) +
+                                   "(c.Convert(kInvalidState)),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000006a "
+                                   "(Invalid state)");
 }
 
 TEST(CheckLog, FunctionFormsWriteTheSameLines) {
@@ -110,7 +102,7 @@ TEST(CheckLog, FunctionFormsWriteTheSameLines) {
   EXPECT_EQ(texts[1], "a/b.cpp:52(data.IsValid()),(bool) failed: result = false");
 }
 
-TEST(CheckThrow, ResultFailureThrowsWithMessageAndTracesNothing) {
+TEST(CheckThrow, FailuresThrowWithTheirCodeAndMessage) {
   Calls c;
   int line = 0;
   try {
@@ -127,9 +119,8 @@ TEST(CheckThrow, ResultFailureThrowsWithMessageAndTracesNothing) {
   EXPECT_EQ(c.expr, 1);
   EXPECT_NO_THROW(ZEL_CHECK_RESULT_THROW(c.Convert(1)));
   EXPECT_EQ(c.expr, 2);
-}
 
-TEST(CheckThrow, ConditionForms) {
+  // The condition forms and the function form.
   try {
     ZEL_CHECK_THROW(1 + 1 == 3);
     FAIL() << "no throw";

@@ -93,7 +93,7 @@ TEST_F(FlavourTest, QueryInterfaceMissTouchesTheOutputOnlyInTheCountedFlavours) 
   EXPECT_EQ(LocatedThing::counters.finalReleases.load(), 1);
 }
 
-TEST_F(FlavourTest, ThrowingConstructorIsTracedOnceWithThePrefixAndLeavesNothing) {
+TEST_F(FlavourTest, FailedConstructionLeavesNothing) {
   LocatedThing::throwInConstructor = true;
   void* out = &out;
   EXPECT_EQ(CreateLocated(IFoo::iid, &out), zel::result::InvalidArgument);
@@ -103,11 +103,10 @@ TEST_F(FlavourTest, ThrowingConstructorIsTracedOnceWithThePrefixAndLeavesNothing
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].level, 300u);
   EXPECT_EQ(lines[0].text, "Exception during object construction:  no room for the thing");
-}
 
-TEST_F(FlavourTest, FailedFinalConstructDestroysTheObjectAndGivesItsCode) {
+  // A failed FinalConstruct destroys the object and gives its code.
+  LocatedThing::throwInConstructor = false;
   LocatedThing::finalConstructResult = zel::result::InvalidState;
-  void* out = &out;
   EXPECT_EQ(CreateLocated(0, &out), LocatedThing::finalConstructResult);
   EXPECT_EQ(out, &out);
   EXPECT_EQ(LocatedThing::counters.finalConstructs.load(), 1);

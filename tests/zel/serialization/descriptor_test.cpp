@@ -5,6 +5,7 @@
 #include <new>
 #include <string>
 
+#include "host/serialization/meta_info_provider.h"
 #include "host/services/counting_allocator.h"
 #include "host/services/service_locator.h"
 #include "support/fake_serializers.h"
@@ -148,29 +149,11 @@ TEST(AnyDescrPtrTest, CopyRules) {
   EXPECT_EQ(alloc.OutstandingRefs(), 0);
 }
 
-// The registry interface is faked by a small adapter over a provider.
-class FakeRegistry final : public testsupport::StackService<FakeRegistry, zel::IStructMetaInfoRegistry> {
- public:
-  const zel::TypeDescriptor* known = nullptr;
-  zel::result_t GetRegisteredIds(zel::types::vector_t<std::uint32_t>*) override { return 0; }
-  zel::result_t FindDescriptor(std::uint32_t serId, const zel::TypeDescriptor** d) override {
-    if (known == nullptr || known->serId != serId) return zel::result::NotFound;
-    *d = known;
-    return 0;
-  }
-  zel::result_t RegisterDescriptor(const zel::TypeDescriptor*) override { return 0; }
-  zel::result_t UnregisterDescriptor(std::uint32_t) override { return 0; }
-  zel::result_t FindStructDescriptor(std::uint32_t serId, const zel::TypeDescriptor** d) override {
-    return FindDescriptor(serId, d);
-  }
-  zel::result_t RegisterProvider(zel::IMetaInfoProvider*) override { return 0; }
-  zel::result_t UnregisterProvider(zel::IMetaInfoProvider*) override { return 0; }
-};
-
 TEST(TypeLookup, ProviderFirstThenRegistryThenTexts) {
   host::ServiceLocator locator;
   testsupport::FakeMetaInfoProvider provider;
-  FakeRegistry registry;
+  testsupport::FakeMetaInfoProvider behindRegistry;  // what the host's registry asks on a miss
+  const zel::RefPtr<host::MetaInfoProvider> registry = host::MetaInfoProvider::Create();
 
   // Neither interface.
   try {
@@ -184,7 +167,7 @@ TEST(TypeLookup, ProviderFirstThenRegistryThenTexts) {
 
   // A provider that doesn't know the id, and a registry that doesn't either.
   locator.Register(&provider);
-  locator.Register(&registry);
+  locator.Register<zel::IStructMetaInfoRegistry>(registry.Get());
   try {
     zel::GetTypeDescriptor(&locator, Point::SerId);
     FAIL() << "expected an exception";
@@ -195,7 +178,8 @@ TEST(TypeLookup, ProviderFirstThenRegistryThenTexts) {
   }
   EXPECT_EQ(provider.findCalls, 1);
 
-  registry.known = &g_pointDescriptor;
+  behindRegistry.known = &g_pointDescriptor;
+  ASSERT_EQ(registry->RegisterProvider(&behindRegistry), 0);
   EXPECT_EQ(zel::GetTypeDescriptor(&locator, Point::SerId), &g_pointDescriptor);
   provider.known = &g_pointDescriptor;
   locator.Refuse(zel::IStructMetaInfoRegistry::iid);

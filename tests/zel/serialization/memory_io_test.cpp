@@ -79,7 +79,7 @@ TEST(MemoryIoTest, SeekRules) {
   EXPECT_EQ(n, 0u);
 }
 
-TEST(MemoryIoTest, WriteGrowsAndZeroFillsTheGap) {
+TEST(MemoryIoTest, WriteGrowsAndZeroFillsTheGapOrFailsWithACode) {
   Traits::Vector v;
   auto io = ReadWrite(v);
   std::uint32_t n = 0;
@@ -111,19 +111,18 @@ TEST(MemoryIoTest, WriteGrowsAndZeroFillsTheGap) {
   EXPECT_EQ(io->SetSize(8), 0);
   EXPECT_EQ(v.capacity(), 10u);
   EXPECT_EQ(v[3], 0) << "new bytes are zero";
-}
 
-TEST(MemoryIoTest, FailuresOfMemoryAreCodesAndLeaveTheStore) {
+  // Failures of memory are codes and leave the store.
   host::CountingAllocator alloc;
   {
-    Traits::Vector v(&alloc);
-    auto io = ReadWrite(v);
+    Traits::Vector refused(&alloc);
+    auto refusing = ReadWrite(refused);
     alloc.FailAfter(0);
-    std::uint32_t n = 9;
-    EXPECT_EQ(io->Write("abc", 3, &n), zel::result::OutOfMemory);
+    n = 9;
+    EXPECT_EQ(refusing->Write("abc", 3, &n), zel::result::OutOfMemory);
     EXPECT_EQ(n, 0u);
-    EXPECT_TRUE(v.empty());
-    EXPECT_EQ(io->SetSize(std::numeric_limits<std::uint64_t>::max()), zel::result::InvalidSize);
+    EXPECT_TRUE(refused.empty());
+    EXPECT_EQ(refusing->SetSize(std::numeric_limits<std::uint64_t>::max()), zel::result::InvalidSize);
     alloc.FailAfter(-1);
   }
   EXPECT_EQ(alloc.LiveBlocks(), 0);

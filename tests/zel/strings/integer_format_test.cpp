@@ -59,7 +59,7 @@ TEST(FormatSpec, SignedTable) {
   }
 }
 
-TEST(FormatSpec, UnsignedAndSmallTypes) {
+TEST(FormatSpec, UnsignedSmallTypesAndWideFill) {
   zel::string_t s;
   zel::AppendInteger(s, std::numeric_limits<std::uint64_t>::max(), FormatSpec{});
   EXPECT_EQ(s, "18446744073709551615");
@@ -70,9 +70,8 @@ TEST(FormatSpec, UnsignedAndSmallTypes) {
   s.clear();
   zel::AppendInteger(s, std::int32_t{-5}, FormatSpec{});
   EXPECT_EQ(s, "-5");
-}
 
-TEST(FormatSpec, WideFillBeyondNarrowRange) {
+  // A fill beyond the narrow range.
   zel::wstring_t w;
   zel::AppendInteger(w, std::int64_t{1}, Spec(3, 10, 1, 0x2500));
   EXPECT_EQ(w, u"\u2500\u25001");

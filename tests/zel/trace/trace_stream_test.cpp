@@ -42,17 +42,16 @@ struct Case {
   std::string expected;
 };
 
-void RunCases(const std::vector<Case>& cases) {
-  for (const Case& c : cases) EXPECT_EQ(Render(c.write), c.expected) << c.name;
-}
-
 zel::ResultText EmptyText(zel::result_t) noexcept { return {"", 0}; }
 
-TEST(TraceStream, Integers) {
+TEST(TraceStream, FormatsEachItem) {
   using trace::hex;
   using trace::oct;
+  using trace::setfill;
+  using trace::setw;
   using trace::showbase;
-  RunCases({
+  const Case cases[] = {
+      // Integers.
       {"zero", [](TraceStream& s) { s << 0; }, "0"},
       {"negative", [](TraceStream& s) { s << -42; }, "-42"},
       {"int64 min", [](TraceStream& s) { s << std::numeric_limits<std::int64_t>::min(); }, "-9223372036854775808"},
@@ -71,13 +70,7 @@ TEST(TraceStream, Integers) {
       {"hex|oct together is decimal",
        [](TraceStream& s) { s.setf(TraceStream::hex | TraceStream::oct, TraceStream::basefield), s << 255; }, "255"},
       {"base sticks across items", [](TraceStream& s) { s << hex << 10 << 11 << trace::dec << 12; }, "ab12"},
-  });
-}
-
-TEST(TraceStream, WidthFillAdjust) {
-  using trace::setfill;
-  using trace::setw;
-  RunCases({
+      // Width, fill and adjustment.
       {"right by default", [](TraceStream& s) { s << setw(6) << 42; }, "    42"},
       {"left", [](TraceStream& s) { s << trace::left << setw(6) << 42; }, "42    "},
       {"right explicit", [](TraceStream& s) { s << trace::right << setw(4) << -5; }, "  -5"},
@@ -96,11 +89,7 @@ TEST(TraceStream, WidthFillAdjust) {
       {"bool", [](TraceStream& s) { s << trace::boolalpha << setw(6) << true; }, "  true"},
       {"optional", [](TraceStream& s) { s << setw(6) << std::optional<int>(); }, "  null"},
       {"write ignores width", [](TraceStream& s) { s << setw(5), s.write("ab", 2), s << 1; }, "ab    1"},
-  });
-}
-
-TEST(TraceStream, TextBoolOptional) {
-  RunCases({
+      // Text, bool and optional.
       {"null text", [](TraceStream& s) { s << static_cast<const char*>(nullptr); }, "(null)"},
       {"padded null", [](TraceStream& s) { s << trace::setw(8) << static_cast<const char*>(nullptr); }, "  (null)"},
       {"known length keeps NUL", [](TraceStream& s) { s << std::string_view("a\0b", 3); }, std::string("a\0b", 3)},
@@ -109,13 +98,7 @@ TEST(TraceStream, TextBoolOptional) {
       {"bool words", [](TraceStream& s) { s << trace::boolalpha << true << ',' << false; }, "true,false"},
       {"absent", [](TraceStream& s) { s << std::optional<int>(); }, "null"},
       {"present", [](TraceStream& s) { s << std::optional<int>(7) << std::optional<std::string>("x"); }, "7x"},
-  });
-}
-
-TEST(TraceStream, Floats) {
-  using trace::setfill;
-  using trace::setw;
-  RunCases({
+      // Floats.
       {"default fixed", [](TraceStream& s) { s << 1.5; }, "1.500000"},
       {"precision", [](TraceStream& s) { s << trace::setprecision(2) << 3.14159; }, "3.14"},
       {"float promotes", [](TraceStream& s) { s << trace::setprecision(1) << 0.25f; }, "0.2"},
@@ -129,16 +112,7 @@ TEST(TraceStream, Floats) {
       {"internal after sign",
        [](TraceStream& s) { s << trace::internal << setfill('0') << setw(7) << trace::setprecision(1) << -2.5; },
        "-0002.5"},
-  });
-  // The widest double in fixed notation comes out whole, not cut at a buffer.
-  EXPECT_EQ(Render([](TraceStream& s) { s << 1e300; }).size(), 301u + 7u);
-  EXPECT_EQ(Render([](TraceStream& s) { s << -1.7976931348623157e308; }).size(), 1u + 309u + 7u);
-}
-
-TEST(TraceStream, WideTextAsUtf8WithWidthInUnits) {
-  using trace::setfill;
-  using trace::setw;
-  RunCases({
+      // Wide text as UTF-8, width in UTF-16 units.
       {"ascii", [](TraceStream& s) { s << std::u16string_view(u"skip file "); }, "skip file "},
       {"two-byte", [](TraceStream& s) { s << u"\u00e9t\u00e9"; }, "\xc3\xa9t\xc3\xa9"},
       {"three-byte", [](TraceStream& s) { s << u"\u20ac"; }, "\xe2\x82\xac"},
@@ -153,11 +127,7 @@ TEST(TraceStream, WideTextAsUtf8WithWidthInUnits) {
       {"left fill", [](TraceStream& s) { s << trace::left << setfill('.') << setw(3) << u"\u20ac"; },
        "\xe2\x82\xac.."},
       {"width then reset", [](TraceStream& s) { s << setw(3) << u"a" << u"b"; }, "  ab"},
-  });
-}
-
-TEST(TraceStream, ResultFormatIgnoresStreamFormat) {
-  RunCases({
+      // Result codes ignore the stream's format.
       {"with text", [](TraceStream& s) { s << zel::FormatResult(zel::result::InvalidArgument); },
        "0x80000046 (Invalid argument)"},
       {"zero padded", [](TraceStream& s) { s << zel::FormatResult(1); }, "0x00000001 (False)"},
@@ -168,118 +138,77 @@ TEST(TraceStream, ResultFormatIgnoresStreamFormat) {
          s << trace::setw(20) << trace::setfill('*') << trace::oct << trace::showbase << zel::ResultFormat{255, nullptr};
        },
        "0x000000ff"},
-  });
+  };
+  for (const Case& c : cases) EXPECT_EQ(Render(c.write), c.expected) << c.name;
+  // The widest double in fixed notation comes out whole, not cut at a buffer.
+  EXPECT_EQ(Render([](TraceStream& s) { s << 1e300; }).size(), 301u + 7u);
+  EXPECT_EQ(Render([](TraceStream& s) { s << -1.7976931348623157e308; }).size(), 1u + 309u + 7u);
 }
 
 // ---- growth and loss --------------------------------------------------------------
 
-struct Line {
-  CollectingTracer tracer;
-  TraceRecord record;
-  std::optional<TraceStream> stream;
-
-  explicit Line(std::uint32_t level = 800) {
-    EXPECT_TRUE(zel::TraceTest(record, &tracer, level));
-    stream.emplace(record);
-  }
-  TraceStream& s() { return *stream; }
-  std::vector<CollectingTracer::AllocCall> Grows() const {
-    std::vector<CollectingTracer::AllocCall> grows;
-    for (const auto& c : tracer.AllocCalls())
-      if (c.mode == CollectingTracer::AllocMode::Grow) grows.push_back(c);
-    return grows;
-  }
-};
-
-TEST(TraceStreamGrowth, GrowsAtLevel1000AndKeepsText) {
+// Each row writes one line opened at level 700; growth is asked for at 1000,
+// and a refused growth loses the text but never the line's bookkeeping.
+TEST(TraceStreamGrowth, GrowsAtLevel1000OrLosesTheText) {
+  using Growth = CollectingTracer::Growth;
+  std::string wide(500, 'a');
+  for (int i = 0; i < 300; ++i) wide += "\xc3\xa9";
   struct Row {
-    std::size_t first, second;
+    const char* name;
+    Growth growth;
+    Writer write;
     std::vector<std::uint64_t> grows;
+    std::vector<std::string> texts;
   } rows[] = {
-      {512, 0, {}},             // exactly full: no growth
-      {500, 100, {1024}},       // doubled
-      {100, 3000, {3100}},      // need beats double
-      {1000, 100, {1024, 2048}},
+      {"exactly full", Growth::Grant, [](TraceStream& s) { s << std::string(512, 'a'); }, {}, {std::string(512, 'a')}},
+      {"doubled", Growth::Grant, [](TraceStream& s) { s << std::string(500, 'a') << std::string(100, 'b'); }, {1024},
+       {std::string(500, 'a') + std::string(100, 'b')}},
+      {"need beats double", Growth::Grant, [](TraceStream& s) { s << std::string(100, 'a') << std::string(3000, 'b'); },
+       {3100}, {std::string(100, 'a') + std::string(3000, 'b')}},
+      {"doubled twice", Growth::Grant, [](TraceStream& s) { s << std::string(1000, 'a') << std::string(100, 'b'); },
+       {1024, 2048}, {std::string(1000, 'a') + std::string(100, 'b')}},
+      {"padding counts", Growth::Grant, [](TraceStream& s) { s << trace::setw(600) << "x"; }, {1024},
+       {std::string(599, ' ') + "x"}},
+      // 300 units are 600 bytes of UTF-8: one request for all of them.
+      {"wide text asks once", Growth::Grant,
+       [](TraceStream& s) { s << std::string(500, 'a') << std::u16string(300, u'\u00e9'); }, {1100}, {wide}},
+      // Refused: no room, and no further requests for what comes later.
+      {"refused", Growth::RefuseKeep,
+       [](TraceStream& s) { s << std::string(500, 'a') << std::string(100, 'b') << "later" << 42; }, {1024}, {""}},
+      {"refused, buffer taken back", Growth::RefuseDrop, [](TraceStream& s) { s << std::string(600, 'a') << "b"; },
+       {1024}, {}},
+      {"wrapping size: no room without asking", Growth::Grant,
+       [](TraceStream& s) { s << "abc", s.write("x", std::numeric_limits<std::size_t>::max()); }, {}, {""}},
+      {"huge width refused, not written", Growth::Grant,
+       [](TraceStream& s) { s << "abc" << trace::setw(std::int64_t{1} << 40) << 1; }, {(std::uint64_t{1} << 40) + 3},
+       {""}},
   };
   for (const Row& row : rows) {
-    Line line(700);
-    const std::string a(row.first, 'a'), b(row.second, 'b');
-    line.s() << a << b;
-    zel::TraceFlush(line.s());
-    std::vector<std::uint64_t> sizes;
-    for (const auto& g : line.Grows()) {
-      EXPECT_EQ(g.level, 1000u);
-      sizes.push_back(g.size);
+    SCOPED_TRACE(row.name);
+    CollectingTracer tracer;
+    tracer.SetGrowth(row.growth);
+    TraceRecord record;
+    ASSERT_TRUE(zel::TraceTest(record, &tracer, 700));
+    TraceStream stream(record);
+    row.write(stream);
+    zel::TraceFlush(stream);
+    const auto calls = tracer.AllocCalls();
+    ASSERT_FALSE(calls.empty());
+    EXPECT_EQ(calls[0].mode, CollectingTracer::AllocMode::Open);  // 512 bytes at the line's level
+    EXPECT_EQ(calls[0].level, 700u);
+    EXPECT_EQ(calls[0].size, 512u);
+    std::vector<std::uint64_t> grows;
+    for (const auto& call : calls) {
+      if (call.mode != CollectingTracer::AllocMode::Grow) continue;
+      EXPECT_EQ(call.level, 1000u);
+      grows.push_back(call.size);
     }
-    EXPECT_EQ(sizes, row.grows) << row.first << "+" << row.second;
-    ASSERT_EQ(line.tracer.Lines().size(), 1u);
-    EXPECT_EQ(line.tracer.Lines()[0].text, a + b);
-    EXPECT_EQ(line.tracer.Lines()[0].level, 700u);  // the line keeps the level it was opened at
+    EXPECT_EQ(grows, row.grows);
+    EXPECT_EQ(tracer.Texts(), row.texts);
+    for (const auto& line : tracer.Lines()) EXPECT_EQ(line.level, 700u);  // kept from the opening
+    EXPECT_EQ(tracer.CommitLineCount(), row.texts.size());
+    EXPECT_EQ(tracer.OpenLines(), 0u);
   }
-}
-
-TEST(TraceStreamGrowth, PaddingCountsTowardsGrowth) {
-  Line line;
-  line.s() << trace::setw(600) << "x";
-  zel::TraceFlush(line.s());
-  ASSERT_EQ(line.Grows().size(), 1u);
-  EXPECT_EQ(line.Grows()[0].size, 1024u);
-  EXPECT_EQ(line.tracer.Texts().at(0), std::string(599, ' ') + "x");
-}
-
-TEST(TraceStreamGrowth, RefusedGrowthLosesTextAndCommitsEmpty) {
-  Line line;
-  line.tracer.SetGrowth(CollectingTracer::Growth::RefuseKeep);
-  line.s() << std::string(500, 'a') << std::string(100, 'b');
-  EXPECT_EQ(line.s().length(), 0u);
-  EXPECT_EQ(line.s().capacity(), 0u);
-  line.s() << "later" << 42;  // no room, and no further requests
-  EXPECT_EQ(line.Grows().size(), 1u);
-  zel::TraceFlush(line.s());
-  ASSERT_EQ(line.tracer.Texts(), std::vector<std::string>{""});
-  EXPECT_EQ(line.tracer.OpenLines(), 0u);
-}
-
-TEST(TraceStreamGrowth, RefusedGrowthThatTookTheBufferCommitsNothing) {
-  Line line;
-  line.tracer.SetGrowth(CollectingTracer::Growth::RefuseDrop);
-  line.s() << std::string(600, 'a');
-  EXPECT_EQ(line.s().buffer(), nullptr);
-  zel::TraceFlush(line.s());
-  EXPECT_EQ(line.tracer.CommitLineCount(), 0u);
-  EXPECT_EQ(line.tracer.OpenLines(), 0u);
-}
-
-TEST(TraceStreamGrowth, WrappingSizeIsNoRoomWithoutAsking) {
-  Line line;
-  line.s() << "abc";
-  line.s().write("x", std::numeric_limits<std::size_t>::max());
-  EXPECT_TRUE(line.Grows().empty());
-  EXPECT_EQ(line.s().length(), 0u);
-  zel::TraceFlush(line.s());
-  EXPECT_EQ(line.tracer.Texts(), std::vector<std::string>{""});
-}
-
-TEST(TraceStreamGrowth, HugeWidthIsRefusedNotWritten) {
-  Line line;
-  line.s() << "abc" << trace::setw(std::int64_t{1} << 40) << 1;
-  ASSERT_EQ(line.Grows().size(), 1u);
-  EXPECT_EQ(line.Grows()[0].size, (std::uint64_t{1} << 40) + 3);
-  zel::TraceFlush(line.s());
-  EXPECT_EQ(line.tracer.Texts(), std::vector<std::string>{""});
-}
-
-TEST(TraceStreamGrowth, WideTextAsksForRoomOnce) {
-  Line line;
-  line.s() << std::string(500, 'a');
-  const std::u16string wide(300, u'\u00e9');  // 600 bytes as UTF-8
-  line.s() << wide;
-  zel::TraceFlush(line.s());
-  ASSERT_EQ(line.Grows().size(), 1u);
-  EXPECT_EQ(line.Grows()[0].size, 1100u);
-  std::string expected(500, 'a');
-  for (int i = 0; i < 300; ++i) expected += "\xc3\xa9";
-  EXPECT_EQ(line.tracer.Texts(), std::vector<std::string>{expected});
 }
 
 // ---- TraceTest / TraceFlush ---------------------------------------------------------
@@ -288,14 +217,10 @@ TEST(TraceStreamGrowth, WideTextAsksForRoomOnce) {
 class SaysYesGivesNothing final : public host::OwnedObject<SaysYesGivesNothing, zel::ITracer> {
  public:
   zel::result_t AllocLine(std::uint32_t, TraceRecord*, std::uint64_t) override { return 0; }
-  zel::result_t CommitLine(char*, std::uint64_t) override {
-    ++commits;
-    return 0;
-  }
-  int commits = 0;
+  zel::result_t CommitLine(char*, std::uint64_t) override { return 0; }
 };
 
-TEST(TraceTest, AnswersNoWithoutALine) {
+TEST(TraceTest, AnswersNoWithoutALineAndFlushesAGrantedOneOnce) {
   TraceRecord record;
   EXPECT_FALSE(zel::TraceTest(record, nullptr, 300));
 
@@ -308,20 +233,11 @@ TEST(TraceTest, AnswersNoWithoutALine) {
 
   SaysYesGivesNothing liar;
   EXPECT_FALSE(zel::TraceTest(record, &liar, 300));
-}
 
-TEST(TraceTest, GrantsA512ByteLine) {
   CollectingTracer tracer;
-  TraceRecord record;
   ASSERT_TRUE(zel::TraceTest(record, &tracer, 300));
   EXPECT_NE(record.buffer, nullptr);
   EXPECT_EQ(record.tracer, &tracer);
-  const auto calls = tracer.AllocCalls();
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0].mode, CollectingTracer::AllocMode::Open);
-  EXPECT_EQ(calls[0].level, 300u);
-  EXPECT_EQ(calls[0].size, 512u);
-
   TraceStream stream(record);
   zel::TraceFlush(stream);
   zel::TraceFlush(stream);  // second flush has nothing to commit
@@ -339,21 +255,17 @@ const char* Evaluated() {
   return "value";
 }
 
-TEST(TraceMacro, OffLevelCostsOneCallAndEvaluatesNothing) {
-  CollectingTracer tracer(700);
+// Off level nothing is evaluated; on level the line is committed at the end
+// of the statement, even when building it throws; an else binds to the caller.
+TEST(TraceMacro, BehavesAsOneStatement) {
+  CollectingTracer tracer(800);
   g_evaluated = 0;
-  ZEL_TRACE(&tracer, 800) << "Start" << Evaluated();
-  EXPECT_EQ(g_evaluated, 0);
-  EXPECT_EQ(tracer.AllocLineCount(), 1u);
-  EXPECT_EQ(tracer.CommitLineCount(), 0u);
-
+  ZEL_TRACE(&tracer, 900) << "Start" << Evaluated();
   zel::ITracer* none = nullptr;
   ZEL_TRACE(none, 300) << Evaluated();
   EXPECT_EQ(g_evaluated, 0);
-}
+  EXPECT_EQ(tracer.AllocLineCount(), 1u);  // the refused line cost one call
 
-TEST(TraceMacro, OnLevelCommitsAtEndOfStatement) {
-  CollectingTracer tracer;
   ZEL_TRACE(&tracer, 800) << "Start" << "() " << 5;
   EXPECT_EQ(tracer.CommitLineCount(), 1u);
   ZEL_TRACE(&tracer, 300) << "second";
@@ -363,10 +275,8 @@ TEST(TraceMacro, OnLevelCommitsAtEndOfStatement) {
   EXPECT_EQ(lines[0].level, 800u);
   EXPECT_EQ(lines[1].text, "second");
   EXPECT_EQ(lines[1].level, 300u);
-}
 
-TEST(TraceMacro, ElseBindsToCallersIf) {
-  CollectingTracer tracer;
+  // An else after a site binds to the caller's if.
   int elseTaken = 0;
   for (bool flag : {true, false}) {
     if (flag)
@@ -375,15 +285,13 @@ TEST(TraceMacro, ElseBindsToCallersIf) {
       ++elseTaken;
   }
   EXPECT_EQ(elseTaken, 1);
-  EXPECT_EQ(tracer.Texts(), std::vector<std::string>{"yes"});
-}
+  EXPECT_EQ(tracer.Texts().back(), "yes");
 
-TEST(TraceMacro, LineIsCommittedWhenBuildingThrows) {
-  CollectingTracer tracer;
+  // A line whose building throws is still committed.
   auto boom = []() -> const char* { throw std::runtime_error("dump failed"); };
   EXPECT_THROW(ZEL_TRACE(&tracer, 800) << "partial " << boom(), std::runtime_error);
   EXPECT_EQ(tracer.OpenLines(), 0u);
-  EXPECT_EQ(tracer.CommitLineCount(), 1u);
+  EXPECT_EQ(tracer.CommitLineCount(), 4u);
 }
 
 }  // namespace
