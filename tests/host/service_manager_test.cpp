@@ -2,19 +2,14 @@
 // safety under two concurrent writers, and its fault injection.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <atomic>
-#include <cstdio>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
 
-#include "host/services/service_locator.h"
 #include "host/services/service_manager.h"
 #include "host/serialization/serialization_fixture.h"
-#include "tov_utils/update_service_settings_sync.h"
+#include "support/temp_tree.h"
 
 namespace {
 
@@ -31,21 +26,13 @@ struct Other {
   std::uint32_t a = 0;
 };
 
+// A scratch directory with the database file in it; its -wal and -shm go with it.
 class TempDb {
  public:
-  TempDb() {
-    m_path = (std::filesystem::temp_directory_path() /
-              ("service_manager_test_" + std::to_string(::getpid()) + "_" + std::to_string(++s_counter) + ".db"))
-                 .string();
-  }
-  ~TempDb() {
-    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((m_path + suffix).c_str());
-  }
-  const std::string& path() const { return m_path; }
+  std::string path() const { return m_dir / "settings.db"; }
 
  private:
-  static inline int s_counter = 0;
-  std::string m_path;
+  testsupport::TempDir m_dir;
 };
 
 zel::result_t Read(IServiceManager& sm, std::uint32_t key, Counter& c, std::uint32_t& revision) {
@@ -185,33 +172,6 @@ TEST(ServiceManager, TwoWritersLoseNoUpdate) {
       EXPECT_EQ(first.Writes(), 2u * k.perThread + static_cast<std::uint64_t>(conflicts));
     }
   }
-}
-
-// The same through the module's update loop, which also flushes each time.
-TEST(ServiceManager, TwoWritersThroughTheUpdateLoop) {
-  TempDb db;
-  host::ServiceManager sm;
-  Opened(sm, db.path());
-  host::ServiceLocator locator;
-  locator.Register<IServiceManager>(&sm);
-  constexpr int kPerThread = 50;
-  auto work = [&] {
-    for (int i = 0; i < kPerThread; ++i) {
-      const zel::result_t r = tools::UpdateServiceSettingsSync<Counter>(nullptr, &locator, 7, [](Counter& c) {
-        ++c.value;
-        return true;
-      });
-      if (r != 0) return ADD_FAILURE() << "update failed: " << r;
-    }
-  };
-  std::thread a(work), b(work);
-  a.join();
-  b.join();
-  Counter c;
-  std::uint32_t rev = 0;
-  ASSERT_EQ(Read(sm, 7, c, rev), 0);
-  EXPECT_EQ(c.value, 2u * kPerThread);
-  EXPECT_EQ(sm.Flushes(), 2u * kPerThread);
 }
 
 // An operation of the store under test, named for the trace.
