@@ -234,54 +234,6 @@ Image MakeZip(std::string_view name, const Image& extra = {}) {
   return image;
 }
 
-TEST(ContentSniffer, ZipIsAJarOnlyWhenItsFirstEntrySaysSo) {
-  Image cafe;
-  Put(cafe, 0, 0x5455, 2);  // an unrelated extra block first
-  Put(cafe, 2, 5, 2);
-  cafe.resize(9, 0);
-  Put(cafe, 9, 0xCAFE, 2);
-  Put(cafe, 11, 0, 2);
-  const struct {
-    const char* name;
-    Image image;
-    Content expected;
-  } cases[] = {
-      {"plain", MakeZip("readme.txt"), Content::Zip},
-      {"manifest directory", MakeZip("META-INF/"), Content::Jar},
-      {"manifest file", MakeZip("META-INF/MANIFEST.MF"), Content::Jar},
-      {"0xCAFE extra block", MakeZip("a/B.class", cafe), Content::Jar},
-      {"empty archive", FromText(std::string_view("PK\x05\x06\0\0\0\0", 8)), Content::Zip},
-      {"spanned archive", FromText(std::string_view("PK\x07\x08", 4)), Content::Zip},
-      {"header cut short", FromText(std::string_view("PK\x03\x04\x14\0", 6)), Content::Zip},
-      {"not a ZIP", FromText("PK\x01\x02"), Content::Unknown},
-  };
-  for (const auto& c : cases) EXPECT_EQ(Sniff(c.image), c.expected) << c.name;
-}
-
-TEST(ContentSniffer, PythonBytecodeMagic) {
-  const struct {
-    std::uint16_t magic;
-    const char* tail;
-    Content expected;
-  } cases[] = {
-      {3531, "\r\n", Content::PythonBytecode},   // 3.12
-      {3413, "\r\n", Content::PythonBytecode},   // 3.8
-      {62211, "\r\n", Content::PythonBytecode},  // 2.7
-      {3531, "\n\r", Content::Unknown},
-      {2999, "\r\n", Content::Unknown},
-      {4000, "\r\n", Content::Unknown},
-      {62212, "\r\n", Content::Unknown},
-  };
-  for (const auto& c : cases) {
-    Image image;
-    Put(image, 0, c.magic, 2);
-    image.push_back(static_cast<std::uint8_t>(c.tail[0]));
-    image.push_back(static_cast<std::uint8_t>(c.tail[1]));
-    image.resize(16, 0);
-    EXPECT_EQ(Sniff(image), c.expected) << c.magic;
-  }
-}
-
 Image MakePe(std::uint32_t lfanew, std::uint16_t characteristics, bool signature = true) {
   Image image = FromText("MZ");
   image.resize(0x40, 0);
@@ -294,27 +246,55 @@ Image MakePe(std::uint32_t lfanew, std::uint16_t characteristics, bool signature
   return image;
 }
 
-TEST(ContentSniffer, PeImagesByTheirFileHeader) {
+// A compiled Python file's head: the magic number and its two-byte tail.
+Image MakePyc(std::uint16_t magic, std::string_view tail = "\r\n") {
+  Image image;
+  Put(image, 0, magic, 2);
+  image.insert(image.end(), tail.begin(), tail.end());
+  image.resize(16, 0);
+  return image;
+}
+
+// A ZIP is a JAR only when its first entry says so.
+TEST(ContentSniffer, ArchivesBytecodeAndPeImagesAndTheirNearMisses) {
+  Image cafe;
+  Put(cafe, 0, 0x5455, 2);  // an unrelated extra block first
+  Put(cafe, 2, 5, 2);
+  cafe.resize(9, 0);
+  Put(cafe, 9, 0xCAFE, 2);
+  Put(cafe, 11, 0, 2);
   const struct {
     const char* name;
     Image image;
     Content expected;
   } cases[] = {
-      {"executable", MakePe(0x80, 0x0102), Content::PeExecutable},
-      {"library", MakePe(0x80, 0x2102), Content::PeLibrary},
-      {"header past the head", MakePe(0x1000, 0x2102), Content::PeLibrary},
+      {"plain ZIP", MakeZip("readme.txt"), Content::Zip},
+      {"manifest directory", MakeZip("META-INF/"), Content::Jar},
+      {"manifest file", MakeZip("META-INF/MANIFEST.MF"), Content::Jar},
+      {"0xCAFE extra block", MakeZip("a/B.class", cafe), Content::Jar},
+      {"empty archive", FromText(std::string_view("PK\x05\x06\0\0\0\0", 8)), Content::Zip},
+      {"spanned archive", FromText(std::string_view("PK\x07\x08", 4)), Content::Zip},
+      {"ZIP header cut short", FromText(std::string_view("PK\x03\x04\x14\0", 6)), Content::Zip},
+      {"not a ZIP", FromText("PK\x01\x02"), Content::Unknown},
+      {"Python 3.12", MakePyc(3531), Content::PythonBytecode},
+      {"Python 3.8", MakePyc(3413), Content::PythonBytecode},
+      {"Python 2.7", MakePyc(62211), Content::PythonBytecode},
+      {"bytecode tail swapped", MakePyc(3531, "\n\r"), Content::Unknown},
+      {"bytecode magic below 3.x", MakePyc(2999), Content::Unknown},
+      {"bytecode magic above 3.x", MakePyc(4000), Content::Unknown},
+      {"bytecode magic above 2.7", MakePyc(62212), Content::Unknown},
+      {"PE executable", MakePe(0x80, 0x0102), Content::PeExecutable},
+      {"PE library", MakePe(0x80, 0x2102), Content::PeLibrary},
+      {"PE header past the head", MakePe(0x1000, 0x2102), Content::PeLibrary},
       {"DOS program without PE header", MakePe(0x80, 0, false), Content::Unknown},
       {"e_lfanew out of reach", MakePe(0x100000, 0x0102, false), Content::Unknown},
       {"e_lfanew inside the MZ magic", MakePe(2, 0, false), Content::Unknown},
       {"MZ too short", FromText("MZ\x90"), Content::Unknown},
+      {"empty", {}, Content::Unknown},
+      {"text", FromText("hello world\n"), Content::Unknown},
+      {"ELF magic cut short", FromText("\x7f" "EL"), Content::Unknown},
   };
   for (const auto& c : cases) EXPECT_EQ(Sniff(c.image), c.expected) << c.name;
-}
-
-TEST(ContentSniffer, EmptyAndOrdinaryTextAreUnknown) {
-  EXPECT_EQ(Sniff({}), Content::Unknown);
-  EXPECT_EQ(Sniff(FromText("hello world\n")), Content::Unknown);
-  EXPECT_EQ(Sniff(FromText("\x7f" "EL")), Content::Unknown);
 }
 
 }  // namespace
