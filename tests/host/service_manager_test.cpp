@@ -1,5 +1,5 @@
 // The host's settings store: revisions, persistence across reopen, lost-update
-// safety under two concurrent writers, and its fault injection.
+// safety under two concurrent writers, and a store that is not open.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -174,57 +174,6 @@ TEST(ServiceManager, TwoWritersLoseNoUpdate) {
   }
 }
 
-// An operation of the store under test, named for the trace.
-struct Operation {
-  const char* what;
-  std::function<zel::result_t(host::ServiceManager&)> run;
-};
-
-zel::result_t ReadKey1(host::ServiceManager& sm) {
-  Counter c;
-  std::uint32_t rev = 0;
-  return Read(sm, 1, c, rev);
-}
-
-TEST(ServiceManager, InjectedFaultsHitOnceEach) {
-  host::ServiceManager sm;
-  Opened(sm, ":memory:");
-
-  // Forced conflicts refuse the write and store nothing.
-  sm.ForceRevisionConflicts(2);
-  EXPECT_EQ(Write(sm, 1, 1, 0), kSettingsRevisionChanged);
-  EXPECT_EQ(Write(sm, 1, 1, 0), kSettingsRevisionChanged);
-  EXPECT_EQ(sm.HasServiceSettings(1), zel::result::False);
-
-  // Each injected fault answers the next call only; the call after it runs.
-  struct Fault {
-    Operation operation;
-    std::function<void(host::ServiceManager&, zel::result_t)> inject;
-    zel::result_t fault;
-    zel::result_t next;
-  };
-  const Fault faults[] = {
-      {{"read", ReadKey1}, &host::ServiceManager::FailNextRead, zel::result::MediaError, zel::result::False},
-      {{"write", [](host::ServiceManager& m) { return Write(m, 1, 1, 0); }},
-       &host::ServiceManager::FailNextWrite,
-       zel::result::AccessDenied,
-       0},
-      {{"flush", [](host::ServiceManager& m) { return m.FlushSettings(); }},
-       &host::ServiceManager::FailNextFlush,
-       zel::result::OutOfSpace,
-       0},
-  };
-  for (const Fault& f : faults) {
-    SCOPED_TRACE(f.operation.what);
-    f.inject(sm, f.fault);
-    EXPECT_EQ(f.operation.run(sm), f.fault);
-    EXPECT_EQ(f.operation.run(sm), f.next);
-  }
-  EXPECT_EQ(sm.Reads(), 2u);
-  EXPECT_EQ(sm.Writes(), 4u);
-  EXPECT_EQ(sm.Flushes(), 2u);
-}
-
 // Every entry point of a store that is not open answers NotInitialized
 // instead of touching a connection or statement that isn't there.
 TEST(ServiceManager, UnopenedStoreAndBadPathFail) {
@@ -235,10 +184,18 @@ TEST(ServiceManager, UnopenedStoreAndBadPathFail) {
       EXPECT_LT(sm.Open("/nonexistent-dir-for-service-manager/x.db"), 0);
     }
     sm.RegisterTrivialCodec<Counter>(Counter::SerId);
-    const Operation operations[] = {
+    const struct {
+      const char* what;
+      std::function<zel::result_t(host::ServiceManager&)> run;
+    } operations[] = {
         {"flush", [](host::ServiceManager& m) { return m.FlushSettings(); }},
         {"write", [](host::ServiceManager& m) { return Write(m, 1, 1, 0); }},
-        {"read", ReadKey1},
+        {"read",
+         [](host::ServiceManager& m) {
+           Counter c;
+           std::uint32_t rev = 0;
+           return Read(m, 1, c, rev);
+         }},
         {"set",
          [](host::ServiceManager& m) {
            Counter c;
@@ -248,7 +205,7 @@ TEST(ServiceManager, UnopenedStoreAndBadPathFail) {
         {"has", [](host::ServiceManager& m) { return m.HasServiceSettings(1); }},
         {"remove", [](host::ServiceManager& m) { return m.RemoveServiceSettings(1); }},
     };
-    for (const Operation& op : operations) {
+    for (const auto& op : operations) {
       SCOPED_TRACE(op.what);
       EXPECT_EQ(op.run(sm), zel::result::NotInitialized);
     }

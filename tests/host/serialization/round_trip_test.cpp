@@ -237,31 +237,4 @@ TEST_F(RoundTrip, NestingBeyondTheLimitIsRefusedNotRecursedInto) {
   EXPECT_EQ(ToXml(Ref(root, sertest::ChainDescriptor()), xml), zel::result::OutOfRange);
 }
 
-TEST_F(RoundTrip, FaultHooksFailTheNextCallOnly) {
-  ApplicationIds ids = MakeIds(3), back;
-  std::vector<unsigned char> blob;
-  m_services.binary->FailNextSerialize(zel::result::OutOfSpace);
-  EXPECT_EQ(ToBinary(Ref(ids, m_idsDescriptor), blob), zel::result::OutOfSpace);
-  EXPECT_TRUE(blob.empty());
-  ASSERT_EQ(ToBinary(Ref(ids, m_idsDescriptor), blob), 0);
-  m_services.binary->FailNextDeserialize(zel::result::MediaError);
-  EXPECT_EQ(FromBinary(blob, Ref(back, m_idsDescriptor)), zel::result::MediaError);
-  EXPECT_TRUE(back.list.empty());
-  EXPECT_EQ(FromBinary(blob, Ref(back, m_idsDescriptor)), 0);
-
-  std::string xml = "old";
-  m_services.storage->FailNextSerialize();
-  EXPECT_EQ(ToXml(Ref(ids, m_idsDescriptor), xml), zel::result::Unexpected);
-  m_services.xmlFactory->FailNextFlush(zel::result::OutOfSpace);
-  EXPECT_EQ(ToXml(Ref(ids, m_idsDescriptor), xml), zel::result::OutOfSpace);
-  EXPECT_EQ(xml, "old");
-  ASSERT_EQ(ToXml(Ref(ids, m_idsDescriptor), xml), 0);
-  m_services.xmlFactory->FailNextOpen();
-  EXPECT_EQ(FromXml(xml, Ref(back, m_idsDescriptor)), zel::result::Unexpected);
-  m_services.storage->FailNextDeserialize();
-  EXPECT_EQ(FromXml(xml, Ref(back, m_idsDescriptor)), zel::result::Unexpected);
-  EXPECT_EQ(FromXml(xml, Ref(back, m_idsDescriptor)), 0);
-  EXPECT_TRUE(back.list == ids.list);
-}
-
 }  // namespace

@@ -1,5 +1,5 @@
 // The host's SQLite key-value store: staging until Commit, what another
-// connection sees, failure codes by cause, the fault hooks.
+// connection sees, failure codes by cause.
 #include "host/storage/key_value_store.h"
 
 #include <gtest/gtest.h>
@@ -99,43 +99,6 @@ TEST_F(KeyValueStoreTest, FailureCodesByCause) {
     EXPECT_EQ(store.StagedCount(), 0u);
     static_cast<void>(store.Commit());
     EXPECT_EQ(Committed("k"), "v");
-  }
-}
-
-TEST_F(KeyValueStoreTest, FaultHooksFailExactlyTheNthCall) {
-  struct Case {
-    const char* name;
-    bool onCommit;
-    std::uint64_t nth;
-  };
-  for (const Case& c : {Case{"first set", false, 1}, Case{"third set", false, 3}, Case{"first commit", true, 1},
-                        Case{"second commit", true, 2}}) {
-    SCOPED_TRACE(c.name);
-    std::filesystem::remove(path);
-    host::KeyValueStore store;
-    ASSERT_EQ(store.Open(path), 0);
-    constexpr zel::result_t kFault = zel::result::MediaError;
-    if (c.onCommit) {
-      store.FailCommitAt(c.nth, kFault);
-    } else {
-      store.FailSetValueAt(c.nth, kFault);
-    }
-    std::uint64_t sets = 0, commits = 0;
-    for (int round = 0; round < 3; ++round) {
-      const std::string key = "k" + std::to_string(round);
-      const zel::result_t set = store.SetValue(Key(key), Val("v"));
-      ++sets;
-      EXPECT_EQ(set, !c.onCommit && sets == c.nth ? kFault : 0) << "set " << sets;
-      const zel::result_t commit = store.Commit();
-      ++commits;
-      const bool commitFails = c.onCommit && commits == c.nth;
-      EXPECT_EQ(commit, commitFails ? kFault : 0) << "commit " << commits;
-    }
-    // A failed set stored nothing; a failed commit only delayed its data.
-    for (int round = 0; round < 3; ++round) {
-      const bool lost = !c.onCommit && static_cast<std::uint64_t>(round + 1) == c.nth;
-      EXPECT_EQ(Committed("k" + std::to_string(round)), lost ? kNotFound : "v") << round;
-    }
   }
 }
 
