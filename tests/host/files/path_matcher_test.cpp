@@ -146,15 +146,6 @@ TEST(PathMatcherFactory, RefusesWhatItDoesNotUnderstand) {
   Check(matcher.Get(), {{"/usr/bin/ls", 0, Out}});
 
   EXPECT_EQ(factory.CreatePathMatcher(disabledOdd, {}, nullptr), zel::result::InvalidArgument);
-
-  factory.FailCreate(zel::result::OutOfMemory);
-  EXPECT_EQ(refused(disabledOdd, {}), zel::result::OutOfMemory);
-  IPathMatcher* out = nullptr;
-  EXPECT_EQ(factory.CreateScopeMatcher(Scope("/usr", {"*"}), {}, &out), zel::result::OutOfMemory);
-  EXPECT_EQ(factory.CreateMaskMatcher({}, {}, &out), zel::result::OutOfMemory);
-  factory.FailCreate(0);
-  EXPECT_EQ(factory.CreateMaskMatcher({}, {}, &out), zel::result::NoError);
-  out->Release();
 }
 
 TEST(FileServices, RegisteredUnderTheirIdsAndGoneAfterUnregistering) {
