@@ -200,7 +200,9 @@ TEST_F(EngineTest, ServicesThroughTheLocator) {
 
   const zel::iid_t ids[] = {app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid,
                             IEngineObjectCreator::iid, ITaskRegistry::iid, IProcessRegistry::iid,
-                            tov::INonRemoteEventPublisher::iid};
+                            tov::INonRemoteEventPublisher::iid, app_ctrl::IEnterpriseApplicationController::iid,
+                            ITaskTryMutex::iid, ITaskInfoProvider::iid, ICgroupsManager::iid,
+                            app_core::task_manager::task::ITaskStopEvents::iid};
   for (zel::iid_t iid : ids) {
     zel::RefPtr<zel::IObject> face;
     EXPECT_EQ(locator.GetInterface(iid, 0, reinterpret_cast<void**>(face.Ref())), 0) << std::hex << iid;
