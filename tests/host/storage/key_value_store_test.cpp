@@ -3,11 +3,8 @@
 #include "host/storage/key_value_store.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -15,6 +12,7 @@
 #include <vector>
 
 #include "host/storage/sqlite_db.h"
+#include "support/temp_tree.h"
 
 namespace {
 
@@ -29,14 +27,6 @@ std::string Text(const Store::Value& v) { return std::string(v.data(), v.data() 
 
 class KeyValueStoreTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/kvstore_test_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir = pattern;
-    path = dir + "/state.db";
-  }
-  void TearDown() override { std::filesystem::remove_all(dir); }
-
   // The value as a fresh connection reads it, or "<code>" on failure.
   std::string Committed(std::string_view key) {
     host::KeyValueStore other;
@@ -46,8 +36,8 @@ class KeyValueStoreTest : public ::testing::Test {
     return r == 0 ? Text(v) : "<" + std::to_string(r) + ">";
   }
 
-  std::string dir;
-  std::string path;
+  testsupport::TempDir dir;
+  const std::string path = dir / "state.db";
 };
 
 const std::string kNotFound = "<" + std::to_string(zel::result::NotFound) + ">";
