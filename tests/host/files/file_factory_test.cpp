@@ -20,14 +20,14 @@
 
 namespace {
 
-using files_test::OpenDescriptors;
+using testsupport::OpenDescriptorCount;
 using files_test::OpenForScan;
 using files_test::ScratchDir;
 
 class FileFactoryTest : public ::testing::Test {
  protected:
-  void SetUp() override { m_descriptors = OpenDescriptors(); }
-  void TearDown() override { EXPECT_EQ(OpenDescriptors(), m_descriptors) << "a descriptor was left open"; }
+  void SetUp() override { m_descriptors = OpenDescriptorCount(); }
+  void TearDown() override { EXPECT_EQ(OpenDescriptorCount(), m_descriptors) << "a descriptor was left open"; }
 
   int Baseline() const { return m_descriptors; }
 
@@ -44,7 +44,7 @@ TEST_F(FileFactoryTest, RegularFileReadsSeeksAndSizes) {
   zel::RefPtr<zel::IIO> io;
   ASSERT_EQ(OpenForScan(factory, path, io), zel::result::NoError);
   ASSERT_TRUE(io);
-  EXPECT_EQ(OpenDescriptors(), Baseline() + 1);
+  EXPECT_EQ(OpenDescriptorCount(), Baseline() + 1);
 
   std::uint64_t size = 0;
   EXPECT_EQ(io->GetSize(&size), zel::result::NoError);
@@ -81,12 +81,12 @@ TEST_F(FileFactoryTest, RegularFileReadsSeeksAndSizes) {
   EXPECT_EQ(size, 10u);
 
   io.Reset();
-  EXPECT_EQ(OpenDescriptors(), Baseline());
+  EXPECT_EQ(OpenDescriptorCount(), Baseline());
 }
 
 TEST_F(FileFactoryTest, DescriptorIsBlockingAndCloseOnExec) {
   const std::string path = dir.Write("flags", "x");
-  const int before = OpenDescriptors();
+  const int before = OpenDescriptorCount();
   zel::RefPtr<zel::IIO> io;
   ASSERT_EQ(OpenForScan(factory, path, io), zel::result::NoError);
   // The new descriptor is the lowest free one; find it by its target.
@@ -98,7 +98,7 @@ TEST_F(FileFactoryTest, DescriptorIsBlockingAndCloseOnExec) {
     if (n > 0 && std::string(target, static_cast<std::size_t>(n)) == path) found = fd;
   }
   ASSERT_GE(found, 0);
-  EXPECT_EQ(OpenDescriptors(), before + 1);
+  EXPECT_EQ(OpenDescriptorCount(), before + 1);
   const int status = ::fcntl(found, F_GETFL);
   EXPECT_EQ(status & O_NONBLOCK, 0);
   EXPECT_EQ(status & O_ACCMODE, O_RDONLY);
