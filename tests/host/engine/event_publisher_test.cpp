@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "host/services/event_publisher.h"
 
@@ -74,18 +75,11 @@ TEST(EventPublisher, WritesOneExactJsonLine) {
   EXPECT_TRUE(publisher.Lines().empty());
   EXPECT_TRUE(publisher.Events().empty());
 
-  // Without a stream the copies are what there is.
+  // Without a stream the copies are what there is (the module tests read the events kept).
   host::EventPublisher keeping;
   ASSERT_EQ(keeping.PublishEvent(&event), 0);
   ASSERT_EQ(keeping.PublishEvent(&second), 0);
-  ASSERT_EQ(keeping.Lines().size(), 2u);
-  EXPECT_EQ(keeping.Lines()[0], expected);
-  EXPECT_EQ(keeping.Lines()[1], secondLine);
-  const auto events = keeping.Events();
-  ASSERT_EQ(events.size(), 2u);
-  ASSERT_EQ(events[0].runtimeFields.size(), 6u);
-  EXPECT_EQ(events[0].runtimeFields[0].data.GetWString().view(), u"al\"ice");
-  EXPECT_EQ(events[0].subject.user->userId, 4294967297LL);
+  EXPECT_EQ(keeping.Lines(), (std::vector<std::string>{expected, secondLine}));
   EXPECT_EQ(keeping.PublishEvent(nullptr), zel::result::InvalidArgument);
 }
 
