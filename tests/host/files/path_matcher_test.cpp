@@ -57,7 +57,7 @@ TEST(PathMatcherFactory, EnabledScanScopesIncludeAndSecondaryScopesExclude) {
 
   zel::RefPtr<IPathMatcher> matcher;
   ASSERT_EQ(factory.CreatePathMatcher(scopes, PathMatcherOptions{}, matcher.Ref()), zel::result::NoError);
-  // How far the rules reach is the scope rules' test; here, that each list lands where it belongs.
+  // How far rules reach is the scope rules' test; here, where each list lands.
   Check(matcher.Get(), {
                            {"/usr/bin/ls", 0, In},
                            {"/usr/bin/private/tool", 0, Out},
