@@ -53,7 +53,6 @@ TEST(SettingsDocuments, RefuseWithUserErrors) {
       {kScan, R"({"scanScopes":[{"path":"/opt"},{"path":"/srv"}],"secondaryScopes":[{"path":"/opt/x"}]})", "ok 2/1"},
       {kScan, R"({"goldenImageAction":"add"})", R"(error scan.json: document.goldenImageAction: unknown value "add")"},
       {kScan, R"({"scanScopes":{}})", "error scan.json: scanScopes: expected an array"},
-      {kScan, R"({"scanScopes":[{"path":"/opt","depth":1}]})", R"(error scan.json: scanScopes[0]: unknown key "depth")"},
       {kScan, R"({"scanScopes":[{"masks":["*"]}]})", R"(error scan.json: scanScopes[0]: missing key "path")"},
       {kScan, R"({"executableBitEnabled":1})", "error scan.json: document.executableBitEnabled: expected true or false"},
       {kScan, R"({"a":1,"a":2})", "error scan.json: not a JSON document: "},
