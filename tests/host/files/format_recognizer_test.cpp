@@ -112,7 +112,6 @@ class FormatRecognizerTest : public ::testing::Test {
     zel::RefPtr<FormatResult> element = zel::RefPtr<FormatResult>::Adopt(raw);
     EXPECT_TRUE(element) << path;
     EXPECT_EQ(element->GetKind(chain.kind), zel::result::NoError);
-    bool first = true;
     while (element) {
       std::uint32_t kind = 0;
       EXPECT_EQ(element->GetKind(kind), zel::result::NoError);
@@ -122,16 +121,13 @@ class FormatRecognizerTest : public ::testing::Test {
       chain.ids.push_back(got.id);
       EXPECT_EQ(got.flag, kind == format_result_kind::Set ? 1 : 0);
       EXPECT_FALSE(got.name.empty());
-      if (first) {
-        EXPECT_EQ(record.id, got.id) << "the work area holds the first answer";
-      }
-      first = false;
       FormatResult* next = reinterpret_cast<FormatResult*>(0x1);
       const zel::result_t n = element->GetNext(next);
       EXPECT_EQ(n == zel::result::NoError, next != nullptr);
       EXPECT_TRUE(n == zel::result::NoError || n == zel::result::False);
       element = zel::RefPtr<FormatResult>::Adopt(next);
     }
+    EXPECT_EQ(record.id, chain.ids.empty() ? 0 : chain.ids.front()) << "the work area holds the first answer";
     return chain;
   }
 
