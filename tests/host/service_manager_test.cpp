@@ -26,15 +26,6 @@ struct Other {
   std::uint32_t a = 0;
 };
 
-// A scratch directory with the database file in it; its -wal and -shm go with it.
-class TempDb {
- public:
-  std::string path() const { return m_dir / "settings.db"; }
-
- private:
-  testsupport::TempDir m_dir;
-};
-
 zel::result_t Read(IServiceManager& sm, std::uint32_t key, Counter& c, std::uint32_t& revision) {
   SettingsHolder h{&c, Counter::SerId, nullptr};
   return sm.GetServiceSettings2(key, &h, &revision);
@@ -137,10 +128,11 @@ TEST(ServiceManager, TwoWritersLoseNoUpdate) {
   };
   for (const Case& k : {Case{"one connection", false, 10000}, Case{"two connections on one file", true, 1000}}) {
     SCOPED_TRACE(k.what);
-    TempDb db;
+    testsupport::TempDir dir;  // the database's -wal and -shm go with it
+    const std::string db = dir / "settings.db";
     host::ServiceManager first, second;
-    Opened(first, db.path());
-    if (k.twoConnections) Opened(second, db.path());
+    Opened(first, db);
+    if (k.twoConnections) Opened(second, db);
     const int conflicts = IncrementFromTwoThreads(first, k.twoConnections ? second : first, k.perThread);
     Counter c;
     std::uint32_t rev = 0;
@@ -196,7 +188,8 @@ TEST(ServiceManager, UnopenedStoreAndBadPathFail) {
 class ServiceManagerSerializer : public sertest::SerializationTest {};
 
 TEST_F(ServiceManagerSerializer, RecordsSurviveAReopen) {
-  TempDb db;
+  testsupport::TempDir dir;
+  const std::string db = dir / "settings.db";
   sertest::Inner written;
   written.code = -17;
   written.label = zel::string_t("settings label");
@@ -205,7 +198,7 @@ TEST_F(ServiceManagerSerializer, RecordsSurviveAReopen) {
   std::uint32_t rev = 0;
   {
     host::ServiceManager sm;
-    Opened(sm, db.path());
+    Opened(sm, db);
     sm.UseBinarySerializer(&m_locator);
     ASSERT_EQ(Write(sm, 0x0A65F4BA, 77, 0), 0);
     SettingsHolder h{&written, sertest::Inner::SerId, nullptr};
@@ -215,7 +208,7 @@ TEST_F(ServiceManagerSerializer, RecordsSurviveAReopen) {
     ASSERT_EQ(Read(sm, 0x0A65F4BA, c, rev), 0);
   }
   host::ServiceManager sm;
-  Opened(sm, db.path());
+  Opened(sm, db);
   Counter c;
   std::uint32_t rev2 = 0;
   ASSERT_EQ(Read(sm, 0x0A65F4BA, c, rev2), 0);
