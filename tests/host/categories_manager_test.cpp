@@ -3,15 +3,13 @@
 // list and the database as they were.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "host/services/categories_manager.h"
 #include "host/services/counting_allocator.h"
 #include "host/services/service_locator.h"
+#include "support/temp_tree.h"
 #include "tests/tov_common/categories/category_meta_info.h"
 #include "tov_common/categories/category_text.h"
 #include "zel/strings/conversions.h"
@@ -54,13 +52,6 @@ class CategoriesManagerTest : public ::testing::Test {
   CategoriesManagerTest() {
     locator.Register<zel::IAllocator>(&allocator);
     locator.Register<zel::IMetaInfoProvider>(&metaInfo);
-    path = ::testing::TempDir() + "categories_manager_test_" + std::to_string(::getpid()) + ".db";
-    RemoveFiles();
-  }
-  ~CategoriesManagerTest() override { RemoveFiles(); }
-
-  void RemoveFiles() {
-    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((path + suffix).c_str());
   }
 
   Category Make(std::uint8_t id, std::u16string_view name) {
@@ -111,7 +102,8 @@ class CategoriesManagerTest : public ::testing::Test {
   host::CountingAllocator allocator;
   category_test::MetaInfo metaInfo;
   host::ServiceLocator locator;
-  std::string path;
+  testsupport::TempDir dir;
+  const std::string path = dir / "categories.db";
 };
 
 TEST_F(CategoriesManagerTest, EveryExpressionClassSurvivesARestart) {
@@ -176,9 +168,6 @@ TEST_F(CategoriesManagerTest, RefusedChangesLeaveListStoreAndCounter) {
     host::CategoriesManager manager(&locator);
     ASSERT_EQ(manager.Open(path), 0);
     ASSERT_EQ(manager.PutCategories({}, {Make(1, u"Kept")}, {}, CategoriesAction::AddUser), 0);
-
-    manager.FailNextPut(zel::result::AccessDenied);
-    EXPECT_EQ(manager.PutCategories({}, {Make(2, u"Lost")}, {}, CategoriesAction::AddUser), zel::result::AccessDenied);
     EXPECT_EQ(manager.PutCategories({}, {Make(2, u"Lost")}, {}, static_cast<CategoriesAction>(6)),
               zel::result::InvalidArgument);
 
@@ -192,16 +181,9 @@ TEST_F(CategoriesManagerTest, RefusedChangesLeaveListStoreAndCounter) {
     EXPECT_EQ(manager.PutCategories({}, {Make(4, u"Lost"), odd}, {}, CategoriesAction::AddUser),
               zel::result::InvalidArgument);
 
-    CategoryList out;
-    out.push_back(Make(9, u"caller's"));
-    std::uint32_t counter = 77;
-    manager.FailNextGet(zel::result::NotFound);
-    EXPECT_EQ(manager.GetCategories(counter, out), zel::result::NotFound);
-    EXPECT_EQ(Names(out), (std::vector<std::string>{"caller's"}));
-    EXPECT_EQ(counter, 77u);
+    std::uint32_t counter = 0;
     EXPECT_EQ(Names(Get(manager, &counter)), (std::vector<std::string>{"Kept"}));
     EXPECT_EQ(counter, 1u);
-    EXPECT_EQ(manager.Puts(), 4u);
   }
   host::CategoriesManager reopened(&locator);
   ASSERT_EQ(reopened.Open(path), 0);

@@ -1,20 +1,15 @@
 // The host's settings store: revisions, persistence across reopen, lost-update
-// safety under two concurrent writers, and its fault injection.
+// safety under two concurrent writers, and a store that is not open.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <atomic>
-#include <cstdio>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
 
-#include "host/services/service_locator.h"
 #include "host/services/service_manager.h"
 #include "host/serialization/serialization_fixture.h"
-#include "tov_utils/update_service_settings_sync.h"
+#include "support/temp_tree.h"
 
 namespace {
 
@@ -29,23 +24,6 @@ struct Counter {
 struct Other {
   static constexpr std::uint32_t SerId = 0x07AE2001u;
   std::uint32_t a = 0;
-};
-
-class TempDb {
- public:
-  TempDb() {
-    m_path = (std::filesystem::temp_directory_path() /
-              ("service_manager_test_" + std::to_string(::getpid()) + "_" + std::to_string(++s_counter) + ".db"))
-                 .string();
-  }
-  ~TempDb() {
-    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((m_path + suffix).c_str());
-  }
-  const std::string& path() const { return m_path; }
-
- private:
-  static inline int s_counter = 0;
-  std::string m_path;
 };
 
 zel::result_t Read(IServiceManager& sm, std::uint32_t key, Counter& c, std::uint32_t& revision) {
@@ -114,27 +92,6 @@ TEST(ServiceManager, RecordsOfTheWrongOrUnknownTypeAreRefused) {
   EXPECT_EQ(sm.GetServiceSettings2(1, nullptr, &rev), zel::result::InvalidArgument);
 }
 
-TEST(ServiceManager, PersistsAcrossReopen) {
-  TempDb db;
-  std::uint32_t rev = 0;
-  {
-    host::ServiceManager sm;
-    Opened(sm, db.path());
-    ASSERT_EQ(Write(sm, 0x0A65F4BA, 77, 0), 0);
-    ASSERT_EQ(sm.FlushSettings(), 0);
-    Counter c;
-    ASSERT_EQ(Read(sm, 0x0A65F4BA, c, rev), 0);
-  }
-  host::ServiceManager sm;
-  Opened(sm, db.path());
-  Counter c;
-  std::uint32_t rev2 = 0;
-  ASSERT_EQ(Read(sm, 0x0A65F4BA, c, rev2), 0);
-  EXPECT_EQ(c.value, 77u);
-  EXPECT_EQ(rev2, rev);  // a writer that read before the restart still writes
-  EXPECT_EQ(Write(sm, 0x0A65F4BA, 78, rev), 0);
-}
-
 // Each of two threads reads, increments and writes back key 7 `perThread`
 // times through its own store (or both through one), retrying when the
 // revision moved on; gives the conflicts met.
@@ -171,10 +128,11 @@ TEST(ServiceManager, TwoWritersLoseNoUpdate) {
   };
   for (const Case& k : {Case{"one connection", false, 10000}, Case{"two connections on one file", true, 1000}}) {
     SCOPED_TRACE(k.what);
-    TempDb db;
+    testsupport::TempDir dir;  // the database's -wal and -shm go with it
+    const std::string db = dir / "settings.db";
     host::ServiceManager first, second;
-    Opened(first, db.path());
-    if (k.twoConnections) Opened(second, db.path());
+    Opened(first, db);
+    if (k.twoConnections) Opened(second, db);
     const int conflicts = IncrementFromTwoThreads(first, k.twoConnections ? second : first, k.perThread);
     Counter c;
     std::uint32_t rev = 0;
@@ -187,84 +145,6 @@ TEST(ServiceManager, TwoWritersLoseNoUpdate) {
   }
 }
 
-// The same through the module's update loop, which also flushes each time.
-TEST(ServiceManager, TwoWritersThroughTheUpdateLoop) {
-  TempDb db;
-  host::ServiceManager sm;
-  Opened(sm, db.path());
-  host::ServiceLocator locator;
-  locator.Register<IServiceManager>(&sm);
-  constexpr int kPerThread = 50;
-  auto work = [&] {
-    for (int i = 0; i < kPerThread; ++i) {
-      const zel::result_t r = tools::UpdateServiceSettingsSync<Counter>(nullptr, &locator, 7, [](Counter& c) {
-        ++c.value;
-        return true;
-      });
-      if (r != 0) return ADD_FAILURE() << "update failed: " << r;
-    }
-  };
-  std::thread a(work), b(work);
-  a.join();
-  b.join();
-  Counter c;
-  std::uint32_t rev = 0;
-  ASSERT_EQ(Read(sm, 7, c, rev), 0);
-  EXPECT_EQ(c.value, 2u * kPerThread);
-  EXPECT_EQ(sm.Flushes(), 2u * kPerThread);
-}
-
-// An operation of the store under test, named for the trace.
-struct Operation {
-  const char* what;
-  std::function<zel::result_t(host::ServiceManager&)> run;
-};
-
-zel::result_t ReadKey1(host::ServiceManager& sm) {
-  Counter c;
-  std::uint32_t rev = 0;
-  return Read(sm, 1, c, rev);
-}
-
-TEST(ServiceManager, InjectedFaultsHitOnceEach) {
-  host::ServiceManager sm;
-  Opened(sm, ":memory:");
-
-  // Forced conflicts refuse the write and store nothing.
-  sm.ForceRevisionConflicts(2);
-  EXPECT_EQ(Write(sm, 1, 1, 0), kSettingsRevisionChanged);
-  EXPECT_EQ(Write(sm, 1, 1, 0), kSettingsRevisionChanged);
-  EXPECT_EQ(sm.HasServiceSettings(1), zel::result::False);
-
-  // Each injected fault answers the next call only; the call after it runs.
-  struct Fault {
-    Operation operation;
-    std::function<void(host::ServiceManager&, zel::result_t)> inject;
-    zel::result_t fault;
-    zel::result_t next;
-  };
-  const Fault faults[] = {
-      {{"read", ReadKey1}, &host::ServiceManager::FailNextRead, zel::result::MediaError, zel::result::False},
-      {{"write", [](host::ServiceManager& m) { return Write(m, 1, 1, 0); }},
-       &host::ServiceManager::FailNextWrite,
-       zel::result::AccessDenied,
-       0},
-      {{"flush", [](host::ServiceManager& m) { return m.FlushSettings(); }},
-       &host::ServiceManager::FailNextFlush,
-       zel::result::OutOfSpace,
-       0},
-  };
-  for (const Fault& f : faults) {
-    SCOPED_TRACE(f.operation.what);
-    f.inject(sm, f.fault);
-    EXPECT_EQ(f.operation.run(sm), f.fault);
-    EXPECT_EQ(f.operation.run(sm), f.next);
-  }
-  EXPECT_EQ(sm.Reads(), 2u);
-  EXPECT_EQ(sm.Writes(), 4u);
-  EXPECT_EQ(sm.Flushes(), 2u);
-}
-
 // Every entry point of a store that is not open answers NotInitialized
 // instead of touching a connection or statement that isn't there.
 TEST(ServiceManager, UnopenedStoreAndBadPathFail) {
@@ -275,10 +155,18 @@ TEST(ServiceManager, UnopenedStoreAndBadPathFail) {
       EXPECT_LT(sm.Open("/nonexistent-dir-for-service-manager/x.db"), 0);
     }
     sm.RegisterTrivialCodec<Counter>(Counter::SerId);
-    const Operation operations[] = {
+    const struct {
+      const char* what;
+      std::function<zel::result_t(host::ServiceManager&)> run;
+    } operations[] = {
         {"flush", [](host::ServiceManager& m) { return m.FlushSettings(); }},
         {"write", [](host::ServiceManager& m) { return Write(m, 1, 1, 0); }},
-        {"read", ReadKey1},
+        {"read",
+         [](host::ServiceManager& m) {
+           Counter c;
+           std::uint32_t rev = 0;
+           return Read(m, 1, c, rev);
+         }},
         {"set",
          [](host::ServiceManager& m) {
            Counter c;
@@ -288,41 +176,48 @@ TEST(ServiceManager, UnopenedStoreAndBadPathFail) {
         {"has", [](host::ServiceManager& m) { return m.HasServiceSettings(1); }},
         {"remove", [](host::ServiceManager& m) { return m.RemoveServiceSettings(1); }},
     };
-    for (const Operation& op : operations) {
+    for (const auto& op : operations) {
       SCOPED_TRACE(op.what);
       EXPECT_EQ(op.run(sm), zel::result::NotInitialized);
     }
   }
 }
 
-}  // namespace
-
-namespace {
-
-// Records without a codec of their own are stored through the host's binary
-// serialiser: a record with a string and a vector survives a reopen.
+// What is stored survives a reopen: a record with a codec of its own, and
+// one without, through the host's binary serialiser (a string and a vector).
 class ServiceManagerSerializer : public sertest::SerializationTest {};
 
-TEST_F(ServiceManagerSerializer, RecordsWithDescriptorsRoundTripThroughTheFile) {
-  TempDb db;
+TEST_F(ServiceManagerSerializer, RecordsSurviveAReopen) {
+  testsupport::TempDir dir;
+  const std::string db = dir / "settings.db";
   sertest::Inner written;
   written.code = -17;
   written.label = zel::string_t("settings label");
   written.ids.push_back(1);
   written.ids.push_back(0xFFFFFFFFFFull);
+  std::uint32_t rev = 0;
   {
     host::ServiceManager sm;
-    ASSERT_EQ(sm.Open(db.path()), 0);
+    Opened(sm, db);
     sm.UseBinarySerializer(&m_locator);
+    ASSERT_EQ(Write(sm, 0x0A65F4BA, 77, 0), 0);
     SettingsHolder h{&written, sertest::Inner::SerId, nullptr};
     ASSERT_EQ(sm.UpdateServiceSettings2(3, 1, &h, 0), 0);
     ASSERT_EQ(sm.FlushSettings(), 0);
+    Counter c;
+    ASSERT_EQ(Read(sm, 0x0A65F4BA, c, rev), 0);
   }
   host::ServiceManager sm;
-  ASSERT_EQ(sm.Open(db.path()), 0);
+  Opened(sm, db);
+  Counter c;
+  std::uint32_t rev2 = 0;
+  ASSERT_EQ(Read(sm, 0x0A65F4BA, c, rev2), 0);
+  EXPECT_EQ(c.value, 77u);
+  EXPECT_EQ(rev2, rev);  // a writer that read before the restart still writes
+  EXPECT_EQ(Write(sm, 0x0A65F4BA, 78, rev), 0);
+
   sertest::Inner read;
   SettingsHolder h{&read, sertest::Inner::SerId, nullptr};
-  std::uint32_t rev = 0;
   EXPECT_EQ(sm.GetServiceSettings2(3, &h, &rev), zel::result::MetaInformationNotFound);  // no serialiser yet
   sm.UseBinarySerializer(&m_locator);
   ASSERT_EQ(sm.GetServiceSettings2(3, &h, &rev), 0);

@@ -1,5 +1,6 @@
-// The host's tracers: what tests rely on from CollectingTracer, and the
-// stderr tracer's filter as seen through the level-limit interface.
+// The host's tracers: whole lines from CollectingTracer under concurrent
+// writers (its level limit is the trace tests' tool), and the stderr
+// tracer's filter as seen through the level-limit interface.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -41,23 +42,6 @@ TEST(CollectingTracer, ConcurrentLinesArriveWhole) {
   std::sort(expected.begin(), expected.end());
   EXPECT_TRUE(texts == expected);
   EXPECT_EQ(tracer.OpenLines(), 0u);
-}
-
-TEST(CollectingTracer, LevelLimitIsOfferedOnlyWhenExposed) {
-  CollectingTracer tracer;
-  void* out = &tracer;
-  EXPECT_LT(tracer.QueryInterface(ITraceLevelLimit::iid, &out), 0);
-  EXPECT_EQ(out, nullptr);
-
-  tracer.ExposeLevelLimit(800);
-  ASSERT_EQ(tracer.QueryInterface(ITraceLevelLimit::iid, &out), 0);
-  auto* limit = static_cast<ITraceLevelLimit*>(out);
-  const std::uint32_t* level = limit->GetLevelLimit();
-  EXPECT_EQ(*level, 800u);
-  tracer.SetLevelLimit(500);
-  EXPECT_EQ(*level, 500u);  // the same pointer sees the change
-  limit->Release();
-  EXPECT_EQ(tracer.OutstandingRefs(), 0);
 }
 
 TEST(StderrTracer, FilterIsTheOfferedLimit) {

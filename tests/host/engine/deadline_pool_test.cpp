@@ -18,11 +18,10 @@ using namespace std::chrono_literals;
 using host::engine::DeadlineJob;
 using host::engine::DeadlinePool;
 
-// A job whose decision waits until it is released (or for a fixed time).
+// A job whose decision may wait until it is released.
 class Job final : public DeadlineJob {
  public:
-  explicit Job(std::chrono::milliseconds work = 0ms, bool waitForRelease = false)
-      : m_work(work), m_waitForRelease(waitForRelease) {}
+  explicit Job(bool waitForRelease = false) : m_waitForRelease(waitForRelease) {}
 
   void Decide() override {
     decided.fetch_add(1);
@@ -30,7 +29,6 @@ class Job final : public DeadlineJob {
       std::unique_lock lock(m_mutex);
       m_cv.wait(lock, [this] { return m_released; });
     }
-    std::this_thread::sleep_for(m_work);
   }
   void Answer(bool timedOut) override {
     std::lock_guard lock(m_mutex);
@@ -56,7 +54,6 @@ class Job final : public DeadlineJob {
   std::atomic<int> decided{0};
 
  private:
-  const std::chrono::milliseconds m_work;
   const bool m_waitForRelease;
   std::mutex m_mutex;
   std::condition_variable m_cv;
@@ -90,7 +87,7 @@ TEST(DeadlinePoolTest, IdleWatchdogIsNotWokenYetAnswersAStuckJobAtItsDeadline) {
   DeadlinePool pool(1, 50ms);
   for (const auto idle : {10ms, 120ms}) {
     std::this_thread::sleep_for(idle);
-    auto stuck = std::make_shared<Job>(0ms, true);
+    auto stuck = std::make_shared<Job>(true);
     const auto begin = std::chrono::steady_clock::now();
     pool.RunHere(std::make_shared<Job>());  // one answered at once first: the watchdog has nothing left
     pool.Submit(stuck);
@@ -104,7 +101,7 @@ TEST(DeadlinePoolTest, IdleWatchdogIsNotWokenYetAnswersAStuckJobAtItsDeadline) {
 
 TEST(DeadlinePoolTest, StuckDecisionsAndTheJobsBehindThemAreAnsweredAtTheDeadlineOnce) {
   DeadlinePool pool(2, 60ms);
-  auto stuck1 = std::make_shared<Job>(0ms, true), stuck2 = std::make_shared<Job>(0ms, true);
+  auto stuck1 = std::make_shared<Job>(true), stuck2 = std::make_shared<Job>(true);
   const auto begin = std::chrono::steady_clock::now();
   pool.Submit(stuck1);
   pool.Submit(stuck2);
@@ -127,7 +124,7 @@ TEST(DeadlinePoolTest, StuckDecisionsAndTheJobsBehindThemAreAnsweredAtTheDeadlin
 
 TEST(DeadlinePoolTest, StopAnswersEveryPendingJobBeforeItWaitsForTheWorkers) {
   auto pool = std::make_unique<DeadlinePool>(1, 1h);
-  auto running = std::make_shared<Job>(0ms, true), here = std::make_shared<Job>(0ms, true);
+  auto running = std::make_shared<Job>(true), here = std::make_shared<Job>(true);
   auto queued = std::make_shared<Job>();
   pool->Submit(running);
   pool->Submit(queued);
@@ -160,7 +157,7 @@ TEST(DeadlinePoolTest, RunHereDecidesOnTheCallersThreadUnderTheSameDeadline) {
 
   // Late: the watchdog answers while the caller is still deciding, and the
   // late decision is not answered a second time.
-  auto slow = std::make_shared<Job>(0ms, true);
+  auto slow = std::make_shared<Job>(true);
   std::thread caller([&] { pool.RunHere(slow); });
   EXPECT_EQ(slow->WaitAnswer(), std::vector<bool>{true});
   slow->Release();
@@ -169,7 +166,7 @@ TEST(DeadlinePoolTest, RunHereDecidesOnTheCallersThreadUnderTheSameDeadline) {
   EXPECT_EQ(pool.Stats().late, 1u);
 
   // A job decided here while the worker is stuck is not held behind it.
-  auto stuck = std::make_shared<Job>(0ms, true);
+  auto stuck = std::make_shared<Job>(true);
   pool.Submit(stuck);
   auto beside = std::make_shared<Job>();
   pool.RunHere(beside);

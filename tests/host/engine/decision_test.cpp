@@ -1,4 +1,4 @@
-// The engine's decision: file facts, criterion operations, category
+// The engine's decision: criterion operations, category
 // composition, and the verdict over rules, principals, modes and test mode.
 #include <gtest/gtest.h>
 
@@ -11,27 +11,9 @@ using namespace engine_test;
 using app_ctrl::CategoryFileInfoField;
 using app_ctrl::CategoryStringOperation;
 using app_ctrl::EnginePrincipal;
-using host::engine::ComputeFileFacts;
 using host::engine::FileFacts;
 
 constexpr char kHelloSha256[] = "2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824";
-
-TEST(FileFacts, HashNameAndUnreadableFile) {
-  ScratchDir dir;
-  const std::string path = dir.Write("bin/tool", "hello");
-  const FileFacts facts = ComputeFileFacts(path);
-  EXPECT_EQ(facts.path, path);
-  EXPECT_EQ(facts.name, "tool");
-  EXPECT_EQ(facts.sha256, kHelloSha256);
-
-  std::string hex = "untouched";
-  EXPECT_LT(host::engine::Sha256File(dir.Path() + "/missing", &hex), 0);
-  EXPECT_EQ(hex, "untouched");
-  const FileFacts missing = ComputeFileFacts(dir.Path() + "/missing");
-  EXPECT_EQ(missing.name, "missing");
-  EXPECT_TRUE(missing.sha256.empty());
-  EXPECT_FALSE(missing.removable);
-}
 
 TEST(CategoryMatcher, StringOperationsTable) {
   const FileFacts facts{"/opt/app/bin/tool", "tool", kHelloSha256, false};

@@ -56,20 +56,14 @@ inline zel::anydescrptr FileInfo(app_ctrl::CategoryFileInfoField field, app_ctrl
   return Owning(app_ctrl::CategoryFileInfoOperationExpression(field, op, W(value)));
 }
 
-inline app_ctrl::CategoryCriterion Criterion(zel::anydescrptr expression) {
-  app_ctrl::CategoryCriterion c;
-  c.expression = std::move(expression);
-  return c;
-}
-
 inline app_ctrl::Category MakeCategory(std::uint8_t id, const std::string& name,
                                        std::vector<zel::anydescrptr> include,
                                        std::vector<zel::anydescrptr> exclude = {}) {
   app_ctrl::Category c;
   c.GUID = Id(id);
   c.Name = W(name);
-  for (auto& e : include) c.Include.push_back(Criterion(std::move(e)));
-  for (auto& e : exclude) c.Exclude.push_back(Criterion(std::move(e)));
+  for (auto& e : include) c.Include.emplace_back().expression = std::move(e);
+  for (auto& e : exclude) c.Exclude.emplace_back().expression = std::move(e);
   return c;
 }
 

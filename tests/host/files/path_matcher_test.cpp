@@ -57,18 +57,15 @@ TEST(PathMatcherFactory, EnabledScanScopesIncludeAndSecondaryScopesExclude) {
 
   zel::RefPtr<IPathMatcher> matcher;
   ASSERT_EQ(factory.CreatePathMatcher(scopes, PathMatcherOptions{}, matcher.Ref()), zel::result::NoError);
+  // How far rules reach is the scope rules' test; here, where each list lands.
   Check(matcher.Get(), {
                            {"/usr/bin/ls", 0, In},
                            {"/usr/bin/private/tool", 0, Out},
-                           {"/usr/bin/private", 1, Out},
-                           {"/usr/bin/sub", 1, In},
                            {"/usr", 1, In},
-                           {"/usr/lib", 1, Out},
-                           {"/opt/tools/run.sh", 0, In},
+                           {"/usr", 0, Out},
                            {"/opt/tools/deep/x.py", 0, In},
                            {"/opt/tools/readme", 0, Out},
                            {"/opt/tools/test_x.sh", 0, Out},
-                           {"/opt/tools/test_dir", 1, Out},
                            {"/home/user/x", 0, Out},  // a disabled scope reaches nothing
                            {"/home", 1, Out},
                            {"/usr/bin/ls", 2, zel::result::InvalidArgument},
@@ -146,15 +143,6 @@ TEST(PathMatcherFactory, RefusesWhatItDoesNotUnderstand) {
   Check(matcher.Get(), {{"/usr/bin/ls", 0, Out}});
 
   EXPECT_EQ(factory.CreatePathMatcher(disabledOdd, {}, nullptr), zel::result::InvalidArgument);
-
-  factory.FailCreate(zel::result::OutOfMemory);
-  EXPECT_EQ(refused(disabledOdd, {}), zel::result::OutOfMemory);
-  IPathMatcher* out = nullptr;
-  EXPECT_EQ(factory.CreateScopeMatcher(Scope("/usr", {"*"}), {}, &out), zel::result::OutOfMemory);
-  EXPECT_EQ(factory.CreateMaskMatcher({}, {}, &out), zel::result::OutOfMemory);
-  factory.FailCreate(0);
-  EXPECT_EQ(factory.CreateMaskMatcher({}, {}, &out), zel::result::NoError);
-  out->Release();
 }
 
 TEST(FileServices, RegisteredUnderTheirIdsAndGoneAfterUnregistering) {

@@ -71,21 +71,6 @@ TEST(MetaInfoProvider, FallsThroughToRegisteredProvidersAndListsTheirIds) {
   EXPECT_EQ(host->FindDescriptor(Inner::SerId, &found), zel::result::NotFound);
 }
 
-TEST(MetaInfoProvider, AnswersBothInterfacesOfOneObject) {
-  auto provider = MetaInfoProvider::Create();
-  void* meta = nullptr;
-  void* registry = nullptr;
-  void* none = reinterpret_cast<void*>(0x1);
-  ASSERT_EQ(provider->QueryInterface(zel::IMetaInfoProvider::iid, &meta), 0);
-  ASSERT_EQ(provider->QueryInterface(zel::IStructMetaInfoRegistry::iid, &registry), 0);
-  EXPECT_EQ(provider->QueryInterface(0x1234, &none), zel::result::InterfaceNotSupported);
-  EXPECT_EQ(none, nullptr);
-  EXPECT_EQ(meta, static_cast<zel::IMetaInfoProvider*>(provider.Get()));
-  EXPECT_EQ(registry, static_cast<zel::IStructMetaInfoRegistry*>(provider.Get()));
-  static_cast<zel::IMetaInfoProvider*>(meta)->Release();
-  static_cast<zel::IStructMetaInfoRegistry*>(registry)->Release();
-}
-
 TEST(MetaInfoProvider, RefusesDescriptorsTheSerialisersCannotWalk) {
   namespace st = host::ser_type;
   struct Case {

@@ -120,12 +120,7 @@ bool VariantEquals(const zel::variant_t& a, const zel::variant_t& b) {
       const zel::anydescrptr& x = a.GetTyped();
       const zel::anydescrptr& y = b.GetTyped();
       if (x.descriptor() != y.descriptor()) return false;
-      if (x.descriptor() == InnerDescriptor()) return *x.get_as<Inner>() == *y.get_as<Inner>();
-      if (x.descriptor() == ChainDescriptor()) {
-        return x.get_as<Chain>()->level == y.get_as<Chain>()->level &&
-               VariantEquals(x.get_as<Chain>()->next, y.get_as<Chain>()->next);
-      }
-      return false;
+      return x.descriptor() == InnerDescriptor() && *x.get_as<Inner>() == *y.get_as<Inner>();
     }
     default:
       return a.GetWord64() == b.GetWord64();

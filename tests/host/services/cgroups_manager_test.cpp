@@ -13,24 +13,12 @@
 #include <thread>
 
 #include "host/services/cgroups_manager.h"
+#include "support/temp_tree.h"
 #include "zel/strings/conversions.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "cgroups_test.XXXXXX").string();
-    m_path = ::mkdtemp(pattern.data());
-  }
-  ~TempDir() { fs::remove_all(m_path); }
-  const std::string& Path() const { return m_path; }
-
- private:
-  std::string m_path;
-};
 
 std::string ReadAll(const std::string& path) {
   std::ifstream in(path);
@@ -42,8 +30,8 @@ std::string ReadAll(const std::string& path) {
 std::int32_t Tid() { return static_cast<std::int32_t>(::syscall(SYS_gettid)); }
 
 TEST(CgroupsManager, FindsTheCgroup2MountInMountinfo) {
-  TempDir dir;
-  const std::string file = dir.Path() + "/mountinfo";
+  testsupport::TempDir dir;
+  const std::string file = dir.path() + "/mountinfo";
   std::ofstream(file) << "31 23 0:28 / /sys/fs/cgroup rw,relatime - tmpfs tmpfs rw,mode=755\n"
                          "32 31 0:29 / /sys/fs/cgroup/cpu rw,relatime shared:7 - cgroup cgroup rw,cpu\n"
                          "41 31 0:38 / /sys/fs/my\\040cgroups rw,relatime shared:9 master:2 - cgroup2 cgroup2 rw\n"
@@ -53,17 +41,17 @@ TEST(CgroupsManager, FindsTheCgroup2MountInMountinfo) {
 
   std::ofstream(file) << "32 31 0:29 / /sys/fs/cgroup/cpu rw - cgroup cgroup rw,cpu\nshort line\n";
   EXPECT_EQ(host::CgroupsManager::FindCgroup2Mount(file), "");
-  EXPECT_EQ(host::CgroupsManager::FindCgroup2Mount(dir.Path() + "/missing"), "");
+  EXPECT_EQ(host::CgroupsManager::FindCgroup2Mount(dir.path() + "/missing"), "");
 
   // The constructor reads <procRoot>/self/mountinfo.
-  fs::create_directories(dir.Path() + "/proc/self");
-  std::ofstream(dir.Path() + "/proc/self/mountinfo") << "42 31 0:39 / /cg2 rw - cgroup2 cgroup2 rw\n";
-  EXPECT_EQ(host::CgroupsManager({}, dir.Path() + "/proc").Root(), "/cg2");
+  fs::create_directories(dir.path() + "/proc/self");
+  std::ofstream(dir.path() + "/proc/self/mountinfo") << "42 31 0:39 / /cg2 rw - cgroup2 cgroup2 rw\n";
+  EXPECT_EQ(host::CgroupsManager({}, dir.path() + "/proc").Root(), "/cg2");
 }
 
 TEST(CgroupsManager, EmptyNameIsNothingToDoAndBadInputIsRefused) {
-  TempDir dir;
-  host::CgroupsManager manager(dir.Path());  // not a cgroup2 hierarchy
+  testsupport::TempDir dir;
+  host::CgroupsManager manager(dir.path());  // not a cgroup2 hierarchy
   ICgroupsManager* service = &manager;
   const zel::wstring_t task = zel::Utf8ToWide("scan");
 
@@ -77,7 +65,7 @@ TEST(CgroupsManager, EmptyNameIsNothingToDoAndBadInputIsRefused) {
 
   // A plain directory is refused before anything is made in it.
   EXPECT_EQ(service->AddToCgroup(task, zel::string_t("group"), Tid()), zel::result::NotSupported);
-  EXPECT_TRUE(fs::is_empty(dir.Path()));
+  EXPECT_TRUE(fs::is_empty(dir.path()));
 
   host::CgroupsManager none("/nonexistent/cgroup2");
   EXPECT_EQ(none.AddToCgroup(task, zel::string_t("group"), Tid()), zel::result::NotSupported);

@@ -8,7 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "host/engine/engine_services.h"
 #include "host/services/task_registry.h"
 #include "host/services/task_stop_receiver.h"
 #include "host/services/task_try_mutex.h"
@@ -107,9 +106,6 @@ TEST(TaskRegistry, TaskInfoBySessionAndId) {
   EXPECT_EQ(provider->GetTaskInfoByTaskSessionId(9, info), zel::result::NotFound);
   ASSERT_EQ(provider->GetTaskInfoByTaskId(42, info), zel::result::NoError);
   EXPECT_TRUE(info.cgroupName.empty());
-
-  registry.FailWith(zel::result::AccessDenied);
-  EXPECT_EQ(provider->GetTaskInfoByTaskId(42, info), zel::result::AccessDenied);
 }
 
 TEST(TaskStopReceiver, WakesTheWaiterAndKeepsNoticesInOrder) {
@@ -136,32 +132,6 @@ TEST(TaskStopReceiver, WakesTheWaiterAndKeepsNoticesInOrder) {
   EXPECT_EQ(second->result, 0);
   EXPECT_EQ(receiver.Count(), 2u);
   EXPECT_FALSE(receiver.WaitFor(3, 1ms).has_value());
-}
-
-TEST(EngineServices, TaskLayerAndControllerAreOffered) {
-  host::ServiceLocator locator;
-  host::EngineServicesOptions options;
-  options.cgroupRoot = "/nonexistent";
-  {
-    host::EngineServices services(options);
-    host::RegisterEngineServices(locator, services);
-    const zel::iid_t ids[] = {app_ctrl::IEnterpriseApplicationController::iid, ITaskTryMutex::iid,
-                              ITaskInfoProvider::iid, ICgroupsManager::iid,
-                              app_core::task_manager::task::ITaskStopEvents::iid};
-    for (zel::iid_t iid : ids) {
-      zel::IObject* object = nullptr;
-      ASSERT_EQ(locator.GetInterface(iid, 0, reinterpret_cast<void**>(&object)), zel::result::NoError) << iid;
-      object->Release();
-    }
-    zel::RefPtr<ITaskInfoProvider> provider;
-    ASSERT_EQ(zel::GetInterface(&locator, provider.Ref()), zel::result::NoError);
-    TaskInfo info;
-    EXPECT_EQ(provider->GetTaskInfoByTaskId(21, info), zel::result::NoError);  // the application-control task
-    provider.Reset();
-    host::UnregisterEngineServices(locator);
-    zel::IObject* gone = nullptr;
-    EXPECT_LT(locator.GetInterface(ITaskTryMutex::iid, 0, reinterpret_cast<void**>(&gone)), 0);
-  }
 }
 
 }  // namespace
