@@ -1,15 +1,11 @@
 // acctl as an installed service runs it: the store's path and modes, the
 // status command, and the unit's own command line started by hand with a
 // notify socket of the test's, as the service manager would start it.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/fanotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -18,7 +14,6 @@
 #include <regex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "support/acctl_process.h"
 
@@ -29,23 +24,6 @@ using Outcome = test_support::AcctlOutcome;
 using AcctlServiceTest = test_support::AcctlProcessTest;
 
 const std::string kSource = AC_SOURCE_DIR;
-
-// Why live enforcement can't be tried here; empty when it can. Without it
-// a test skips with the reason, but under CI it must be tried.
-std::string CannotEnforce() {
-  if (::geteuid() != 0) return "not root";
-  const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
-  if (fd < 0) return std::string("fanotify refused: ") + std::strerror(errno);
-  ::close(fd);
-  return {};
-}
-
-#define REQUIRE_ENFORCE()                                                               \
-  if (const std::string why = CannotEnforce(); !why.empty()) {                          \
-    if (const char* ci = std::getenv("CI"); ci != nullptr && std::string(ci) == "true") \
-      FAIL() << "must run under CI: " << why;                                           \
-    GTEST_SKIP() << why;                                                                \
-  }
 
 unsigned ModeOf(const std::string& path) {
   struct stat st {};
@@ -95,18 +73,17 @@ TEST_F(AcctlServiceTest, TheDefaultStoreIsTheOwnersAlone) {
     EXPECT_EQ(ModeOf("/var/lib/acctl/acctl.db") != 0, existed);
     ASSERT_EQ(::chmod(dir.c_str(), 0777), 0);
   }
-  const std::string user = ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
   const std::string state = dir + "/state";
-  const int status = std::system(("env XDG_STATE_HOME='" + state + "' " + user + ACCTL_PATH +
-                                  " categories import " + kSource + "/host/examples/categories.json 2>/dev/null")
-                                     .c_str());
-  ASSERT_EQ(status, 0);
+  ::setenv("XDG_STATE_HOME", state.c_str(), 1);
+  const Outcome o = Run("categories import " + kSource + "/host/examples/categories.json", ::geteuid() == 0 ? 65534 : 0);
+  ::unsetenv("XDG_STATE_HOME");
+  ASSERT_EQ(o.exitCode, 0) << o.err;
   EXPECT_EQ(ModeOf(state + "/acctl"), 0700u);
   EXPECT_EQ(ModeOf(state + "/acctl/acctl.db"), 0600u);
 }
 
 TEST_F(AcctlServiceTest, StatusShowsTheStoreAndTheRunningEnforcerThatUsesTheScansHashes) {
-  REQUIRE_ENFORCE();
+  REQUIRE_FANOTIFY();
   const std::string watched = dir + "/bin", run = dir + "/run";
   std::filesystem::create_directory(watched);
   std::filesystem::copy_file("/usr/bin/true", watched + "/true");
@@ -124,20 +101,19 @@ TEST_F(AcctlServiceTest, StatusShowsTheStoreAndTheRunningEnforcerThatUsesTheScan
   EXPECT_TRUE(std::regex_search(o.out, std::regex("\"lastScan\":\"20[0-9-]{8}T[0-9:]{8}Z\""))) << o.out;
   EXPECT_NE(o.out.find("\"enforce\":{\"running\":false}"), std::string::npos) << o.out;
 
-  const pid_t enforcer =
+  const auto enforcer =
       Spawn("enforce --json --settings " + kSource + "/packaging/etc/settings.json --watch " + watched, "enforce");
-  ASSERT_TRUE(WaitForText(dir + "/enforce.err", "acctl: enforcing on")) << Slurp(dir + "/enforce.err");
-  ASSERT_EQ(std::system((watched + "/true").c_str()), 0);
+  ASSERT_TRUE(enforcer->WaitReady()) << enforcer->Err();
+  ASSERT_EQ(test_support::Child({watched + "/true"}).Wait().exitCode, 0);
   o = Run("status");
   EXPECT_EQ(o.exitCode, 0) << o.err;
-  EXPECT_NE(o.out.find("enforce     running, pid " + std::to_string(enforcer) + ", 1 marks\n"), std::string::npos)
+  EXPECT_NE(o.out.find("enforce     running, pid " + std::to_string(enforcer->Pid()) + ", 1 marks\n"), std::string::npos)
       << o.out;
   // The status asked for fresh counters: the start above is in them.
   EXPECT_NE(o.out.find("decided 1,"), std::string::npos) << o.out;
 
-  ::kill(enforcer, SIGTERM);
-  EXPECT_EQ(Wait(enforcer), 0) << Slurp(dir + "/enforce.err");
-  const std::string counters = Slurp(dir + "/enforce.out");
+  EXPECT_EQ(enforcer->Stop(), 0) << enforcer->Err();
+  const std::string counters = enforcer->Out();
   EXPECT_NE(counters.find("\"allowed\":1,"), std::string::npos) << counters;
   EXPECT_NE(counters.find("\"hashCacheHits\":1,"), std::string::npos) << "the scan's hash was used: " << counters;
   EXPECT_EQ(ModeOf(run + "/enforce.pid"), 0u) << "the pid file outlived the enforcer";
@@ -197,24 +173,19 @@ class AcctlUnitTest : public AcctlServiceTest {
 };
 
 TEST_F(AcctlUnitTest, TheUnitsCommandIsReadyOnlyWithItsMarksPlaced) {
-  REQUIRE_ENFORCE();
-  const pid_t service = Spawn(UnitArguments(kSource + "/packaging/etc/settings.json"), "service");
+  REQUIRE_FANOTIFY();
+  const auto service = Spawn(UnitArguments(kSource + "/packaging/etc/settings.json"), "service");
   const std::string ready = NextDatagram(manager);
-  ASSERT_EQ(ready.rfind("READY=1\n", 0), 0u) << ready << Slurp(dir + "/service.err");
+  ASSERT_EQ(ready.rfind("READY=1\n", 0), 0u) << ready << service->Err();
   // Ready means every mark is placed: a start right after it is held and
   // reported, and the status already counts the marks.
   EXPECT_NE(Slurp(dir + "/run/enforce.status").find("\"marks\":1,"), std::string::npos);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::execl("/usr/bin/true", "true", static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  EXPECT_EQ(Wait(child), 0);
-  EXPECT_TRUE(WaitForText(dir + "/service.out", "\"ProcessId\":" + std::to_string(child) + ","))
-      << Slurp(dir + "/service.out");
-  ::kill(service, SIGTERM);
+  test_support::Child child({"/usr/bin/true"});
+  EXPECT_EQ(child.Wait().exitCode, 0);
+  EXPECT_TRUE(service->WaitForErr("\"ProcessId\":" + std::to_string(child.Pid()) + ",", 1, true)) << service->Out();
+  service->Signal(SIGTERM);
   EXPECT_EQ(NextDatagram(manager), "STOPPING=1");
-  EXPECT_EQ(Wait(service), 0) << Slurp(dir + "/service.err");
+  EXPECT_EQ(service->Exit(), 0) << service->Err();
 }
 
 TEST_F(AcctlUnitTest, TheUnitsCommandRefusesBadSettingsWithoutReadiness) {

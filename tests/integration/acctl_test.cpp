@@ -56,14 +56,16 @@ TEST_F(AcctlTest, EveryCommandAnswersHelpAndBadUsageAlike) {
 }
 
 TEST_F(AcctlTest, BadInputFailsWithOneLine) {
-  // Usage faults exit 2 with the whole line given; faults of the input exit 1
-  // with a line that says at least this much.
+  // Usage faults exit 2 (some with the whole line given); faults of the
+  // input exit 1 with a line that says at least this much.
   const std::string good = kExamples + "settings.json";
   const std::string categories = kExamples + "categories.json";
+  const std::string enforce = "enforce --settings " + good + " --watch " + dir;
   const struct {
     std::string args;
     int exitCode;
     std::string message;
+    uid_t asUser = 0;
   } cases[] = {
       {"run /bin/true", 2, "acctl: run: --settings SETTINGS.json is required\n"},
       {"run --settings", 2, "acctl: run: --settings needs a value\n"},
@@ -83,9 +85,26 @@ TEST_F(AcctlTest, BadInputFailsWithOneLine) {
       {"run --settings " + good + " --categories " + Write("c1", "[{\"Name\": 1}]"), 1, "message 321"},
       {"run --settings " + good + " --categories " + categories + " /bin/true:no-such-user-here", 1, "unknown user"},
       {"--module " + dir + "/none.so run --settings " + good + " /bin/true", 1, "none.so"},
+      {"scan " + dir + "/missing", 2, dir + "/missing: No such file or directory"},
+      {"scan " + Write("file", ""), 2, dir + "/file: not a directory"},
+      {"scan --golden-image maybe", 2, "--golden-image takes add, remove or none"},
+      {"scan --settings " + Write("bad.json", R"({"scanScopes": [{"path": "/usr/bin", "colour": 1}]})"), 1,
+       "scanScopes[0]: unknown key \"colour\""},
+      {"scan --settings " + Write("off.json", R"({"scanScopes": [{"path": "/usr/bin", "enabled": false}]})"), 2,
+       "no enabled scope"},
+      {"inventory --from x", 2, "bad --from 'x'"},
+      {"--db " + dir + "/empty.db inventory --id 1", 1, "acctl: inventory: no application with id 1\n"},
+      {"enforce --settings " + good + " --watch " + dir + "/missing", 2, dir + "/missing"},
+      {"enforce --settings " + good, 2, "--watch DIR or --mount PATH"},
+      {"enforce --watch " + dir, 2, "--settings"},
+      {enforce + " --on-timeout maybe", 2, "maybe"},
+      {enforce + " --decision-timeout 0", 2, "--decision-timeout"},
+      {"enforce --settings " + dir + "/none.json --watch " + dir, 1, "none.json"},
+      {enforce, 1, "acctl: enforce needs root: fanotify permission events need CAP_SYS_ADMIN\n", 65534},
   };
   for (const auto& c : cases) {
-    const Outcome o = Run(c.args);
+    if (c.asUser != 0 && ::geteuid() != 0) continue;  // only root can become another user
+    const Outcome o = Run(c.args, c.asUser);
     EXPECT_EQ(o.exitCode, c.exitCode) << c.args;
     EXPECT_NE(o.err.find(c.message), std::string::npos) << c.args << "\nstderr: " << o.err;
     EXPECT_EQ(o.err.rfind("acctl: ", 0), 0u) << c.args << "\nstderr: " << o.err;
