@@ -65,6 +65,7 @@ class AppControlE2eTest : public ::testing::Test {
   }
 
   void TearDown() override {
+    settingsFace.Reset();
     task.Reset();
     host::UnregisterEngineServices(locator);
     for (zel::iid_t iid : {ICategoriesManager::iid, IPwdb::iid, app_core::facade::IServiceManager::iid}) {
@@ -108,6 +109,17 @@ class AppControlE2eTest : public ::testing::Test {
     return u"<absent>";
   }
 
+  // The task made by the module from `settings`, with its settings face.
+  void CreateTask(tov::settings::AppControlSettings& settings) {
+    void* arguments[2] = {&locator, &settings};
+    zel::IObject* object = nullptr;
+    ASSERT_EQ(module.CreateObject(0x46DFCF43, arguments, &object), 0);
+    task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
+    ASSERT_EQ(task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
+                                   reinterpret_cast<void**>(settingsFace.Ref())),
+              0);
+  }
+
   fs::path dir;
   host::LoadedModule module{AC_MODULE_PATH};
   host::CountingAllocator allocator;
@@ -119,67 +131,62 @@ class AppControlE2eTest : public ::testing::Test {
   host::EngineServices services;
   host::ServiceLocator locator;
   zel::RefPtr<ITask> task;
+  zel::RefPtr<tov::app_control::IAppControlTaskSettings> settingsFace;
 };
 
 TEST_F(AppControlE2eTest, ProgramStartsBecomeTheirEvents) {
   tov::settings::AppControlSettings settings;
-  settings.mode = tov::AppControlMode::AllowList;
-  settings.enforcement = tov::AppControlEnforcement::ApplyRules;
   settings.allowListRules.push_back(Rule(u"trusted by hash", u"Hashed", tov::UserAccess::Allow));
   settings.denyListRules.push_back(Rule(u"no scripts", u"Scripts", tov::UserAccess::Block));
-
-  void* arguments[2] = {&locator, &settings};
-  zel::IObject* object = nullptr;
-  ASSERT_EQ(module.CreateObject(0x46DFCF43, arguments, &object), 0);
-  task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
+  CreateTask(settings);
+  ASSERT_TRUE(task);
   ASSERT_EQ(task->Start(1, nullptr), 0);
   ASSERT_TRUE(serviceManager.controller);
   EXPECT_FALSE(serviceManager.controller->useCloudReputation);
 
-  // Allow list: only what a rule allows for its user runs.
-  auto events = Run(dir / "trusted", 0);
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].eventType, 120);
-  EXPECT_EQ(events[0].severity, 4);
-  EXPECT_EQ(Field(events[0], tov::FieldName::AccessUser), u"root");
-  EXPECT_EQ(Field(events[0], tov::FieldName::FileName), u"trusted");
-  EXPECT_EQ(Field(events[0], tov::FieldName::Category), u"Hashed");
-  EXPECT_EQ(Field(events[0], tov::FieldName::VendorCategory), u"trusted by hash");
-  EXPECT_EQ(Field(events[0], tov::FieldName::TaskName), u"Application_Control");
-  EXPECT_EQ(events[0].subject.user->userId, 0);
-
-  events = Run(dir / "other", 0);
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].eventType, 122);
-  EXPECT_EQ(events[0].severity, 0);
-
-  events = Run(dir / "trusted", 65534);  // a user the rule doesn't name
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].eventType, 122);
-  EXPECT_EQ(events[0].subject.user->userId, 65534);
-
-  // Deny list, tested first: the block would have happened, and the program ran.
-  settings.mode = tov::AppControlMode::DenyList;
-  settings.enforcement = tov::AppControlEnforcement::TestRules;
-  auto settingsFace = zel::RefPtr<tov::app_control::IAppControlTaskSettings>();
-  ASSERT_EQ(task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
-                                 reinterpret_cast<void**>(settingsFace.Ref())),
-            0);
-  ASSERT_EQ(settingsFace->SetSettings(&settings), 0);
-  events = Run(dir / "bin" / "script", 0);
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].eventType, 123);
-  EXPECT_EQ(events[0].severity, 4);
-  EXPECT_EQ(Field(events[0], tov::FieldName::Category), u"Scripts");
-
-  settings.enforcement = tov::AppControlEnforcement::ApplyRules;
-  ASSERT_EQ(settingsFace->SetSettings(&settings), 0);
-  events = Run(dir / "bin" / "script", 0);
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].eventType, 122);
-  events = Run(dir / "other", 0);
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].eventType, 120);
+  using Mode = tov::AppControlMode;
+  using Enforcement = tov::AppControlEnforcement;
+  const struct {
+    const char* name;
+    Mode mode;
+    Enforcement enforcement;
+    const char* program;
+    std::uint32_t uid;
+    int type, severity;
+    const char16_t* category;  // with its rule's name; null: not looked at
+    const char16_t* rule;
+  } cases[] = {
+      // Allow list: only what a rule allows for its user runs.
+      {"allowed", Mode::AllowList, Enforcement::ApplyRules, "trusted", 0, 120, 4, u"Hashed", u"trusted by hash"},
+      {"in no rule", Mode::AllowList, Enforcement::ApplyRules, "other", 0, 122, 0, nullptr, nullptr},
+      {"a user the rule doesn't name", Mode::AllowList, Enforcement::ApplyRules, "trusted", 65534, 122, 0, nullptr,
+       nullptr},
+      // Deny list, tested first: the block would have happened, and the program ran.
+      {"test mode", Mode::DenyList, Enforcement::TestRules, "bin/script", 0, 123, 4, u"Scripts", u"no scripts"},
+      {"denied", Mode::DenyList, Enforcement::ApplyRules, "bin/script", 0, 122, 0, u"Scripts", u"no scripts"},
+      {"in no deny rule", Mode::DenyList, Enforcement::ApplyRules, "other", 0, 120, 4, nullptr, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    settings.mode = c.mode;
+    settings.enforcement = c.enforcement;
+    ASSERT_EQ(settingsFace->SetSettings(&settings), 0);
+    const auto events = Run(dir / c.program, c.uid);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].eventType, c.type);
+    EXPECT_EQ(events[0].severity, c.severity);
+    EXPECT_EQ(events[0].subject.user->userId, c.uid);
+    const std::string name = fs::path(c.program).filename().string();
+    EXPECT_EQ(Field(events[0], tov::FieldName::FileName), std::u16string(name.begin(), name.end()));
+    EXPECT_EQ(Field(events[0], tov::FieldName::TaskName), u"Application_Control");
+    if (c.uid == 0) {
+      EXPECT_EQ(Field(events[0], tov::FieldName::AccessUser), u"root");
+    }
+    if (c.category != nullptr) {
+      EXPECT_EQ(Field(events[0], tov::FieldName::Category), c.category);
+      EXPECT_EQ(Field(events[0], tov::FieldName::VendorCategory), c.rule);
+    }
+  }
 
   settingsFace.Reset();
   ASSERT_EQ(task->Stop(), 0);
@@ -197,14 +204,8 @@ TEST_F(AppControlE2eTest, StartsFromAnotherThreadDuringSettingsPauseAndStop) {
   settings.mode = tov::AppControlMode::AllowList;
   settings.enforcement = tov::AppControlEnforcement::ApplyRules;
   settings.allowListRules.push_back(Rule(u"trusted by hash", u"Hashed", tov::UserAccess::Allow));
-  void* arguments[2] = {&locator, &settings};
-  zel::IObject* object = nullptr;
-  ASSERT_EQ(module.CreateObject(0x46DFCF43, arguments, &object), 0);
-  task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
-  auto settingsFace = zel::RefPtr<tov::app_control::IAppControlTaskSettings>();
-  ASSERT_EQ(task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
-                                 reinterpret_cast<void**>(settingsFace.Ref())),
-            0);
+  CreateTask(settings);
+  ASSERT_TRUE(settingsFace);
   ASSERT_EQ(task->Start(1, nullptr), 0);
   services.publisher.Clear();
   const std::int64_t blocksBefore = allocator.LiveBlocks();  // the categories' own
