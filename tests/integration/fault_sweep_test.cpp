@@ -94,15 +94,31 @@ std::string Hex(zel::result_t r) {
   return buffer;
 }
 
-// Where one run's fault fell and what the step it fell in answered.
+// What one run did: where its fault fell, what the step it fell in
+// answered, and the warnings and errors it traced (as one text for the
+// failure message, and line by line).
 struct Outcome {
   std::optional<FaultPoint> fired;
   std::string step;
   zel::result_t result = 0;
+  std::string failureLines;
+  std::vector<std::string> lines;  // levels 300 and 500
 
   std::string Describe() const {
     if (!fired) return "no fault";
     return std::string(host::FaultPointName(*fired)) + " in " + step + " -> " + Hex(result);
+  }
+  bool Traced(const char* text) const {
+    for (const auto& line : lines)
+      if (line.find(text) != std::string::npos) return true;
+    return false;
+  }
+  void Collect(const host::CollectingTracer& tracer) {
+    for (const auto& line : tracer.Lines()) {
+      if (line.level > 500) continue;
+      failureLines += "  [" + std::to_string(line.level) + "] " + line.text + "\n";
+      lines.push_back(line.text);
+    }
   }
 };
 
@@ -124,39 +140,41 @@ class StepLog {
   Outcome& m_outcome;
 };
 
-// FAULT_SWEEP_VERBOSE=1 prints every run's outcome.
-void Report(std::uint64_t nth, const std::string& text) {
+// Runs `one` with its Nth fault point failing, for N = 1, 2, ... until a run
+// reaches no fault (FAULT_SWEEP_VERBOSE=1 prints every run). Every run must
+// leave no block, module object or descriptor behind; `check` looks at the
+// rest. Prints and records how many fault points it went through, and where.
+template <class Run>
+void Sweep(const char* name, const host::LoadedModule& module, std::uint64_t atLeast,
+           const std::function<void(host::CountingAllocator&, std::uint64_t, Run&)>& one,
+           const std::function<void(const Run&)>& check) {
   static const bool verbose = std::getenv("FAULT_SWEEP_VERBOSE") != nullptr;
-  if (verbose) std::printf("%4llu %s\n", static_cast<unsigned long long>(nth), text.c_str());
-}
-
-// The warnings and errors of a run: as one text for the failure message, and line by line.
-void CollectLines(const host::CollectingTracer& tracer, std::string& all, std::vector<std::string>& lines) {
-  for (const auto& line : tracer.Lines()) {
-    if (line.level > 500) continue;
-    all += "  [" + std::to_string(line.level) + "] " + line.text + "\n";
-    lines.push_back(line.text);
+  const std::size_t descriptors = OpenDescriptors();
+  std::uint64_t exercised = 0;
+  std::map<std::string, std::uint64_t> byPoint;
+  for (std::uint64_t nth = 1;; ++nth) {
+    SCOPED_TRACE("fault point " + std::to_string(nth));
+    host::CountingAllocator allocator;
+    Run run;
+    one(allocator, nth, run);
+    if (::testing::Test::HasFatalFailure()) return;
+    SCOPED_TRACE(run.Describe() + "\n" + run.failureLines);
+    if (verbose) std::printf("%4llu %s\n", static_cast<unsigned long long>(nth), run.Describe().c_str());
+    EXPECT_EQ(allocator.LiveBlocks(), 0) << "every block went back";
+    EXPECT_EQ(module.CanUnload(), 0) << "no module object is left";
+    EXPECT_EQ(OpenDescriptors(), descriptors) << "no descriptor is left open";
+    check(run);
+    if (!run.fired) break;
+    ++exercised;
+    ++byPoint[std::string(host::FaultPointName(*run.fired))];
   }
-}
-
-// Prints and records how many fault points a sweep went through, and where.
-void Summarise(const char* sweep, std::uint64_t exercised, const std::map<std::string, std::uint64_t>& byPoint) {
   std::string points;
-  for (const auto& [name, count] : byPoint) points += " " + name + "=" + std::to_string(count);
-  std::printf("%s: fault points exercised: %llu (%s )\n", sweep, static_cast<unsigned long long>(exercised),
+  for (const auto& [point, count] : byPoint) points += " " + point + "=" + std::to_string(count);
+  std::printf("%s: fault points exercised: %llu (%s )\n", name, static_cast<unsigned long long>(exercised),
               points.c_str());
   ::testing::Test::RecordProperty("fault_points_exercised", static_cast<int>(exercised));
+  EXPECT_GT(exercised, atLeast);
 }
-
-// The services every scenario's host registers first.
-struct HostBase {
-  void Register(host::CountingAllocator& allocator) {
-    locator.Register<zel::IAllocator>(&allocator);
-    locator.Register<zel::ITracer>(&tracer);
-  }
-  host::CollectingTracer tracer;
-  host::ServiceLocator locator;
-};
 
 template <class I>
 zel::RefPtr<I> CreateModuleObject(const host::LoadedModule& module, zel::IServiceLocator* locator,
@@ -192,6 +210,57 @@ struct Serialisation {
   zel::RefPtr<zel::IMetaInfoProvider> registry;
 };
 
+// The reference host of both scenarios, over a state file in `dir` that
+// outlives it.
+struct SweepHost {
+  SweepHost(host::CountingAllocator& allocator, const host::LoadedModule& module, const fs::path& dir)
+      : serialisation((Register(allocator), locator), module) {
+    serviceManager.UseBinarySerializer(&locator);
+    host::cli::RegisterRecordCodecs(serviceManager, &locator);
+    const std::string db = (dir / "state.db").string();
+    serviceManager.Open(db);
+    categories.Open(db);
+    store.Open(db);
+    locator.Register<IPwdb>(&pwdb);
+    locator.Register<app_core::facade::IServiceManager>(&serviceManager);
+    locator.Register<ICategoriesManager>(&categories);
+    locator.Register<app_core::component::IKeyValueStorage>(&store);
+    host::RegisterFileServices(locator, files);
+    host::RegisterEngineServices(locator, engine);
+    TaskDescription task;
+    task.taskId = 22;
+    task.taskName = zel::wstring_t(u"Inventory_Scan");
+    task.taskType = zel::wstring_t(u"InventoryScan");
+    task.sessionId = kScanSession;
+    engine.tasks.Add(task, std::string());
+  }
+  ~SweepHost() {
+    locator.Remove(tov::app_control::IInventoryStorage::iid);
+    host::UnregisterEngineServices(locator);
+    host::UnregisterFileServices(locator);
+    for (zel::iid_t iid : {app_core::component::IKeyValueStorage::iid, ICategoriesManager::iid, IPwdb::iid,
+                           app_core::facade::IServiceManager::iid})
+      locator.Remove(iid);
+    store.Close();
+    categories.Close();
+    serviceManager.Close();
+  }
+  void Register(host::CountingAllocator& allocator) {
+    locator.Register<zel::IAllocator>(&allocator);
+    locator.Register<zel::ITracer>(&tracer);
+  }
+
+  host::CollectingTracer tracer;
+  host::ServiceLocator locator;
+  Serialisation serialisation;
+  host::Pwdb pwdb;
+  host::ServiceManager serviceManager;
+  host::CategoriesManager categories{&locator};
+  host::KeyValueStore store;
+  host::FileServices files;
+  host::EngineServices engine;
+};
+
 class FaultSweepTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { module = new host::LoadedModule(AC_MODULE_PATH); }
@@ -209,79 +278,24 @@ host::LoadedModule* FaultSweepTest::module = nullptr;
 // (a) the application control task through its whole life
 // ---------------------------------------------------------------------------
 
-constexpr app_ctrl::CategoryId kScripts{{0x22}};
+tov::settings::AppControlSettings AppControlSettings(tov::AppControlMode mode) {
+  tov::settings::AppControlSettings settings;
+  settings.mode = mode;
+  settings.enforcement = tov::AppControlEnforcement::ApplyRules;
+  tov::settings::AppControlRule rule;
+  rule.ruleName = zel::wstring_t(u"scripts");
+  rule.categoryName = zel::wstring_t(u"Scripts");
+  auto& user = rule.users.emplace_back();
+  user.userName = zel::wstring_t(u"root");
+  user.access = tov::UserAccess::Allow;
+  settings.allowListRules.push_back(rule);
+  return settings;
+}
 
-struct AppControlHost : HostBase {
-  AppControlHost(host::CountingAllocator& allocator, const host::LoadedModule& module)
-      : dir(MakeTempDir("fault_sweep_ac")), serialisation((Register(allocator), locator), module) {
-    fs::create_directories(dir / "bin");
-    WriteFile(dir / "bin" / "script", "#!/bin/sh\n");
-    WriteFile(dir / "other", "another program");
-    serviceManager.UseBinarySerializer(&locator);
-    host::cli::RegisterRecordCodecs(serviceManager, &locator);
-    const std::string db = (dir / "state.db").string();
-    serviceManager.Open(db);
-    categories.Open(db);
-    locator.Register<IPwdb>(&pwdb);
-    locator.Register<app_core::facade::IServiceManager>(&serviceManager);
-    locator.Register<ICategoriesManager>(&categories);
-    host::RegisterEngineServices(locator, engine);
-
-    ICategoriesManager::CategoryList list;
-    auto& category = list.emplace_back();
-    category.GUID = kScripts;
-    category.Name = zel::wstring_t(u"Scripts");
-    const app_ctrl::CategoryFileInfoOperationExpression e(app_ctrl::CategoryFileInfoField::FilePath,
-                                                          app_ctrl::CategoryStringOperation::Like,
-                                                          W((dir / "bin").string() + "/*"));
-    category.Include.emplace_back().expression.assign_copy(
-        &e, category_test::Described<app_ctrl::CategoryFileInfoOperationExpression>::Get(), &allocator);
-    categories.PutCategories({}, list, {}, tov::types::CategoriesAction::AddUser);
-  }
-  ~AppControlHost() {
-    host::UnregisterEngineServices(locator);
-    for (zel::iid_t iid : {ICategoriesManager::iid, IPwdb::iid, app_core::facade::IServiceManager::iid})
-      locator.Remove(iid);
-    categories.Close();
-    serviceManager.Close();
-    fs::remove_all(dir);
-  }
-
-  static tov::settings::AppControlSettings Settings(tov::AppControlMode mode) {
-    tov::settings::AppControlSettings settings;
-    settings.mode = mode;
-    settings.enforcement = tov::AppControlEnforcement::ApplyRules;
-    tov::settings::AppControlRule rule;
-    rule.ruleName = zel::wstring_t(u"scripts");
-    rule.categoryName = zel::wstring_t(u"Scripts");
-    auto& user = rule.users.emplace_back();
-    user.userName = zel::wstring_t(u"root");
-    user.access = tov::UserAccess::Allow;
-    settings.allowListRules.push_back(rule);
-    return settings;
-  }
-
-  fs::path dir;
-  Serialisation serialisation;
-  host::Pwdb pwdb;
-  host::ServiceManager serviceManager;
-  host::CategoriesManager categories{&locator};
-  host::EngineServices engine;
-};
-
-struct AppControlRun {
-  Outcome outcome;
+struct AppControlRun : Outcome {
   std::size_t published = 0;
   std::uint64_t sinkExceptions = 0;
-  std::string failureLines;
-  std::vector<std::string> lines;  // levels 300 and 500
 };
-
-bool HasLine(const std::vector<std::string>& lines, const char* text) {
-  for (const auto& line : lines)
-    if (line.find(text) != std::string::npos) return true;
-  return false;
-}
 
 // What a step of the task answers when `point` fails under it, and the line
 // it traces then (null: none to look for).
@@ -338,94 +352,103 @@ AppControlExpectation ExpectedForAppControl(const std::string& step, FaultPoint 
   return {R::FaultOrSucceeds, nullptr};
 }
 
-AppControlRun RunAppControl(const host::LoadedModule& module, host::CountingAllocator& allocator,
-                            std::uint64_t nth) {
-  AppControlRun run;
-  AppControlHost h(allocator, module);
-  auto settings = AppControlHost::Settings(tov::AppControlMode::AllowList);
-  auto changed = AppControlHost::Settings(tov::AppControlMode::DenyList);
-  StepLog step(run.outcome);
-  Board().FailNth(nth, kFault);
+// Scripts, by a path glob, are the one category.
+void AddScriptsCategory(SweepHost& h, host::CountingAllocator& allocator, const fs::path& dir) {
+  ICategoriesManager::CategoryList list;
+  auto& category = list.emplace_back();
+  category.GUID = app_ctrl::CategoryId{{0x22}};
+  category.Name = zel::wstring_t(u"Scripts");
+  const app_ctrl::CategoryFileInfoOperationExpression e(app_ctrl::CategoryFileInfoField::FilePath,
+                                                        app_ctrl::CategoryStringOperation::Like,
+                                                        W((dir / "bin").string() + "/*"));
+  category.Include.emplace_back().expression.assign_copy(
+      &e, category_test::Described<app_ctrl::CategoryFileInfoOperationExpression>::Get(), &allocator);
+  h.categories.PutCategories({}, list, {}, tov::types::CategoriesAction::AddUser);
+}
 
-  zel::RefPtr<ITask> task;
-  const zel::result_t created = step("create", [&] {
-    void* arguments[2] = {&h.locator, &settings};
-    zel::IObject* object = nullptr;
-    const zel::result_t r = module.CreateObject(tov::app_control::kAppControlTaskClassId, arguments, &object);
-    if (r == 0) task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
-    return r;
-  });
-  if (created == 0) {
-    const zel::result_t started = step("start", [&] { return task->Start(1, nullptr); });
-    step("settings", [&] {
-      zel::RefPtr<tov::app_control::IAppControlTaskSettings> face;
-      zel::result_t r = task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
-                                             reinterpret_cast<void**>(face.Ref()));
-      return r == 0 ? face->SetSettings(&changed) : r;
+void RunAppControl(const host::LoadedModule& module, host::CountingAllocator& allocator, std::uint64_t nth,
+                   AppControlRun& run) {
+  const fs::path dir = MakeTempDir("fault_sweep_ac");
+  fs::create_directories(dir / "bin");
+  WriteFile(dir / "bin" / "script", "#!/bin/sh\n");
+  WriteFile(dir / "other", "another program");
+  {
+    SweepHost h(allocator, module, dir);
+    AddScriptsCategory(h, allocator, dir);
+    auto settings = AppControlSettings(tov::AppControlMode::AllowList);
+    auto changed = AppControlSettings(tov::AppControlMode::DenyList);
+    StepLog step(run);
+    Board().FailNth(nth, kFault);
+
+    zel::RefPtr<ITask> task;
+    const zel::result_t created = step("create", [&] {
+      void* arguments[2] = {&h.locator, &settings};
+      zel::IObject* object = nullptr;
+      const zel::result_t r = module.CreateObject(tov::app_control::kAppControlTaskClassId, arguments, &object);
+      if (r == 0) task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
+      return r;
     });
-    if (started == 0) {
-      step("events", [&] {
-        h.engine.publisher.Clear();
-        for (const fs::path& program : {h.dir / "bin" / "script", h.dir / "other", h.dir / "bin" / "script"}) {
-          if (h.engine.engine.SubmitProgramStart({program.string(), 0, 0}) != 0) return zel::result::Unexpected;
-          if (!h.engine.engine.WaitIdleFor(std::chrono::seconds(10))) return zel::result::Unexpected;
-        }
-        run.published = h.engine.publisher.Count();
-        run.sinkExceptions = h.engine.engine.SinkExceptions();
-        return zel::result_t{0};
+    if (created == 0) {
+      const zel::result_t started = step("start", [&] { return task->Start(1, nullptr); });
+      step("settings", [&] {
+        zel::RefPtr<tov::app_control::IAppControlTaskSettings> face;
+        zel::result_t r = task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
+                                               reinterpret_cast<void**>(face.Ref()));
+        return r == 0 ? face->SetSettings(&changed) : r;
       });
-      const zel::result_t paused = step("pause", [&] { return task->Pause(); });
-      step("resume", [&] { return paused == 0 ? task->Resume() : zel::result_t{0}; });
-      // A host whose Stop failed stops again: the task is stopped in the end.
-      if (step("stop", [&] { return task->Stop(); }) != 0) task->Stop();
+      if (started == 0) {
+        step("events", [&] {
+          h.engine.publisher.Clear();
+          for (const fs::path& program : {dir / "bin" / "script", dir / "other", dir / "bin" / "script"}) {
+            if (h.engine.engine.SubmitProgramStart({program.string(), 0, 0}) != 0) return zel::result::Unexpected;
+            if (!h.engine.engine.WaitIdleFor(std::chrono::seconds(10))) return zel::result::Unexpected;
+          }
+          run.published = h.engine.publisher.Count();
+          run.sinkExceptions = h.engine.engine.SinkExceptions();
+          return zel::result_t{0};
+        });
+        const zel::result_t paused = step("pause", [&] { return task->Pause(); });
+        step("resume", [&] { return paused == 0 ? task->Resume() : zel::result_t{0}; });
+        // A host whose Stop failed stops again: the task is stopped in the end.
+        if (step("stop", [&] { return task->Stop(); }) != 0) task->Stop();
+      }
     }
+    step("release", [&] {
+      task.Reset();
+      return zel::result_t{0};
+    });
+    Board().Disarm();
+    run.Collect(h.tracer);
   }
-  step("release", [&] {
-    task.Reset();
-    return zel::result_t{0};
-  });
-  Board().Disarm();
-  CollectLines(h.tracer, run.failureLines, run.lines);
-  return run;
+  fs::remove_all(dir);
 }
 
 TEST_F(FaultSweepTest, AppControlTaskLifecycle) {
-  const std::size_t descriptors = OpenDescriptors();
-  std::uint64_t exercised = 0;
-  std::map<std::string, std::uint64_t> byPoint;
-  for (std::uint64_t nth = 1;; ++nth) {
-    SCOPED_TRACE("fault point " + std::to_string(nth));
-    host::CountingAllocator allocator;
-    const AppControlRun run = RunAppControl(*module, allocator, nth);
-    const Outcome& o = run.outcome;
-    SCOPED_TRACE(o.Describe() + "\n" + run.failureLines);
-    Report(nth, o.Describe() + " published " + std::to_string(run.published));
-
-    EXPECT_EQ(allocator.LiveBlocks(), 0) << "every block went back";
-    EXPECT_EQ(module->CanUnload(), 0) << "no module object is left";
-    EXPECT_EQ(OpenDescriptors(), descriptors) << "no descriptor is left open";
-    if (!o.fired) break;
-    ++exercised;
-    ++byPoint[std::string(host::FaultPointName(*o.fired))];
-
-    const FaultPoint p = *o.fired;
-    const zel::result_t code = p == FaultPoint::Alloc ? zel::result::OutOfMemory : kFault;
-    const AppControlExpectation expected = ExpectedForAppControl(o.step, p);
-    using R = AppControlExpectation::Result;
-    EXPECT_TRUE((o.result == code && expected.result != R::Succeeds) || (o.result == 0 && expected.result != R::Fault))
-        << Hex(o.result) << " where " << (expected.result == R::Fault ? Hex(code) : "success") << " was expected";
-    if (expected.line != nullptr) {
-      EXPECT_TRUE(HasLine(run.lines, expected.line)) << "expected the line: " << expected.line;
-    }
-    EXPECT_EQ(run.sinkExceptions, 0u) << "no callback throws into the engine";
-    if (o.step == "events") {
-      EXPECT_EQ(run.published, p == FaultPoint::PublisherPublish ? 2u : 3u);
-    } else if (o.fired && o.step != "create" && o.step != "start" && o.result == 0) {
-      EXPECT_EQ(run.published, 3u);
-    }
-  }
-  Summarise("application control lifecycle", exercised, byPoint);
-  EXPECT_GT(exercised, 20u);
+  Sweep<AppControlRun>(
+      "application control lifecycle", *module, 20,
+      [&](host::CountingAllocator& allocator, std::uint64_t nth, AppControlRun& run) {
+        RunAppControl(*module, allocator, nth, run);
+      },
+      [](const AppControlRun& run) {
+        if (!run.fired) return;
+        const FaultPoint p = *run.fired;
+        const zel::result_t code = p == FaultPoint::Alloc ? zel::result::OutOfMemory : kFault;
+        const AppControlExpectation expected = ExpectedForAppControl(run.step, p);
+        using R = AppControlExpectation::Result;
+        EXPECT_TRUE((run.result == code && expected.result != R::Succeeds) ||
+                    (run.result == 0 && expected.result != R::Fault))
+            << Hex(run.result) << " where " << (expected.result == R::Fault ? Hex(code) : "success")
+            << " was expected";
+        if (expected.line != nullptr) {
+          EXPECT_TRUE(run.Traced(expected.line)) << "expected the line: " << expected.line;
+        }
+        EXPECT_EQ(run.sinkExceptions, 0u) << "no callback throws into the engine";
+        if (run.step == "events") {
+          EXPECT_EQ(run.published, p == FaultPoint::PublisherPublish ? 2u : 3u);
+        } else if (run.step != "create" && run.step != "start" && run.result == 0) {
+          EXPECT_EQ(run.published, 3u);
+        }
+      });
 }
 
 // ---------------------------------------------------------------------------
@@ -458,50 +481,9 @@ struct ScanTrees {
   fs::path root;
 };
 
-// The scan's host over a state file that outlives it.
-struct ScanHost : HostBase {
-  ScanHost(host::CountingAllocator& allocator, const host::LoadedModule& module, const std::string& db)
-      : serialisation((Register(allocator), locator), module) {
-    serviceManager.UseBinarySerializer(&locator);
-    host::cli::RegisterRecordCodecs(serviceManager, &locator);
-    serviceManager.Open(db);
-    categories.Open(db);
-    store.Open(db);
-    locator.Register<app_core::facade::IServiceManager>(&serviceManager);
-    locator.Register<ICategoriesManager>(&categories);
-    locator.Register<app_core::component::IKeyValueStorage>(&store);
-    host::RegisterFileServices(locator, files);
-    host::RegisterEngineServices(locator, engine);
-    TaskDescription task;
-    task.taskId = 22;
-    task.taskName = zel::wstring_t(u"Inventory_Scan");
-    task.taskType = zel::wstring_t(u"InventoryScan");
-    task.sessionId = kScanSession;
-    engine.tasks.Add(task, std::string());
-  }
-  ~ScanHost() {
-    locator.Remove(tov::app_control::IInventoryStorage::iid);
-    host::UnregisterEngineServices(locator);
-    host::UnregisterFileServices(locator);
-    for (zel::iid_t iid : {app_core::component::IKeyValueStorage::iid, ICategoriesManager::iid,
-                           app_core::facade::IServiceManager::iid})
-      locator.Remove(iid);
-    store.Close();
-    categories.Close();
-    serviceManager.Close();
-  }
-
-  Serialisation serialisation;
-  host::ServiceManager serviceManager;
-  host::CategoriesManager categories{&locator};
-  host::KeyValueStore store;
-  host::FileServices files;
-  host::EngineServices engine;
-};
-
 // One whole scan of `root`; the stop notice's result, or nothing when the
 // task did not start or no notice came.
-std::optional<zel::result_t> Scan(ScanHost& h, const host::LoadedModule& module, const fs::path& root,
+std::optional<zel::result_t> Scan(SweepHost& h, const host::LoadedModule& module, const fs::path& root,
                                   zel::result_t* started) {
   auto task = CreateModuleObject<ITask>(module, &h.locator, tov::app_control::kInventoryScanTaskClassId, started);
   if (!task) return std::nullopt;
@@ -539,11 +521,11 @@ struct StoredInventory {
   std::size_t ids = 0;
 };
 
-StoredInventory ReadStored(const host::LoadedModule& module, const std::string& db) {
+StoredInventory ReadStored(const host::LoadedModule& module, const fs::path& dir) {
   StoredInventory stored;
   host::CountingAllocator allocator;
   {
-    ScanHost reader(allocator, module, db);
+    SweepHost reader(allocator, module, dir);
     auto storage = CreateModuleObject<tov::app_control::IInventoryStorage>(
         module, &reader.locator, tov::app_control::kInventoryStorageClassId, &stored.result);
     if (!storage) return stored;
@@ -560,14 +542,17 @@ StoredInventory ReadStored(const host::LoadedModule& module, const std::string& 
   return stored;
 }
 
-struct ScanRun {
-  Outcome outcome;
+struct ScanRun : Outcome {
   std::optional<zel::result_t> notice;
   zel::result_t started = 0;
   zel::result_t readBack = 0;
   std::size_t readCount = 0;
-  std::string failureLines;
-  std::vector<std::string> lines;  // level 300 and 500
+  StoredInventory stored;  // what a fresh reader finds in the state file after the run
+
+  std::string Describe() const {
+    return Outcome::Describe() + (notice ? " notice " + Hex(*notice) : " no notice") + " read " + Hex(readBack) +
+           " " + std::to_string(readCount);
+  }
 };
 
 // The lines the scan gives when `point` fails under `step`.
@@ -590,18 +575,10 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
   const std::set<std::string> fresh = trees.Files("new");
   ASSERT_EQ(previous.size(), static_cast<std::size_t>(kPreviousFiles));
   ASSERT_EQ(fresh.size(), static_cast<std::size_t>(kNewFiles) + 1);
-  const std::size_t descriptors = OpenDescriptors();
-  std::uint64_t exercised = 0;
-  std::map<std::string, std::uint64_t> byPoint;
-
-  for (std::uint64_t nth = 1;; ++nth) {
-    SCOPED_TRACE("fault point " + std::to_string(nth));
+  const auto one = [&](host::CountingAllocator& allocator, std::uint64_t nth, ScanRun& run) {
     const std::string dir = MakeTempDir("fault_sweep_state");
-    const std::string db = dir + "/state.db";
-    ScanRun run;
-    host::CountingAllocator allocator;
     {
-      ScanHost h(allocator, *module, db);
+      SweepHost h(allocator, *module, dir);
       zel::result_t made = 0;
       auto storage = CreateModuleObject<tov::app_control::IInventoryStorage>(
           *module, &h.locator, tov::app_control::kInventoryStorageClassId, &made);
@@ -612,7 +589,7 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
       ASSERT_EQ(Scan(h, *module, trees.root / "previous", &seeded), std::optional<zel::result_t>(0)) << Hex(seeded);
       h.tracer.Clear();
 
-      StepLog step(run.outcome);
+      StepLog step(run);
       Board().FailNth(nth, kFault);
       step("scan", [&] {
         run.notice = Scan(h, *module, trees.root / "new", &run.started);
@@ -632,28 +609,20 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
         return zel::result_t{0};
       });
       Board().Disarm();
-      CollectLines(h.tracer, run.failureLines, run.lines);
+      run.Collect(h.tracer);
     }
-    const Outcome& o = run.outcome;
-    const std::string said = o.Describe() + (run.notice ? " notice " + Hex(*run.notice) : " no notice");
-    SCOPED_TRACE(said + "\n" + run.failureLines);
-    Report(nth, said + " read " + Hex(run.readBack) + " " + std::to_string(run.readCount));
-    EXPECT_EQ(allocator.LiveBlocks(), 0) << "every block went back";
-    EXPECT_EQ(module->CanUnload(), 0) << "no module object is left";
-    EXPECT_EQ(OpenDescriptors(), descriptors) << "no descriptor is left open";
-
-    const StoredInventory stored = ReadStored(*module, db);
+    run.stored = ReadStored(*module, dir);
     fs::remove_all(dir);
-    if (!o.fired) {
+  };
+  const auto check = [&](const ScanRun& run) {
+    const StoredInventory& stored = run.stored;
+    if (!run.fired) {
       EXPECT_EQ(run.notice, std::optional<zel::result_t>(0));
       EXPECT_EQ(stored.result, 0);
       EXPECT_EQ(stored.paths, fresh);
-      break;
+      return;
     }
-    ++exercised;
-    ++byPoint[std::string(host::FaultPointName(*o.fired))];
-    const FaultPoint p = *o.fired;
-
+    const FaultPoint p = *run.fired;
     // The store: the previous inventory, or what this run stored, never a
     // mix. What the run stored is every new file, but for
     // - none, when the run failed after clearing the old inventory and
@@ -663,8 +632,8 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
     //   then reports the failure);
     // - a record that AddInfo could not write: its id stays listed, and the
     //   list then cannot be read whole.
-    const bool recordLost = HasLine(run.lines, "m_inventory->AddInfo(info)");
-    const bool walkCut = HasLine(run.lines, "InventoryScanTask::ProcessPath(const tov::NativePath&) ");
+    const bool recordLost = run.Traced("m_inventory->AddInfo(info)");
+    const bool walkCut = run.Traced("InventoryScanTask::ProcessPath(const tov::NativePath&) ");
     const bool reportedFailure = !run.notice || *run.notice < 0 || run.started != 0;
     if (recordLost) {
       EXPECT_EQ(stored.ids, fresh.size());
@@ -679,11 +648,11 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
       for (const auto& path : stored.paths) EXPECT_TRUE(fresh.count(path)) << path << " is no file of either tree";
       if (walkCut || stored.paths.empty()) {
         EXPECT_TRUE(reportedFailure) << "a cut walk is reported";
-        EXPECT_EQ(o.step, "scan");
+        EXPECT_EQ(run.step, "scan");
       } else if (missing == 1) {
-        EXPECT_EQ(o.step, "scan");
-        EXPECT_TRUE(HasLine(run.lines, "OpenFile(path, io)") || HasLine(run.lines, "Cannot inventory ") ||
-                    HasLine(run.lines, "Cannot lstat ") || HasLine(run.lines, "Cannot open file '") ||
+        EXPECT_EQ(run.step, "scan");
+        EXPECT_TRUE(run.Traced("OpenFile(path, io)") || run.Traced("Cannot inventory ") ||
+                    run.Traced("Cannot lstat ") || run.Traced("Cannot open file '") ||
                     p == FaultPoint::FormatRecognizerCreate || p == FaultPoint::Alloc ||
                     p == FaultPoint::LocatorGetInterface)
             << "a file left out is traced";
@@ -692,13 +661,13 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
       }
     }
 
-    if (const char* line = ScanLine(o.step, p)) {
-      EXPECT_TRUE(HasLine(run.lines, line)) << "expected the line: " << line;
+    if (const char* line = ScanLine(run.step, p)) {
+      EXPECT_TRUE(run.Traced(line)) << "expected the line: " << line;
     }
-    if (o.step == "scan" && p == FaultPoint::TaskLockTry) {
+    if (run.step == "scan" && p == FaultPoint::TaskLockTry) {
       EXPECT_EQ(run.started, zel::result::UnspecifiedError);
     }
-    if (o.step == "read" && !recordLost) {
+    if (run.step == "read" && !recordLost) {
       static const std::map<FaultPoint, std::set<zel::result_t>> kRead{
           {FaultPoint::SettingsGet, {0}},  // category names are only left out
           {FaultPoint::KvGetValue, {kFault}},
@@ -713,9 +682,8 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
       if (allowed == kRead.end()) ADD_FAILURE() << "no expectation for " << host::FaultPointName(p) << " in read";
       else EXPECT_TRUE(allowed->second.count(run.readBack)) << Hex(run.readBack);
     }
-  }
-  Summarise("inventory scan and read back", exercised, byPoint);
-  EXPECT_GT(exercised, static_cast<std::uint64_t>(kNewFiles) * 2);
+  };
+  Sweep<ScanRun>("inventory scan and read back", *module, static_cast<std::uint64_t>(kNewFiles) * 2, one, check);
 }
 
 }  // namespace
