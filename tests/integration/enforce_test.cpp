@@ -100,6 +100,7 @@ class EnforceTest : public test_support::AcctlProcessTest {
  protected:
   void SetUp() override {
     AcctlProcessTest::SetUp();
+    REQUIRE_FANOTIFY();
     fs::permissions(dir, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                              fs::perms::others_read | fs::perms::others_exec);
     bin = fs::path(dir) / "bin";
@@ -121,12 +122,16 @@ class EnforceTest : public test_support::AcctlProcessTest {
     fs::copy_file(from, path, fs::copy_options::overwrite_existing);
     return path;
   }
-  // `traced`: at trace level 800, where each held start has its line.
+  // The listener, once its marks are placed (a listener that never gets
+  // there fails the test, and every wait after it is bounded). `traced`: at
+  // trace level 800, where each held start has its line.
   std::unique_ptr<test_support::Acctl> Enforce(const std::string& settings, const std::string& extra = "",
                                                bool traced = false, const std::string& marks = "") {
-    return Spawn(std::string("--trace ") + (traced ? "800" : "700") + " --events " + events.string() +
-                 " enforce --settings " + Write("settings.json", settings) + " --categories " + dir +
-                 "/categories.json " + (marks.empty() ? "--watch " + bin.string() : marks) + " " + extra);
+    auto acctl = Spawn(std::string("--trace ") + (traced ? "800" : "700") + " --events " + events.string() +
+                       " enforce --settings " + Write("settings.json", settings) + " --categories " + dir +
+                       "/categories.json " + (marks.empty() ? "--watch " + bin.string() : marks) + " " + extra);
+    EXPECT_TRUE(acctl->WaitReady()) << acctl->Err();
+    return acctl;
   }
   std::vector<std::string> EventLines() {
     std::vector<std::string> lines;
@@ -144,9 +149,7 @@ class EnforceTest : public test_support::AcctlProcessTest {
 // The process's facts are read while its start is held: once it is
 // answered, a program like these is gone before anything could look.
 TEST_F(EnforceTest, BlockedCopyFailsWithEpermAllowedAndUnwatchedOnesRunAndEveryReportNamesItsProcess) {
-  REQUIRE_FANOTIFY();
   const auto acctl = Enforce(DenySettings());
-  ASSERT_TRUE(acctl->WaitReady()) << acctl->Err();
   EXPECT_THAT(acctl->Err(), HasSubstr("acctl: enforcing on 1 marks"));
 
   std::vector<pid_t> pids;
@@ -184,7 +187,6 @@ TEST_F(EnforceTest, AStormOfStartsIsAccountedForWholeInTheCounters) {
   // published, dropped or failed; and what was published was written. A
   // short program's process ends while its event waits to be published:
   // once, describing it made the event vanish uncounted.
-  REQUIRE_FANOTIFY();
   const std::vector<fs::path> programs{allowed, blocked};
   struct Case {
     const char* name;
@@ -199,7 +201,6 @@ TEST_F(EnforceTest, AStormOfStartsIsAccountedForWholeInTheCounters) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const auto acctl = Enforce(DenySettings(), std::string("--json ") + c.options);
-    ASSERT_TRUE(acctl->WaitReady()) << acctl->Err();
     Storm(programs, 8, 25);
     ASSERT_EQ(acctl->Stop(), 0) << acctl->Err();
     const std::string out = acctl->Out();
@@ -219,11 +220,9 @@ TEST_F(EnforceTest, AStormOfStartsIsAccountedForWholeInTheCounters) {
 TEST_F(EnforceTest, MemfdSwitchRefusesAProgramRunFromMemoryAndPutsTheSettingBack) {
   // A program started from a memfd passes no mark; the switch closes that
   // way for the run.
-  REQUIRE_FANOTIFY();
   const int before = MemfdNoExec();
   REQUIRE(before < 0 ? "this kernel has no vm.memfd_noexec (Linux 6.3)" : "");
   const auto acctl = Enforce(DenySettings(), "--memfd-noexec --json");
-  ASSERT_TRUE(acctl->WaitReady()) << acctl->Err();
   EXPECT_THAT(acctl->Err(), HasSubstr("acctl: no memfd can be executed here (vm.memfd_noexec 2"));
   EXPECT_EQ(MemfdNoExec(), 2);
   EXPECT_EQ(RunFromMemfd(), EACCES);
@@ -239,11 +238,9 @@ TEST_F(EnforceTest, AProgramRunThroughTheDynamicLoaderIsDecidedLikeItsExec) {
   // `ld.so PROGRAM` opens and maps the program: no exec of it is seen, so
   // the loader's open of its program is decided as its start. Every other
   // open on the marks is let through and not reported.
-  REQUIRE_FANOTIFY();
   const fs::path loader = DynamicLoader();
   REQUIRE(loader.empty() ? "no dynamic loader found" : "");
   const auto acctl = Enforce(DenySettings(), "--json");
-  ASSERT_TRUE(acctl->WaitReady()) << acctl->Err();
   const std::string err = dir + "/loader.err";
   const struct {
     std::vector<std::string> args;
@@ -268,7 +265,6 @@ TEST_F(EnforceTest, AProgramRunThroughTheDynamicLoaderIsDecidedLikeItsExec) {
 }
 
 TEST_F(EnforceTest, GoldenImageAllowListRunsOnlyTheImagesContent) {
-  REQUIRE_FANOTIFY();
   std::string trueHash;
   ASSERT_EQ(host::engine::Sha256File("/usr/bin/true", &trueHash), 0);
   Write("categories.json", "[{ \"Name\": \"GoldenImage\", \"GUID\": \"eac00500000000000000000000000000\", "
@@ -282,7 +278,6 @@ TEST_F(EnforceTest, GoldenImageAllowListRunsOnlyTheImagesContent) {
   std::ofstream(changed, std::ios::app) << '\0';
 
   const auto acctl = Enforce(settings);
-  ASSERT_TRUE(acctl->WaitReady()) << acctl->Err();
   EXPECT_EQ(Start(same).exitCode, 0) << "the image's content runs under any name";
   EXPECT_EQ(Start(other).execError, EPERM);
   EXPECT_EQ(Start(changed).execError, EPERM) << "one byte more is another content";
@@ -290,9 +285,7 @@ TEST_F(EnforceTest, GoldenImageAllowListRunsOnlyTheImagesContent) {
 }
 
 TEST_F(EnforceTest, TestModeLetsEverythingRunAndSighupSwitchesARuleOnForTheNextStartUnlessTheFileIsBad) {
-  REQUIRE_FANOTIFY();
   const auto acctl = Enforce(DenySettings("TestRules"));
-  ASSERT_TRUE(acctl->WaitReady()) << acctl->Err();
   EXPECT_EQ(Start(blocked).exitCode, 0) << "test mode";
   EXPECT_EQ(Start(allowed).exitCode, 0);
 
@@ -321,12 +314,10 @@ TEST_F(EnforceTest, TestModeLetsEverythingRunAndSighupSwitchesARuleOnForTheNextS
 }
 
 TEST_F(EnforceTest, StartsBeyondTheBusyDecidingThreadsAreTakenAtOnceAndDecided) {
-  REQUIRE_FANOTIFY();
   // Each decision is held 2 s: the first starts keep the threads that decide
   // where they read busy, so the others must be taken by the overflow reader
   // (each is traced as held when read) and decided by the pool.
   const auto acctl = Enforce(DenySettings(), "--decision-delay 2000 --decision-timeout 60000", true);
-  ASSERT_TRUE(acctl->WaitReady()) << acctl->Err();
   std::vector<std::unique_ptr<Proc>> children;
   for (int i = 0; i < 6; ++i) children.push_back(std::make_unique<Proc>(std::vector<std::string>{i % 2 == 0 ? blocked : allowed}));
   for (const auto& child : children) EXPECT_TRUE(acctl->WaitHeld(child->Pid())) << acctl->Err();
@@ -347,7 +338,6 @@ TEST_F(EnforceTest, StartNotDecidedInTimeOrHeldWhenTheListenerEndsIsAnsweredByTh
   // The start is of the blocked program: whatever lets it run was not its
   // decision. After SIGKILL the kernel allows what the closed group held.
   // No start answered so is reported, and no mark outlives the listener.
-  REQUIRE_FANOTIFY();
   const char* held = "--decision-delay 60000 --decision-timeout 120000";
   const struct {
     const char* name;
@@ -366,7 +356,6 @@ TEST_F(EnforceTest, StartNotDecidedInTimeOrHeldWhenTheListenerEndsIsAnsweredByTh
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const auto acctl = Enforce(DenySettings(), c.options, true);
-    ASSERT_TRUE(acctl->WaitReady()) << acctl->Err();
     Proc start({blocked});
     if (c.signal != 0) {
       ASSERT_TRUE(acctl->WaitHeld(start.Pid())) << acctl->Err();
@@ -382,9 +371,7 @@ TEST_F(EnforceTest, StartNotDecidedInTimeOrHeldWhenTheListenerEndsIsAnsweredByTh
 }
 
 TEST_F(EnforceTest, StartWhoseProgramOrProcessIsGoneBeforeTheDecisionIsStillAnswered) {
-  REQUIRE_FANOTIFY();
   const auto acctl = Enforce(DenySettings(), "--decision-delay 300 --decision-timeout 60000", true);
-  ASSERT_TRUE(acctl->WaitReady()) << acctl->Err();
 
   // The program is deleted while its start waits: the file that was
   // started is still the one decided on, and it is still blocked.
@@ -417,7 +404,6 @@ TEST_F(EnforceTest, StartWhoseProgramOrProcessIsGoneBeforeTheDecisionIsStillAnsw
 }
 
 TEST_F(EnforceTest, MountMarkHoldsStartsAnywhereOnThatMount) {
-  REQUIRE_FANOTIFY();
   // A mount of our own: marking the one that holds /tmp would hold the
   // whole machine's starts.
   const fs::path mnt = dir + "/mnt";
@@ -429,7 +415,6 @@ TEST_F(EnforceTest, MountMarkHoldsStartsAnywhereOnThatMount) {
   fs::create_directories(mnt / "deep" / "er");
   const fs::path deep = Program("blocked", mnt / "deep" / "er"), top = Program("allowed", mnt);
   const auto acctl = Enforce(DenySettings(), "", false, "--mount " + (mnt / "deep").string());
-  ASSERT_TRUE(acctl->WaitReady()) << acctl->Err();
   EXPECT_EQ(Start(deep).execError, EPERM) << "below the marked path, in a subdirectory";
   EXPECT_EQ(Start(top).exitCode, 0);
   EXPECT_EQ(acctl->Stop(), 0) << acctl->Err();

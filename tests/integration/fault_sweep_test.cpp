@@ -7,10 +7,6 @@
 // the previous inventory or what the run itself stored, never a mix.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <cstdio>
@@ -18,11 +14,9 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "app_control/interfaces/iapp_control_task_settings.h"
