@@ -1,12 +1,14 @@
-// Fault sweeps: the built module over the reference host, where one host
-// operation (or one allocation) fails in each run. Run N fails the Nth
-// fault-point call of the scenario; the sweep goes on until a run completes
-// without reaching its fault. Every run must end with no block, no module
-// object and no descriptor left over, with the result and trace line the
-// module gives for that failure, and, for the scan, with the store holding
-// the previous inventory or what the run itself stored, never a mix.
+// The built module, loaded with dlopen, over the reference host: program
+// starts checked event by event, and fault sweeps, where one host operation
+// (or one allocation) fails in each run. Run N fails the Nth fault-point
+// call of the scenario; the sweep goes on until a run completes without
+// reaching its fault. Every run must end with no block, no module object and
+// no descriptor left over, with the result and trace line the module gives
+// for that failure, and, for the scan, with the store holding the previous
+// inventory or what the run itself stored, never a mix.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstdio>
@@ -14,9 +16,11 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app_control/interfaces/iapp_control_task_settings.h"
@@ -27,6 +31,7 @@
 #include "app_control/module_entry.h"
 #include "host/cli/record_codecs.h"
 #include "host/engine/engine_services.h"
+#include "host/engine/file_facts.h"
 #include "host/files/file_services.h"
 #include "host/module/module_loader.h"
 #include "host/serialization/serialization_services.h"
@@ -272,18 +277,35 @@ host::LoadedModule* FaultSweepTest::module = nullptr;
 // (a) the application control task through its whole life
 // ---------------------------------------------------------------------------
 
+tov::settings::AppControlRule Rule(std::u16string_view name, std::u16string_view category, tov::UserAccess access) {
+  tov::settings::AppControlRule rule;
+  rule.ruleName = zel::wstring_t(name);
+  rule.categoryName = zel::wstring_t(category);
+  auto& user = rule.users.emplace_back();
+  user.userName = zel::wstring_t(u"root");
+  user.access = access;
+  return rule;
+}
+
 tov::settings::AppControlSettings AppControlSettings(tov::AppControlMode mode) {
   tov::settings::AppControlSettings settings;
   settings.mode = mode;
   settings.enforcement = tov::AppControlEnforcement::ApplyRules;
-  tov::settings::AppControlRule rule;
-  rule.ruleName = zel::wstring_t(u"scripts");
-  rule.categoryName = zel::wstring_t(u"Scripts");
-  auto& user = rule.users.emplace_back();
-  user.userName = zel::wstring_t(u"root");
-  user.access = tov::UserAccess::Allow;
-  settings.allowListRules.push_back(rule);
+  settings.allowListRules.push_back(Rule(u"scripts", u"Scripts", tov::UserAccess::Allow));
   return settings;
+}
+
+// A user category of one expression on a file's facts.
+void AddCategory(SweepHost& h, host::CountingAllocator& allocator, std::uint8_t id, std::u16string_view name,
+                 app_ctrl::CategoryFileInfoField field, app_ctrl::CategoryStringOperation op, zel::wstring_t value) {
+  ICategoriesManager::CategoryList list;
+  auto& category = list.emplace_back();
+  category.GUID = app_ctrl::CategoryId{{id}};
+  category.Name = zel::wstring_t(name);
+  const app_ctrl::CategoryFileInfoOperationExpression e(field, op, std::move(value));
+  category.Include.emplace_back().expression.assign_copy(
+      &e, category_test::Described<app_ctrl::CategoryFileInfoOperationExpression>::Get(), &allocator);
+  h.categories.PutCategories({}, list, {}, tov::types::CategoriesAction::AddUser);
 }
 
 struct AppControlRun : Outcome {
@@ -346,20 +368,6 @@ AppControlExpectation ExpectedForAppControl(const std::string& step, FaultPoint 
   return {R::FaultOrSucceeds, nullptr};
 }
 
-// Scripts, by a path glob, are the one category.
-void AddScriptsCategory(SweepHost& h, host::CountingAllocator& allocator, const fs::path& dir) {
-  ICategoriesManager::CategoryList list;
-  auto& category = list.emplace_back();
-  category.GUID = app_ctrl::CategoryId{{0x22}};
-  category.Name = zel::wstring_t(u"Scripts");
-  const app_ctrl::CategoryFileInfoOperationExpression e(app_ctrl::CategoryFileInfoField::FilePath,
-                                                        app_ctrl::CategoryStringOperation::Like,
-                                                        W((dir / "bin").string() + "/*"));
-  category.Include.emplace_back().expression.assign_copy(
-      &e, category_test::Described<app_ctrl::CategoryFileInfoOperationExpression>::Get(), &allocator);
-  h.categories.PutCategories({}, list, {}, tov::types::CategoriesAction::AddUser);
-}
-
 void RunAppControl(const host::LoadedModule& module, host::CountingAllocator& allocator, std::uint64_t nth,
                    AppControlRun& run) {
   const fs::path dir = MakeTempDir("fault_sweep_ac");
@@ -368,7 +376,8 @@ void RunAppControl(const host::LoadedModule& module, host::CountingAllocator& al
   WriteFile(dir / "other", "another program");
   {
     SweepHost h(allocator, module, dir);
-    AddScriptsCategory(h, allocator, dir);
+    AddCategory(h, allocator, 0x22, u"Scripts", app_ctrl::CategoryFileInfoField::FilePath,
+                app_ctrl::CategoryStringOperation::Like, W((dir / "bin").string() + "/*"));
     auto settings = AppControlSettings(tov::AppControlMode::AllowList);
     auto changed = AppControlSettings(tov::AppControlMode::DenyList);
     StepLog step(run);
@@ -678,6 +687,187 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
     }
   };
   Sweep<ScanRun>("inventory scan and read back", *module, static_cast<std::uint64_t>(kNewFiles) * 2, one, check);
+}
+
+// ---------------------------------------------------------------------------
+// (c) with no fault: program starts become their events, also while the
+// host changes, pauses and stops the task
+// ---------------------------------------------------------------------------
+
+class ProgramStartTest : public FaultSweepTest {
+ protected:
+  void SetUp() override {
+    dir = MakeTempDir("app_control_e2e");
+    fs::create_directories(dir / "bin");
+    WriteFile(dir / "trusted", "trusted program");
+    WriteFile(dir / "other", "another program");
+    WriteFile(dir / "bin" / "script", "#!/bin/sh");
+    std::string sha;
+    ASSERT_EQ(host::engine::Sha256File((dir / "trusted").string(), &sha), 0);
+    h = std::make_unique<SweepHost>(allocator, *module, dir);
+    AddCategory(*h, allocator, 0x11, u"Hashed", app_ctrl::CategoryFileInfoField::FileSha256Hash,
+                app_ctrl::CategoryStringOperation::Equal, W(sha));
+    AddCategory(*h, allocator, 0x22, u"Scripts", app_ctrl::CategoryFileInfoField::FilePath,
+                app_ctrl::CategoryStringOperation::Like, W((dir / "bin").string() + "/*"));
+  }
+  void TearDown() override {
+    settingsFace.Reset();
+    task.Reset();
+    h.reset();
+    EXPECT_EQ(module->CanUnload(), 0) << "every module object is gone";
+    fs::remove_all(dir);
+    FaultSweepTest::TearDown();
+  }
+
+  // The task made by the module from `settings`, with its settings face.
+  void CreateTask(tov::settings::AppControlSettings& settings) {
+    void* arguments[2] = {&h->locator, &settings};
+    zel::IObject* object = nullptr;
+    ASSERT_EQ(module->CreateObject(tov::app_control::kAppControlTaskClassId, arguments, &object), 0);
+    task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
+    ASSERT_EQ(task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
+                                   reinterpret_cast<void**>(settingsFace.Ref())),
+              0);
+  }
+
+  // Starts `path` as `uid` and gives the event it caused, if any.
+  std::vector<tov::RuntimeEvent> Run(const fs::path& path, std::uint32_t uid) {
+    h->engine.publisher.Clear();
+    EXPECT_EQ(h->engine.engine.SubmitProgramStart({path.string(), uid, 0}), 0);
+    // A stuck engine fails the test instead of hanging it.
+    EXPECT_TRUE(h->engine.engine.WaitIdleFor(std::chrono::seconds(10)));
+    return h->engine.publisher.Events();
+  }
+
+  static std::u16string Field(const tov::RuntimeEvent& e, tov::FieldName name) {
+    for (const auto& f : e.runtimeFields)
+      if (f.name == static_cast<std::int32_t>(name) && f.data.IfWString()) return std::u16string(f.data.GetWString().view());
+    return u"<absent>";
+  }
+
+  fs::path dir;
+  host::CountingAllocator allocator;
+  std::unique_ptr<SweepHost> h;
+  zel::RefPtr<ITask> task;
+  zel::RefPtr<tov::app_control::IAppControlTaskSettings> settingsFace;
+};
+
+TEST_F(ProgramStartTest, ProgramStartsBecomeTheirEvents) {
+  tov::settings::AppControlSettings settings;
+  settings.allowListRules.push_back(Rule(u"trusted by hash", u"Hashed", tov::UserAccess::Allow));
+  settings.denyListRules.push_back(Rule(u"no scripts", u"Scripts", tov::UserAccess::Block));
+  CreateTask(settings);
+  ASSERT_TRUE(task);
+  ASSERT_EQ(task->Start(1, nullptr), 0);
+
+  using Mode = tov::AppControlMode;
+  using Enforcement = tov::AppControlEnforcement;
+  const struct {
+    const char* name;
+    Mode mode;
+    Enforcement enforcement;
+    const char* program;
+    std::uint32_t uid;
+    int type, severity;
+    const char16_t* category;  // with its rule's name; null: not looked at
+    const char16_t* rule;
+  } cases[] = {
+      // Allow list: only what a rule allows for its user runs.
+      {"allowed", Mode::AllowList, Enforcement::ApplyRules, "trusted", 0, 120, 4, u"Hashed", u"trusted by hash"},
+      {"in no rule", Mode::AllowList, Enforcement::ApplyRules, "other", 0, 122, 0, nullptr, nullptr},
+      {"a user the rule doesn't name", Mode::AllowList, Enforcement::ApplyRules, "trusted", 65534, 122, 0, nullptr,
+       nullptr},
+      // Deny list, tested first: the block would have happened, and the program ran.
+      {"test mode", Mode::DenyList, Enforcement::TestRules, "bin/script", 0, 123, 4, u"Scripts", u"no scripts"},
+      {"denied", Mode::DenyList, Enforcement::ApplyRules, "bin/script", 0, 122, 0, u"Scripts", u"no scripts"},
+      {"in no deny rule", Mode::DenyList, Enforcement::ApplyRules, "other", 0, 120, 4, nullptr, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    settings.mode = c.mode;
+    settings.enforcement = c.enforcement;
+    ASSERT_EQ(settingsFace->SetSettings(&settings), 0);
+    const auto events = Run(dir / c.program, c.uid);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].eventType, c.type);
+    EXPECT_EQ(events[0].severity, c.severity);
+    EXPECT_EQ(events[0].subject.user->userId, c.uid);
+    const std::string name = fs::path(c.program).filename().string();
+    EXPECT_EQ(Field(events[0], tov::FieldName::FileName), std::u16string(name.begin(), name.end()));
+    EXPECT_EQ(Field(events[0], tov::FieldName::TaskName), u"Application_Control");
+    if (c.uid == 0) {
+      EXPECT_EQ(Field(events[0], tov::FieldName::AccessUser), u"root");
+    }
+    if (c.category != nullptr) {
+      EXPECT_EQ(Field(events[0], tov::FieldName::Category), c.category);
+      EXPECT_EQ(Field(events[0], tov::FieldName::VendorCategory), c.rule);
+    }
+  }
+
+  settingsFace.Reset();
+  ASSERT_EQ(task->Stop(), 0);
+  EXPECT_EQ(h->engine.engine.Subscribers(), 0u);
+  EXPECT_EQ(h->engine.engine.SubmitProgramStart({(dir / "other").string(), 0, 0}), zel::result::NotReady)
+      << "a stopped engine task decides nothing";
+}
+
+// Program starts arrive from another thread the whole time the host changes
+// the settings, pauses, resumes and stops the task: each start is taken or
+// refused as not ready, each event published is a whole decision, and
+// nothing of the task is left once it is released.
+TEST_F(ProgramStartTest, StartsFromAnotherThreadDuringSettingsPauseAndStop) {
+  tov::settings::AppControlSettings settings;
+  settings.mode = tov::AppControlMode::AllowList;
+  settings.enforcement = tov::AppControlEnforcement::ApplyRules;
+  settings.allowListRules.push_back(Rule(u"trusted by hash", u"Hashed", tov::UserAccess::Allow));
+  CreateTask(settings);
+  ASSERT_TRUE(settingsFace);
+  ASSERT_EQ(task->Start(1, nullptr), 0);
+  h->engine.publisher.Clear();
+  const std::int64_t blocksBefore = allocator.LiveBlocks();  // the categories' own
+
+  std::atomic<bool> done{false};
+  std::atomic<int> taken{0}, notReady{0}, other{0};
+  std::thread starter([&] {
+    const fs::path programs[] = {dir / "trusted", dir / "other", dir / "bin" / "script"};
+    for (int i = 0; !done.load() && i < 200000; ++i) {
+      const zel::result_t r = h->engine.engine.SubmitProgramStart({programs[i % 3].string(), 0, 0});
+      ++(r == 0 ? taken : r == zel::result::NotReady ? notReady : other);
+      if (i % 16 == 0) std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+  });
+  for (int round = 0; round < 20; ++round) {
+    settings.enforcement =
+        round % 2 == 0 ? tov::AppControlEnforcement::TestRules : tov::AppControlEnforcement::ApplyRules;
+    EXPECT_EQ(settingsFace->SetSettings(&settings), 0);
+    EXPECT_EQ(task->Pause(), 0);
+    EXPECT_EQ(task->Resume(), 0);
+  }
+  // Let some starts through a running task before it stops.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (h->engine.publisher.Events().size() < 10 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  settingsFace.Reset();
+  EXPECT_EQ(task->Stop(), 0);
+  const int takenAtStop = taken.load();
+  while (notReady.load() == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  done = true;
+  starter.join();
+  EXPECT_TRUE(h->engine.engine.WaitIdleFor(std::chrono::seconds(10)));
+
+  EXPECT_EQ(other.load(), 0);
+  EXPECT_GT(notReady.load(), 0) << "starts after the stop are refused";
+  EXPECT_LE(taken.load() - takenAtStop, 1) << "at most the start under way as the task stopped";
+  const auto events = h->engine.publisher.Events();
+  EXPECT_GE(events.size(), 10u);
+  EXPECT_LE(events.size(), static_cast<std::size_t>(taken.load())) << "an event without a start";
+  for (const auto& e : events) {
+    EXPECT_TRUE(e.eventType >= 120 && e.eventType <= 123) << e.eventType;
+    EXPECT_NE(Field(e, tov::FieldName::FileName), u"<absent>");
+  }
+  task.Reset();
+  EXPECT_EQ(allocator.LiveBlocks(), blocksBefore);
 }
 
 }  // namespace
