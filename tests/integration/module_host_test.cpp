@@ -1,5 +1,5 @@
-// The built module, loaded with dlopen, over the reference host: program
-// starts checked event by event, and fault sweeps, where one host operation
+// The built module, loaded with dlopen, over the reference host: its
+// exports, program starts checked event by event, and fault sweeps, where one host operation
 // (or one allocation) fails in each run. Run N fails the Nth fault-point
 // call of the scenario; the sweep goes on until a run completes without
 // reaching its fault. Every run must end with no block, no module object and
@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -272,6 +273,84 @@ class FaultSweepTest : public ::testing::Test {
   static host::LoadedModule* module;
 };
 host::LoadedModule* FaultSweepTest::module = nullptr;
+
+// ---------------------------------------------------------------------------
+// The module file: each export is wired to its own entry point, and the
+// module stays loaded while its objects live (what they do is tested in
+// process)
+// ---------------------------------------------------------------------------
+
+constexpr std::uint32_t kDispatcherClass = 0xA17CCC95;
+
+std::set<std::string> DefinedDynamicSymbols(const std::string& path) {
+  std::set<std::string> names;
+  const std::string command = "nm -D --defined-only '" + path + "'";
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  if (!pipe) return names;
+  char line[1024];
+  while (std::fgets(line, sizeof line, pipe.get()) != nullptr) {
+    // "<address> <type> <name>"; version nodes (type A) are not symbols of ours.
+    std::istringstream in(line);
+    std::string address, type, name;
+    if (in >> address >> type >> name && type != "A") names.insert(name);
+  }
+  return names;
+}
+
+TEST(ModuleFileTest, ExportsExactlyTheThreeEntryPoints) {
+  EXPECT_EQ(DefinedDynamicSymbols(AC_MODULE_PATH),
+            (std::set<std::string>{"zelCanUnloadModule", "zelCreateObject", "zelGetObjectFactory"}));
+}
+
+class ModuleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    locator.Register<zel::IAllocator>(&allocator);
+    locator.Register<zel::ITracer>(&tracer);
+  }
+
+  zel::RefPtr<zel::IObjectFactory> Factory(std::uint32_t classId) {
+    zel::IObjectFactory* f = nullptr;
+    EXPECT_EQ(module.GetObjectFactory(&locator, classId, &f), 0);
+    return zel::RefPtr<zel::IObjectFactory>::Adopt(f);
+  }
+
+  host::LoadedModule module{AC_MODULE_PATH};
+  host::CountingAllocator allocator;
+  host::CollectingTracer tracer;
+  host::ServiceLocator locator;
+};
+
+TEST_F(ModuleTest, UnknownClassesAreRefusedWithEachEntryPointsCode) {
+  auto* factory = reinterpret_cast<zel::IObjectFactory*>(0x1);
+  EXPECT_EQ(module.GetObjectFactory(&locator, 0x12345678, &factory), zel::result::NotImplemented);
+  EXPECT_EQ(factory, nullptr);
+
+  auto* object = reinterpret_cast<zel::IObject*>(0x1);
+  void* arguments[2] = {&locator, nullptr};
+  EXPECT_EQ(module.CreateObject(0x12345678, arguments, &object), zel::result::ClassNotFound);
+  EXPECT_EQ(object, reinterpret_cast<zel::IObject*>(0x1));
+  EXPECT_EQ(module.CanUnload(), 0);
+}
+
+TEST_F(ModuleTest, UnloadFollowsLivingObjects) {
+  ASSERT_EQ(module.CanUnload(), 0);
+  auto factory = Factory(kDispatcherClass);
+  auto other = Factory(kDispatcherClass);
+  EXPECT_NE(factory.Get(), other.Get());
+  EXPECT_EQ(module.CanUnload(), 1);
+  other.Reset();
+
+  void* out = nullptr;
+  ASSERT_EQ(factory->CreateInstance(&locator, 0, &out), 0);
+  factory.Reset();
+  EXPECT_EQ(module.CanUnload(), 1) << "the dispatcher still lives";
+  EXPECT_FALSE(module.Unload());
+  static_cast<zel::IObject*>(out)->Release();
+  EXPECT_EQ(module.CanUnload(), 0);
+  EXPECT_EQ(allocator.LiveBlocks(), 0);
+  EXPECT_TRUE(module.Unload());
+}
 
 // ---------------------------------------------------------------------------
 // (a) the application control task through its whole life
