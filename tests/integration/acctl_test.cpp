@@ -444,8 +444,19 @@ class AcctlUnitTest : public AcctlServiceTest {
   int manager = -1;
 };
 
-TEST_F(AcctlUnitTest, TheUnitsCommandIsReadyOnlyWithItsMarksPlaced) {
+TEST_F(AcctlUnitTest, TheUnitsCommandRefusesBadSettingsAndIsReadyOnlyWithItsMarksPlaced) {
   REQUIRE_FANOTIFY();
+  // Bad settings: exit 2 (which the unit does not restart on) with one line
+  // naming the file, and no READY=1.
+  const std::string settings = Write("settings.json", "{\"mode\": \"Sideways\"}");
+  const Outcome o = Run(UnitArguments(settings));
+  EXPECT_EQ(o.exitCode, 2);
+  EXPECT_EQ(std::count(o.err.begin(), o.err.end(), '\n'), 1) << o.err;
+  EXPECT_NE(o.err.find(settings), std::string::npos) << o.err;
+  EXPECT_EQ(ModeOf(dir + "/run/enforce.pid"), 0u) << "a refused start left a pid file";
+  pollfd p{manager, POLLIN, 0};
+  EXPECT_EQ(::poll(&p, 1, 0), 0) << "a refused start said something to the manager";
+
   const auto service = Spawn(UnitArguments(kSource + "/packaging/etc/settings.json"), "service");
   const std::string ready = NextDatagram(manager);
   ASSERT_EQ(ready.rfind("READY=1\n", 0), 0u) << ready << service->Err();
@@ -458,19 +469,6 @@ TEST_F(AcctlUnitTest, TheUnitsCommandIsReadyOnlyWithItsMarksPlaced) {
   service->Signal(SIGTERM);
   EXPECT_EQ(NextDatagram(manager), "STOPPING=1");
   EXPECT_EQ(service->Exit(), 0) << service->Err();
-}
-
-TEST_F(AcctlUnitTest, TheUnitsCommandRefusesBadSettingsWithoutReadiness) {
-  // Exit 2 (which the unit does not restart on) with one line naming the
-  // file, and no READY=1.
-  const std::string settings = Write("settings.json", "{\"mode\": \"Sideways\"}");
-  const Outcome o = Run(UnitArguments(settings));
-  EXPECT_EQ(o.exitCode, 2);
-  EXPECT_EQ(std::count(o.err.begin(), o.err.end(), '\n'), 1) << o.err;
-  EXPECT_NE(o.err.find(settings), std::string::npos) << o.err;
-  EXPECT_EQ(ModeOf(dir + "/run/enforce.pid"), 0u) << "a refused start left a pid file";
-  pollfd p{manager, POLLIN, 0};
-  EXPECT_EQ(::poll(&p, 1, 0), 0) << "a refused start said something to the manager";
 }
 
 }  // namespace

@@ -321,18 +321,6 @@ class ModuleTest : public ::testing::Test {
   host::ServiceLocator locator;
 };
 
-TEST_F(ModuleTest, UnknownClassesAreRefusedWithEachEntryPointsCode) {
-  auto* factory = reinterpret_cast<zel::IObjectFactory*>(0x1);
-  EXPECT_EQ(module.GetObjectFactory(&locator, 0x12345678, &factory), zel::result::NotImplemented);
-  EXPECT_EQ(factory, nullptr);
-
-  auto* object = reinterpret_cast<zel::IObject*>(0x1);
-  void* arguments[2] = {&locator, nullptr};
-  EXPECT_EQ(module.CreateObject(0x12345678, arguments, &object), zel::result::ClassNotFound);
-  EXPECT_EQ(object, reinterpret_cast<zel::IObject*>(0x1));
-  EXPECT_EQ(module.CanUnload(), 0);
-}
-
 TEST_F(ModuleTest, UnloadFollowsLivingObjects) {
   ASSERT_EQ(module.CanUnload(), 0);
   auto factory = Factory(kDispatcherClass);
