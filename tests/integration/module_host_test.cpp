@@ -302,29 +302,21 @@ TEST(ModuleFileTest, ExportsExactlyTheThreeEntryPoints) {
             (std::set<std::string>{"zelCanUnloadModule", "zelCreateObject", "zelGetObjectFactory"}));
 }
 
-class ModuleTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    locator.Register<zel::IAllocator>(&allocator);
-    locator.Register<zel::ITracer>(&tracer);
-  }
-
-  zel::RefPtr<zel::IObjectFactory> Factory(std::uint32_t classId) {
-    zel::IObjectFactory* f = nullptr;
-    EXPECT_EQ(module.GetObjectFactory(&locator, classId, &f), 0);
-    return zel::RefPtr<zel::IObjectFactory>::Adopt(f);
-  }
-
+TEST(ModuleTest, UnloadFollowsLivingObjects) {
   host::LoadedModule module{AC_MODULE_PATH};
   host::CountingAllocator allocator;
   host::CollectingTracer tracer;
   host::ServiceLocator locator;
-};
-
-TEST_F(ModuleTest, UnloadFollowsLivingObjects) {
+  locator.Register<zel::IAllocator>(&allocator);
+  locator.Register<zel::ITracer>(&tracer);
   ASSERT_EQ(module.CanUnload(), 0);
-  auto factory = Factory(kDispatcherClass);
-  auto other = Factory(kDispatcherClass);
+  const auto factoryOf = [&] {
+    zel::IObjectFactory* f = nullptr;
+    EXPECT_EQ(module.GetObjectFactory(&locator, kDispatcherClass, &f), 0);
+    return zel::RefPtr<zel::IObjectFactory>::Adopt(f);
+  };
+  auto factory = factoryOf();
+  auto other = factoryOf();
   EXPECT_NE(factory.Get(), other.Get());
   EXPECT_EQ(module.CanUnload(), 1);
   other.Reset();
