@@ -6,7 +6,7 @@
 // a test can assert the order of calls across services.
 #pragma once
 
-#include <atomic>
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -133,14 +133,11 @@ class FakeSubscription final
   }
   zel::result_t Unsubscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override {
     m_journal.Add("Unsubscribe");
-    for (auto it = sinks.begin(); it != sinks.end(); ++it) {
-      if (*it == sink) {
-        sinks.erase(it);
-        sink->Release();
-        return 0;
-      }
-    }
-    return zel::result::NotFound;
+    const auto it = std::find(sinks.begin(), sinks.end(), sink);
+    if (it == sinks.end()) return zel::result::NotFound;
+    sinks.erase(it);
+    sink->Release();
+    return 0;
   }
 
   zel::result_t subscribeResult = 0;
