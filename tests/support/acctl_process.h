@@ -1,26 +1,31 @@
-// Running the built acctl as a user does, from integration tests: a scratch
-// directory per test, a command run to completion with its output captured
-// in files, or started in the background and signalled later.
+// Running the built acctl (or any program) as a user does, from integration
+// tests: a child with its output in files, whose every wait is bounded so
+// that a hang fails the test instead of hanging it; a scratch directory per
+// test; and the guard of the tests that need root and fanotify.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/fanotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace test_support {
 
-struct AcctlOutcome {
-  int exitCode = -1;  // -1 when acctl did not exit normally
-  std::string out;
-  std::string err;
-};
+using Clock = std::chrono::steady_clock;
 
 inline std::string Slurp(const std::string& path) {
   std::ifstream in(path);
@@ -35,6 +40,162 @@ inline std::size_t CountOf(const std::string& text, const std::string& part) {
   return n;
 }
 
+// Why live enforcement can't be tried here; empty when it can.
+inline std::string FanotifyUnavailable() {
+  if (::geteuid() != 0) return "not root";
+  const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+  if (fd < 0) return std::string("fanotify refused: ") + std::strerror(errno);
+  ::close(fd);
+  return {};
+}
+
+inline bool UnderCi() {
+  const char* ci = std::getenv("CI");
+  return ci != nullptr && *ci != '\0' && std::string(ci) != "false";
+}
+
+// Skips the test for a reason (when not empty), except under CI, where it fails.
+#define REQUIRE(reason)                                                   \
+  do {                                                                    \
+    if (const std::string why = (reason); !why.empty()) {                \
+      if (test_support::UnderCi()) FAIL() << "must run under CI: " << why; \
+      GTEST_SKIP() << why;                                                \
+    }                                                                     \
+  } while (0)
+#define REQUIRE_FANOTIFY() REQUIRE(test_support::FanotifyUnavailable())
+
+// What became of one program start.
+struct Started {
+  int execError = -1;  // 0: the program runs; else the errno of execv
+  int exitCode = -1;   // when it ran
+};
+
+// A child running argv, stdin from /dev/null, stdout and stderr in files
+// emptied before it runs (what an earlier run left must not pass for its
+// output). A failed exec comes back through a pipe that a successful one
+// closes.
+class Child {
+ public:
+  explicit Child(std::vector<std::string> argv, const std::string& out = "/dev/null",
+                 const std::string& err = "/dev/null", uid_t asUser = 0)
+      : m_argv(std::move(argv)) {
+    std::vector<char*> raw;
+    for (std::string& a : m_argv) raw.push_back(a.data());
+    raw.push_back(nullptr);
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return;
+    const int files[] = {::open("/dev/null", O_RDONLY | O_CLOEXEC),
+                         ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
+                         ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      for (int i = 0; i < 3; ++i) ::dup2(files[i], i);
+      if (asUser == 0 || ::setuid(asUser) == 0) ::execv(raw[0], raw.data());
+      const int e = errno;
+      [[maybe_unused]] const ssize_t n = ::write(fds[1], &e, sizeof e);
+      ::_exit(127);
+    }
+    for (int fd : files) ::close(fd);
+    ::close(fds[1]);
+    m_pipe = fds[0];
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child() {
+    if (m_pipe >= 0) ::close(m_pipe);
+    if (m_pid > 0 && m_exit == kRunning) {
+      ::kill(m_pid, SIGKILL);
+      ::waitpid(m_pid, nullptr, 0);
+    }
+  }
+  pid_t Pid() const { return m_pid; }
+  void Signal(int sig) const { ::kill(m_pid, sig); }
+
+  // Whether the start was answered yet (the program runs or its exec failed).
+  bool Answered() const {
+    pollfd p{m_pipe, POLLIN, 0};
+    return ::poll(&p, 1, 0) == 1;
+  }
+
+  // The exit code (128 + signal when killed); -1 when it did not end in time.
+  int Exit(std::chrono::milliseconds limit = std::chrono::minutes(2)) {
+    const auto until = Clock::now() + limit;
+    while (m_exit == kRunning) {
+      int status = 0;
+      if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+        m_exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      } else if (Clock::now() >= until) {
+        return -1;
+      } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
+    }
+    return m_exit;
+  }
+
+  // The exec's outcome, then (when it ran) the exit code; both bounded.
+  Started Wait(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    Started s;
+    pollfd p{m_pipe, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(limit.count())) != 1) {
+      ADD_FAILURE() << "the start of pid " << m_pid << " was not answered within " << limit.count() << " ms";
+      return s;
+    }
+    int e = 0;
+    s.execError = ::read(m_pipe, &e, sizeof e) == sizeof e ? e : 0;
+    const int code = Exit(limit);
+    if (code < 0) ADD_FAILURE() << "pid " << m_pid << " did not end";
+    if (s.execError == 0) s.exitCode = code;
+    return s;
+  }
+
+ private:
+  static constexpr int kRunning = -1000;
+  std::vector<std::string> m_argv;
+  pid_t m_pid = -1;
+  int m_pipe = -1;
+  int m_exit = kRunning;
+};
+
+// acctl given a shell's command line, its output in PREFIX.out and PREFIX.err.
+class Acctl : public Child {
+ public:
+  Acctl(const std::string& commandLine, const std::string& prefix, uid_t asUser = 0)
+      : Child({"/bin/sh", "-c", "exec " + commandLine}, prefix + ".out", prefix + ".err", asUser),
+        m_out(prefix + ".out"), m_err(prefix + ".err") {}
+
+  // Waits until stderr (or stdout) holds `text` `occurrences` times; false
+  // when the program ended or the time ran out first.
+  bool WaitForErr(const std::string& text, std::size_t occurrences = 1, bool inOut = false) {
+    const auto seen = [&] { return CountOf(inOut ? Out() : Err(), text) >= occurrences; };
+    for (const auto until = Clock::now() + std::chrono::seconds(30); Clock::now() < until;
+         std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
+      if (seen()) return true;
+      if (Exit(std::chrono::milliseconds(0)) >= 0) return seen();
+    }
+    return false;
+  }
+  bool WaitReady() { return WaitForErr("acctl: enforcing on "); }
+  // At trace level 800 each start the listener holds has its line.
+  bool WaitHeld(pid_t pid) { return WaitForErr("enforce: start held, pid " + std::to_string(pid)); }
+  int Stop(int sig = SIGTERM) {
+    Signal(sig);
+    return Exit();
+  }
+
+  std::string Out() const { return Slurp(m_out); }
+  std::string Err() const { return Slurp(m_err); }
+
+ private:
+  std::string m_out, m_err;
+};
+
+struct AcctlOutcome {
+  int exitCode = -1;  // -1 when acctl did not end in time
+  std::string out;
+  std::string err;
+};
+
 // A fixture owning a scratch directory; `globalArgs` go before every verb
 // (e.g. a --db of the test's own).
 class AcctlProcessTest : public ::testing::Test {
@@ -44,43 +205,17 @@ class AcctlProcessTest : public ::testing::Test {
     ASSERT_NE(::mkdtemp(pattern), nullptr);
     dir = pattern;
   }
-  void TearDown() override { std::system(("rm -rf '" + dir + "'").c_str()); }
-
-  AcctlOutcome Run(const std::string& args) {
-    const std::string out = dir + "/out", err = dir + "/err";
-    const int status = std::system((CommandLine(args) + " >'" + out + "' 2>'" + err + "' </dev/null").c_str());
-    AcctlOutcome o;
-    o.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    o.out = Slurp(out);
-    o.err = Slurp(err);
-    return o;
-  }
+  void TearDown() override { std::filesystem::remove_all(dir); }
 
   // Starts acctl in the background, its output in `name`.out and `name`.err.
-  pid_t Spawn(const std::string& args, const std::string& name) {
-    const std::string command = "exec " + CommandLine(args) + " >'" + dir + "/" + name + ".out' 2>'" + dir + "/" +
-                                name + ".err' </dev/null";
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-    return pid;
+  std::unique_ptr<Acctl> Spawn(const std::string& args, const std::string& name = "acctl", uid_t asUser = 0) {
+    const std::string line = std::string(ACCTL_PATH) + (globalArgs.empty() ? "" : " " + globalArgs) + " " + args;
+    return std::make_unique<Acctl>(line, dir + "/" + name, asUser);
   }
 
-  static int Wait(pid_t pid) {
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
-  // Polls a file for up to 30 s.
-  static bool WaitForText(const std::string& file, const std::string& text) {
-    for (int i = 0; i < 3000; ++i) {
-      if (Slurp(file).find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+  AcctlOutcome Run(const std::string& args, uid_t asUser = 0) {
+    const std::unique_ptr<Acctl> acctl = Spawn(args, "run", asUser);
+    return {acctl->Exit(), acctl->Out(), acctl->Err()};
   }
 
   std::string Write(const std::string& name, const std::string& text) {
@@ -91,11 +226,6 @@ class AcctlProcessTest : public ::testing::Test {
 
   std::string dir;
   std::string globalArgs;
-
- private:
-  std::string CommandLine(const std::string& args) const {
-    return std::string(ACCTL_PATH) + (globalArgs.empty() ? "" : " " + globalArgs) + " " + args;
-  }
 };
 
 }  // namespace test_support

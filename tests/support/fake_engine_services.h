@@ -6,7 +6,7 @@
 // a test can assert the order of calls across services.
 #pragma once
 
-#include <atomic>
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -64,10 +64,9 @@ class FakeEngineTask final
   }
 
   zel::result_t Start(app_core::task_manager::task::TaskSessionId sessionId,
-                      app_core::task_manager::task::ITaskStopEvents* notifier) override {
+                      app_core::task_manager::task::ITaskStopEvents*) override {
     m_journal.Add("engine.Start");
     lastSessionId = sessionId;
-    lastNotifier = notifier;
     if (throwOnStart) throw std::runtime_error("engine start threw");
     return startResult;
   }
@@ -84,7 +83,6 @@ class FakeEngineTask final
   bool offersSettings = true;
   std::optional<app_ctrl::EnterpriseApplicationControlSettings> received;
   app_core::task_manager::task::TaskSessionId lastSessionId = 0;
-  app_core::task_manager::task::ITaskStopEvents* lastNotifier = nullptr;
 
  private:
   zel::result_t Note(const char* call, zel::result_t result) {
@@ -97,7 +95,6 @@ class FakeEngineTask final
 class FakeEngineObjectCreator final : public TestOwned<FakeEngineObjectCreator, IEngineObjectCreator> {
  public:
   FakeEngineObjectCreator(CallJournal& journal, FakeEngineTask& task) : m_journal(journal), m_task(task) {}
-
 
   zel::result_t CreateObject(std::uint32_t classId, zel::iid_t iid, zel::IServiceLocator*,
                              const EngineObjectParameters* parameters, std::uintptr_t, void** out) override {
@@ -127,7 +124,6 @@ class FakeSubscription final
  public:
   explicit FakeSubscription(CallJournal& journal) : m_journal(journal) {}
 
-
   zel::result_t Subscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override {
     m_journal.Add("Subscribe");
     if (subscribeResult < 0) return subscribeResult;
@@ -137,14 +133,11 @@ class FakeSubscription final
   }
   zel::result_t Unsubscribe(app_ctrl::IEnterpriseApplicationControlEvents2* sink) override {
     m_journal.Add("Unsubscribe");
-    for (auto it = sinks.begin(); it != sinks.end(); ++it) {
-      if (*it == sink) {
-        sinks.erase(it);
-        sink->Release();
-        return 0;
-      }
-    }
-    return zel::result::NotFound;
+    const auto it = std::find(sinks.begin(), sinks.end(), sink);
+    if (it == sinks.end()) return zel::result::NotFound;
+    sinks.erase(it);
+    sink->Release();
+    return 0;
   }
 
   zel::result_t subscribeResult = 0;
@@ -160,7 +153,6 @@ class FakeServiceManager final : public TestOwned<FakeServiceManager, app_core::
  public:
   explicit FakeServiceManager(CallJournal& journal) : m_journal(journal) {}
 
-
   zel::result_t GetServiceSettings(std::uint32_t, app_core::facade::SettingsHolder*) override { return Unused(); }
   zel::result_t SetServiceSettings(std::uint32_t, std::uint32_t, const app_core::facade::SettingsHolder*) override {
     return Unused();
@@ -172,7 +164,7 @@ class FakeServiceManager final : public TestOwned<FakeServiceManager, app_core::
   zel::result_t GetServiceSettings2(std::uint32_t key, app_core::facade::SettingsHolder* holder,
                                     std::uint32_t* revision) override {
     m_journal.Add("ssm.Read:" + Name(key));
-    if (Take(failRead) < 0) return lastFault;
+    if (const zel::result_t fault = std::exchange(failRead, 0); fault < 0) return fault;
     *revision = revisions[key];
     if (key == app_ctrl::CLSID_ENT_APP_CONTROLLER && controller) {
       *static_cast<app_ctrl::ControllerServiceSettings*>(holder->object) = *controller;
@@ -187,11 +179,7 @@ class FakeServiceManager final : public TestOwned<FakeServiceManager, app_core::
   zel::result_t UpdateServiceSettings2(std::uint32_t key, std::uint32_t, const app_core::facade::SettingsHolder* holder,
                                        std::uint32_t revision) override {
     m_journal.Add("ssm.Write:" + Name(key));
-    if (Take(failWrite) < 0) return lastFault;
-    if (conflicts > 0 || revision != revisions[key]) {
-      if (conflicts > 0) --conflicts;
-      return app_core::facade::kSettingsRevisionChanged;
-    }
+    if (revision != revisions[key]) return app_core::facade::kSettingsRevisionChanged;
     ++revisions[key];
     if (key == app_ctrl::CLSID_ENT_APP_CONTROLLER) {
       controller = *static_cast<const app_ctrl::ControllerServiceSettings*>(holder->object);
@@ -202,14 +190,13 @@ class FakeServiceManager final : public TestOwned<FakeServiceManager, app_core::
   }
   zel::result_t FlushSettings() override {
     m_journal.Add("ssm.Flush");
-    return Take(failFlush) < 0 ? lastFault : 0;
+    return 0;
   }
 
   std::optional<app_ctrl::ControllerServiceSettings> controller;
   std::optional<exclude::applications::ExclusionList> exclusions;
   std::map<std::uint32_t, std::uint32_t> revisions;
-  zel::result_t failRead = 0, failWrite = 0, failFlush = 0;  // one-shot
-  int conflicts = 0;
+  zel::result_t failRead = 0;  // one-shot
 
  private:
   static std::string Name(std::uint32_t key) {
@@ -217,16 +204,11 @@ class FakeServiceManager final : public TestOwned<FakeServiceManager, app_core::
     if (key == exclude::applications::eCLSID) return "exclusions";
     return std::to_string(key);
   }
-  zel::result_t Take(zel::result_t& fault) {
-    lastFault = std::exchange(fault, 0);
-    return lastFault;
-  }
   zel::result_t Unused() {
     m_journal.Add("ssm.unexpected");
     return zel::result::NotImplemented;
   }
   CallJournal& m_journal;
-  zel::result_t lastFault = 0;
 };
 
 class FakeProcessObject final : public TestOwned<FakeProcessObject, IProcessObject> {
@@ -244,7 +226,6 @@ class FakeProcessObject final : public TestOwned<FakeProcessObject, IProcessObje
 // Processes by unique id; unknown ids answer 0x8000004C.
 class FakeProcessRegistry final : public TestOwned<FakeProcessRegistry, IProcessRegistry> {
  public:
-
   zel::result_t GetUniqueId(std::uint32_t, std::uint64_t*) override { return zel::result::NotImplemented; }
   zel::result_t GetProcessByPid(std::uint32_t, IProcessObject**) override {
     return zel::result::NotImplemented;
