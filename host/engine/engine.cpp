@@ -126,14 +126,16 @@ zel::result_t Engine::Unsubscribe(app_ctrl::IEnterpriseApplicationControlEvents2
 }
 
 void Engine::SetCategories(CategoryList categories) {
+  auto shared = std::make_shared<const CategoryList>(std::move(categories));
   std::lock_guard lock(m_mutex);
-  m_categories = std::move(categories);
+  m_categories = std::move(shared);
 }
 
 void Engine::UseCategoriesManager(ICategoriesManager* manager) {
   zel::RefPtr<ICategoriesManager> held(manager);
   std::lock_guard lock(m_mutex);
   std::swap(m_categoriesManager, held);
+  m_hostCategories = dynamic_cast<CategoriesManager*>(manager);
 }
 
 void Engine::SetProcessRegistry(IProcessRegistry* registry) {
@@ -177,16 +179,24 @@ bool Engine::WaitIdleFor(std::chrono::milliseconds timeout) {
   return m_idle.wait_for(lock, timeout, [this] { return (m_queue.empty() && !m_busy) || m_quit; });
 }
 
-CategoryList Engine::CurrentCategories() const {
+std::shared_ptr<const CategoryList> Engine::CurrentCategories() const {
   zel::RefPtr<ICategoriesManager> manager;
+  CategoriesManager* hostManager = nullptr;
   {
     std::lock_guard lock(m_mutex);
     manager = m_categoriesManager;
+    hostManager = m_hostCategories;
   }
-  if (manager) {
+  if (hostManager != nullptr) {
+    // Every decision reads the categories: the host's manager shares one
+    // list instead of copying each category for each start.
+    std::shared_ptr<const CategoryList> snapshot;
+    if (ZEL_SUCCEEDED(hostManager->Snapshot(&snapshot))) return snapshot;
+  } else if (manager) {
     std::uint32_t counter = 0;
     CategoryList fetched;
-    if (ZEL_SUCCEEDED(manager->GetCategories(counter, fetched))) return fetched;
+    if (ZEL_SUCCEEDED(manager->GetCategories(counter, fetched)))
+      return std::make_shared<const CategoryList>(std::move(fetched));
   }
   std::lock_guard lock(m_mutex);
   return m_categories;
@@ -211,7 +221,7 @@ ProgramDecision Engine::DecideWithFacts(const ProgramStart& start, FileFacts fac
   ProgramDecision pd;
   pd.facts = std::move(facts);
   const UserPrincipals user = PrincipalsOf(start.uid);
-  pd.decision = Decide(settings, CurrentCategories(), pd.facts, user);
+  pd.decision = Decide(settings, *CurrentCategories(), pd.facts, user);
 
   const std::string uidText = std::to_string(start.uid);
   app_ctrl::ApplicationStartInfo& info = pd.info;
@@ -338,7 +348,7 @@ FileFacts Engine::FactsForDescriptor(int fd, const std::string& path) const {
 
 zel::result_t Engine::GetCategories(zel::types::vector_t<app_ctrl::Category>& categories) {
   try {
-    categories = CurrentCategories();
+    categories = *CurrentCategories();
     return zel::result::NoError;
   } catch (...) {
     return zel::ResultFromCurrentException(nullptr, nullptr);
@@ -377,9 +387,9 @@ zel::result_t Engine::InventoryModule(zel::IIO* io, std::uint32_t flags, tov::Ap
     if (ZEL_FAILED(r)) return r;
     if (known) facts.removable = DeviceRemovable(st.st_dev);
 
-    const CategoryList categories = CurrentCategories();
+    const std::shared_ptr<const CategoryList> categories = CurrentCategories();
     zel::types::vector_t<tov::CategoryKey> keys;
-    for (const app_ctrl::CategoryId& id : MatchCategories(categories, facts)) {
+    for (const app_ctrl::CategoryId& id : MatchCategories(*categories, facts)) {
       tov::CategoryKey key;
       key.kind = tov::kScanCategoryKind;
       key.text = tov::tools::CategoryIdToText(id);

@@ -36,6 +36,7 @@
 #include "app_control/interfaces/itask.h"
 #include "host/engine/decision.h"
 #include "host/engine/hash_cache.h"
+#include "host/services/categories_manager.h"
 #include "host/services/host_object.h"
 #include "host/services/process_registry.h"
 #include "zel/rtl/objclient.h"
@@ -196,7 +197,9 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   void Process(const WorkItem& item);
   void Enqueue(WorkItem item);
   std::vector<SinkPtr> SnapshotSinks() const;
-  CategoryList CurrentCategories() const;
+  // The categories a decision uses: the host manager's snapshot, another
+  // manager's copy, or the engine's own list when no manager answers.
+  std::shared_ptr<const CategoryList> CurrentCategories() const;
   // IsDeviceRemovable, remembered for a moment: a scan asks it for every
   // file of a tree, and sysfs lookups cost more than hashing a small file.
   // Short-lived, because a device number may come back for another drive.
@@ -233,8 +236,9 @@ class Engine final : public OwnedObject<Engine, app_ctrl::IEnterpriseApplication
   std::set<detail::EngineTask*> m_tasks;
   detail::EngineTask* m_activeTask = nullptr;  // holds a reference while set
   bool m_paused = false;
-  CategoryList m_categories;
+  std::shared_ptr<const CategoryList> m_categories = std::make_shared<const CategoryList>();
   zel::RefPtr<ICategoriesManager> m_categoriesManager;
+  CategoriesManager* m_hostCategories = nullptr;  // the same object, when it is the host's
   zel::RefPtr<IProcessRegistry> m_processRegistry;
   ProcessRegistry* m_hostRegistry = nullptr;  // the same object, when it is the host's
   std::vector<ProgramDecision> m_decisions;

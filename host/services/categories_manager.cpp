@@ -55,6 +55,7 @@ zel::result_t CategoriesManager::Open(const std::string& path) {
     m_entries.clear();
     m_counter = 0;
   }
+  Republish(ZEL_SUCCEEDED(r));
   return r;
 }
 
@@ -62,6 +63,37 @@ void CategoriesManager::Close() {
   std::lock_guard lock(m_mutex);
   m_db.Close();
   m_entries.clear();
+  Republish(false);
+}
+
+void CategoriesManager::Republish(bool open) noexcept {
+  std::shared_ptr<const CategoryList> next;
+  if (open) {
+    try {
+      auto list = std::make_shared<CategoryList>();
+      list->reserve(m_entries.size());
+      for (const Entry& e : m_entries) list->push_back(e.category);
+      next = std::move(list);
+    } catch (...) {
+      // Left without a snapshot, Snapshot fails until the next write.
+    }
+  }
+  std::lock_guard lock(m_snapshotMutex);
+  m_snapshot.swap(next);
+}
+
+zel::result_t CategoriesManager::Snapshot(std::shared_ptr<const CategoryList>* out) const {
+  if (const zel::result_t fault = FaultAt(FaultPoint::CategoriesGet)) return fault;
+  ++m_gets;
+  if (const zel::result_t failure = m_failGet.exchange(0); ZEL_FAILED(failure)) return failure;
+  std::shared_ptr<const CategoryList> snapshot;
+  {
+    std::lock_guard lock(m_snapshotMutex);
+    snapshot = m_snapshot;
+  }
+  if (!snapshot) return zel::result::NotInitialized;
+  *out = std::move(snapshot);
+  return zel::result::NoError;
 }
 
 zel::result_t CategoriesManager::Load() {
@@ -157,6 +189,7 @@ zel::result_t CategoriesManager::PutCategories(const CategoryIdList& removeIds, 
     if (ZEL_FAILED(r)) return r;
     m_entries.swap(next);
     m_counter = counter;
+    Republish(true);
     return zel::result::NoError;
   } catch (...) {
     return zel::ResultFromCurrentException(nullptr, nullptr);
@@ -168,7 +201,7 @@ zel::result_t CategoriesManager::GetCategories(std::uint32_t& modificationCounte
   ++m_gets;
   try {
     std::lock_guard lock(m_mutex);
-    if (ZEL_FAILED(m_failGet)) return std::exchange(m_failGet, 0);
+    if (const zel::result_t failure = m_failGet.exchange(0); ZEL_FAILED(failure)) return failure;
     if (!m_db.IsOpen()) return zel::result::NotInitialized;
     CategoryList copy;
     copy.reserve(m_entries.size());

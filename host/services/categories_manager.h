@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -45,6 +46,13 @@ class CategoriesManager final : public OwnedObject<CategoriesManager, ICategorie
                               const NameList& removeNames, tov::types::CategoriesAction action) override;
   zel::result_t GetCategories(std::uint32_t& modificationCounter, CategoryList& categories) override;
 
+  // The categories as one shared list that never changes: what a program
+  // start's decision reads, for the price of a pointer copy, and never behind
+  // a write to the store (a new list replaces it once written).
+  // Fails as GetCategories does: a Get fault's code, 0x8000006B before Open
+  // (or when the last list could not be made).
+  zel::result_t Snapshot(std::shared_ptr<const CategoryList>* out) const;
+
   // ---- fault injection (one-shot) ----------------------------------------------------
   void FailNextGet(zel::result_t code);
   void FailNextPut(zel::result_t code);
@@ -61,16 +69,20 @@ class CategoriesManager final : public OwnedObject<CategoriesManager, ICategorie
 
   zel::result_t Load();
   zel::result_t Store(const std::vector<Entry>& entries, std::uint32_t counter);
+  // Makes the snapshot from m_entries (under m_mutex); none when closed.
+  void Republish(bool open) noexcept;
 
   zel::RefPtr<zel::IServiceLocator> m_objects;
   mutable std::mutex m_mutex;
   storage::StoreDatabase m_db;
   std::vector<Entry> m_entries;
   std::uint32_t m_counter = 0;
-  zel::result_t m_failGet = 0;
+  mutable std::atomic<zel::result_t> m_failGet{0};
   zel::result_t m_failPut = 0;
 
-  std::atomic<std::uint64_t> m_gets{0};
+  mutable std::mutex m_snapshotMutex;  // only ever held for a pointer copy
+  std::shared_ptr<const CategoryList> m_snapshot;
+  mutable std::atomic<std::uint64_t> m_gets{0};
   std::atomic<std::uint64_t> m_puts{0};
 };
 
