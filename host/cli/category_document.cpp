@@ -28,11 +28,10 @@ std::string MessageText(std::uint32_t message) {
 
 }  // namespace
 
-std::size_t ImportCategories(CategoriesManager& store, zel::IServiceLocator* objects, const std::string& json,
-                             const std::string& source) {
-  tov::tools::CategoryList list;
+tov::tools::CategoryList ParseCategories(zel::IServiceLocator* objects, const std::string& json,
+                                        const std::string& source) {
   try {
-    list = tov::tools::JsonToCategories(objects, json, source);
+    return tov::tools::JsonToCategories(objects, json, source);
   } catch (const tov::tools::JsonToCategoriesExceptionMsgKey& e) {
     throw UserError(source + ": " + MessageText(e.message) + ": " + e.key);
   } catch (const tov::tools::JsonToCategoriesExceptionMsgMsgKey& e) {
@@ -45,11 +44,20 @@ std::size_t ImportCategories(CategoriesManager& store, zel::IServiceLocator* obj
   } catch (const std::bad_cast&) {
     throw UserError(source + ": text the current locale can't read");
   }
+}
+
+std::size_t ImportCategories(CategoriesManager& store, zel::IServiceLocator* objects, const std::string& json,
+                             const std::string& source) {
+  const tov::tools::CategoryList list = ParseCategories(objects, json, source);
   const zel::result_t r = store.PutCategories({}, list, {}, tov::types::CategoriesAction::ReplaceUser);
   if (ZEL_FAILED(r)) {
     Fail("storing the categories", r);
     throw UserError(source + ": the categories store refused the document");
   }
+  return CountCategories(list);
+}
+
+std::size_t CountCategories(const tov::tools::CategoryList& list) {
   // The store keys categories by GUID, so a GUID the document repeats ends
   // up stored once; the count says what the store now holds from it.
   std::set<app_ctrl::CategoryId> ids;

@@ -5,9 +5,17 @@
 #include <string>
 
 #include "host/services/categories_manager.h"
+#include "tov_common/categories/category_json.h"
 #include "zel/iservice_locator.h"
 
 namespace host::cli {
+
+// The categories of a document. UserError for a document the codec refuses.
+tov::tools::CategoryList ParseCategories(zel::IServiceLocator* objects, const std::string& json,
+                                        const std::string& source);
+
+// How many categories the store keeps of `list` (a GUID given twice is one).
+std::size_t CountCategories(const tov::tools::CategoryList& list);
 
 // Replaces the user categories of `store` with those of the document;
 // returns how many the store took (a GUID given twice is one category, the

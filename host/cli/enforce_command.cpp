@@ -15,6 +15,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -252,11 +254,16 @@ class Enforcer {
   }
 
   void Reload() {
+    // Everything slow (reading and parsing both files, writing the new
+    // categories to the store) happens before decisions are held; held,
+    // only the switch: the categories decisions read, and the task's rules.
+    HostSession& s = m_run.session;
     tov::settings::AppControlSettings settings;
-    std::string categoriesJson;
+    std::optional<tov::tools::CategoryList> categories;
     try {
       settings = SettingsFromJson(ReadFile(m_args.settingsPath), m_args.settingsPath);
-      if (!m_args.categoriesPath.empty()) categoriesJson = ReadFile(m_args.categoriesPath);
+      if (!m_args.categoriesPath.empty())
+        categories = ParseCategories(&s.locator, ReadFile(m_args.categoriesPath), m_args.categoriesPath);
     } catch (const std::exception& e) {
       Refused(e.what());
       return;
@@ -268,30 +275,33 @@ class Enforcer {
       Fail("reload: reaching the task's settings", r);
       return;
     }
-    std::string error;
-    m_listener.WithDecisionsHeld([&] {
-      HostSession& s = m_run.session;
-      std::string previous;
-      try {
-        if (!m_args.categoriesPath.empty()) {
-          previous = ExportCategories(s.categories);
-          ImportCategories(s.categories, &s.locator, categoriesJson, m_args.categoriesPath);
-        }
-      } catch (const std::exception& e) {
-        error = e.what();
+    tov::tools::CategoryList previous;
+    std::shared_ptr<const tov::tools::CategoryList> decided;  // what decisions read until the switch
+    if (categories) {
+      std::uint32_t counter = 0;
+      r = s.categories.GetCategories(counter, previous);
+      if (ZEL_SUCCEEDED(r)) r = s.categories.StageUserCategories(*categories, &decided);
+      if (ZEL_FAILED(r)) {
+        Fail("storing the categories", r);
+        Refused(m_args.categoriesPath + ": the categories store refused the document");
         return;
       }
+    }
+    std::string error;
+    m_listener.WithDecisionsHeld([&] {
+      if (categories) s.categories.PublishStaged();
       r = task->SetSettings(&settings);
       if (ZEL_SUCCEEDED(r)) return;
+      if (categories) s.categories.RestoreSnapshot(decided);
       char text[zel::kMaxPrintedResult];
       const std::size_t n = zel::PrintResult(zel::FormatResult(r), text);
       error = m_args.settingsPath + ": the task refused the settings: " + std::string(text, n);
-      try {
-        if (!m_args.categoriesPath.empty()) ImportCategories(s.categories, &s.locator, previous, "the previous categories");
-      } catch (const std::exception& e) {
-        error += std::string("; putting the previous categories back failed too: ") + e.what();
-      }
     });
+    if (!error.empty() && categories) {
+      // Decisions never saw the new categories; the store is put back too.
+      r = s.categories.PutCategories({}, previous, {}, tov::types::CategoriesAction::ReplaceUser);
+      if (ZEL_FAILED(r)) error += "; putting the previous categories back failed too";
+    }
     if (!error.empty()) {
       Refused(error);
       return;

@@ -78,8 +78,36 @@ void CategoriesManager::Republish(bool open) noexcept {
       // Left without a snapshot, Snapshot fails until the next write.
     }
   }
+  std::shared_ptr<const CategoryList> dropped;  // freed after the lock is let go
   std::lock_guard lock(m_snapshotMutex);
-  m_snapshot.swap(next);
+  if (m_staging) {
+    m_staged.swap(next);
+  } else {
+    m_snapshot.swap(next);
+    dropped = std::move(m_staged);  // a plain write outdates what was staged
+  }
+}
+
+zel::result_t CategoriesManager::StageUserCategories(const CategoryList& categories,
+                                                     std::shared_ptr<const CategoryList>* current) {
+  {
+    std::lock_guard lock(m_snapshotMutex);
+    *current = m_snapshot;
+  }
+  return Write({}, categories, {}, tov::types::CategoriesAction::ReplaceUser, false);
+}
+
+void CategoriesManager::PublishStaged() {
+  std::shared_ptr<const CategoryList> old;  // freed after the lock is let go
+  std::lock_guard lock(m_snapshotMutex);
+  if (!m_staged) return;
+  old = std::move(m_snapshot);
+  m_snapshot = std::move(m_staged);
+}
+
+void CategoriesManager::RestoreSnapshot(std::shared_ptr<const CategoryList> snapshot) {
+  std::lock_guard lock(m_snapshotMutex);
+  m_snapshot.swap(snapshot);
 }
 
 zel::result_t CategoriesManager::Snapshot(std::shared_ptr<const CategoryList>* out) const {
@@ -155,6 +183,12 @@ zel::result_t CategoriesManager::Store(const std::vector<Entry>& entries, std::u
 
 zel::result_t CategoriesManager::PutCategories(const CategoryIdList& removeIds, const CategoryList& categories,
                                                const NameList& removeNames, tov::types::CategoriesAction action) {
+  return Write(removeIds, categories, removeNames, action, true);
+}
+
+zel::result_t CategoriesManager::Write(const CategoryIdList& removeIds, const CategoryList& categories,
+                                       const NameList& removeNames, tov::types::CategoriesAction action,
+                                       bool publish) {
   if (const zel::result_t fault = FaultAt(FaultPoint::CategoriesPut)) return fault;
   ++m_puts;
   try {
@@ -189,7 +223,9 @@ zel::result_t CategoriesManager::PutCategories(const CategoryIdList& removeIds, 
     if (ZEL_FAILED(r)) return r;
     m_entries.swap(next);
     m_counter = counter;
+    m_staging = !publish;
     Republish(true);
+    m_staging = false;
     return zel::result::NoError;
   } catch (...) {
     return zel::ResultFromCurrentException(nullptr, nullptr);

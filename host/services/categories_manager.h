@@ -53,6 +53,15 @@ class CategoriesManager final : public OwnedObject<CategoriesManager, ICategorie
   // (or when the last list could not be made).
   zel::result_t Snapshot(std::shared_ptr<const CategoryList>* out) const;
 
+  // For a change that must be seen together with another (a reload of the
+  // rules): PutCategories with ReplaceUser, stored and readable through
+  // GetCategories, while Snapshot still gives the list before it until
+  // PublishStaged, which only swaps a pointer. Returns the list decisions
+  // read until then, which RestoreSnapshot puts back if the other change fails.
+  zel::result_t StageUserCategories(const CategoryList& categories, std::shared_ptr<const CategoryList>* current);
+  void PublishStaged();
+  void RestoreSnapshot(std::shared_ptr<const CategoryList> snapshot);
+
   // ---- fault injection (one-shot) ----------------------------------------------------
   void FailNextGet(zel::result_t code);
   void FailNextPut(zel::result_t code);
@@ -71,6 +80,8 @@ class CategoriesManager final : public OwnedObject<CategoriesManager, ICategorie
   zel::result_t Store(const std::vector<Entry>& entries, std::uint32_t counter);
   // Makes the snapshot from m_entries (under m_mutex); none when closed.
   void Republish(bool open) noexcept;
+  zel::result_t Write(const CategoryIdList& removeIds, const CategoryList& categories, const NameList& removeNames,
+                      tov::types::CategoriesAction action, bool publish);
 
   zel::RefPtr<zel::IServiceLocator> m_objects;
   mutable std::mutex m_mutex;
@@ -82,6 +93,8 @@ class CategoriesManager final : public OwnedObject<CategoriesManager, ICategorie
 
   mutable std::mutex m_snapshotMutex;  // only ever held for a pointer copy
   std::shared_ptr<const CategoryList> m_snapshot;
+  bool m_staging = false;  // under m_mutex: Republish makes m_staged instead
+  std::shared_ptr<const CategoryList> m_staged;  // under m_snapshotMutex
   mutable std::atomic<std::uint64_t> m_gets{0};
   std::atomic<std::uint64_t> m_puts{0};
 };

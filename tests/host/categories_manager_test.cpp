@@ -3,6 +3,7 @@
 // list and the database as they were.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -194,6 +195,37 @@ TEST_F(CategoriesManagerTest, RefusedChangesLeaveListStoreAndCounter) {
   host::CategoriesManager closed(&locator);
   CategoryList out;
   EXPECT_EQ(closed.GetCategories(counter, out), zel::result::NotInitialized);
+}
+
+TEST_F(CategoriesManagerTest, DecisionsSeeAStagedListOnlyOnceItIsPublishedAndThePreviousOneWhenPutBack) {
+  host::CategoriesManager manager(&locator);
+  std::shared_ptr<const CategoryList> seen;
+  EXPECT_EQ(manager.Snapshot(&seen), zel::result::NotInitialized);
+  ASSERT_EQ(manager.Open(path), 0);
+  ASSERT_EQ(manager.PutCategories({}, {Make(1, u"Old")}, {}, CategoriesAction::ReplaceUser), 0);
+  const auto snapshot = [&] {
+    std::shared_ptr<const CategoryList> list;
+    EXPECT_EQ(manager.Snapshot(&list), 0);
+    return list ? Names(*list) : std::vector<std::string>{"(none)"};
+  };
+  EXPECT_EQ(snapshot(), std::vector<std::string>{"Old"});
+
+  std::shared_ptr<const CategoryList> before;
+  ASSERT_EQ(manager.StageUserCategories({Make(2, u"New")}, &before), 0);
+  EXPECT_EQ(Names(Get(manager)), std::vector<std::string>{"New"}) << "stored at once";
+  EXPECT_EQ(snapshot(), std::vector<std::string>{"Old"}) << "decisions still read the old list";
+  manager.PublishStaged();
+  EXPECT_EQ(snapshot(), std::vector<std::string>{"New"});
+  manager.RestoreSnapshot(before);
+  EXPECT_EQ(snapshot(), std::vector<std::string>{"Old"});
+
+  // A plain write after a stage outdates what was staged.
+  ASSERT_EQ(manager.StageUserCategories({Make(3, u"Staged")}, &before), 0);
+  ASSERT_EQ(manager.PutCategories({}, {Make(4, u"Written")}, {}, CategoriesAction::ReplaceUser), 0);
+  manager.PublishStaged();
+  EXPECT_EQ(snapshot(), std::vector<std::string>{"Written"});
+  manager.FailNextGet(zel::result::UnspecifiedError);
+  EXPECT_EQ(manager.Snapshot(&seen), zel::result::UnspecifiedError) << "a read fault reaches decisions too";
 }
 
 }  // namespace
