@@ -23,7 +23,9 @@
 #include "app_control/module_entry.h"
 #include "app_control/module_fixture.h"
 #include "host/serialization/serialization_services.h"
+#include "support/fake_file_services.h"
 #include "support/fake_inventory_services.h"
+#include "support/temp_tree.h"
 #include "tov_common/categories/category_descriptors.h"
 
 namespace {
@@ -35,6 +37,7 @@ using tov::settings::GoldenImageAction;
 using tov::settings::InventoryScanSettings;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
+using testsupport::MakeObject;
 
 constexpr zel::result_t kFailure = zel::result::MediaError;
 
@@ -44,7 +47,25 @@ std::string Narrow(const zel::wstring_t& w) {
   return s;
 }
 
-class InventoryScanTaskTest : public testsupport::ModuleFixture {
+// The task's services, a base ahead of the module fixture: its locator lets go
+// of them before they go.
+struct ScanServices {
+  testsupport::FakeAppController engine;
+  testsupport::FakeFileFactory files;
+  testsupport::FakeInventoryStorage storage;
+  testsupport::FakeTaskTryMutex typeLock;
+  testsupport::FakeTaskInfoProvider taskInfo;
+  testsupport::FakeCgroupsManager cgroups;
+  testsupport::RecordingCategoriesManager categories;
+  testsupport::RecordingStopEvents stops;
+  // Every path is in scope and no format known: every file is inventoried.
+  zel::RefPtr<testsupport::FakePathMatcherFactory> pathMatchers = MakeObject<testsupport::FakePathMatcherFactory>();
+  zel::RefPtr<testsupport::FakeFormatRecognizerFactory> recognizers =
+      MakeObject<testsupport::FakeFormatRecognizerFactory>();
+  testsupport::TempDir dir;
+};
+
+class InventoryScanTaskTest : public ScanServices, public testsupport::ModuleFixture {
  protected:
   void SetUp() override {
     ModuleFixture::SetUp();
@@ -58,33 +79,17 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
     locator.Register<ITaskInfoProvider>(&taskInfo);
     locator.Register<ICgroupsManager>(&cgroups);
     locator.Register<ICategoriesManager>(&categories);
-    locator.Register<IPathMatcherFactory>(&pathMatchers);
-    locator.Register<FormatRecognizerFactory>(&recognizers);
-
-    char pattern[] = "/tmp/invscan-XXXXXX";
-    root = ::mkdtemp(pattern);
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root, ec);
-    // The fakes die before the locator: take them out of it first.
-    locator.Remove(app_ctrl::IEnterpriseApplicationController::iid);
-    locator.Remove(zel::IFileFactory::iid, qurn::CLSID_FileFactories);
-    for (zel::iid_t iid : {ac::IInventoryStorage::iid, ITaskTryMutex::iid, ITaskInfoProvider::iid,
-                           ICgroupsManager::iid, ICategoriesManager::iid, IPathMatcherFactory::iid,
-                           FormatRecognizerFactory::iid}) {
-      locator.Remove(iid);
-    }
-    serialization = {};
+    locator.Register<IPathMatcherFactory>(pathMatchers.Get());
+    locator.Register<FormatRecognizerFactory>(recognizers.Get());
   }
 
   void File(const std::string& relative, bool executable = false) {
-    const fs::path p = fs::path(root) / relative;
+    const fs::path p = dir / relative;
     fs::create_directories(p.parent_path());
     std::ofstream(p) << "content of " << relative << "\n";
     if (executable) fs::permissions(p, fs::perms::owner_exec, fs::perm_options::add);
   }
-  std::string Path(const std::string& relative) const { return root + "/" + relative; }
+  std::string Path(const std::string& relative) const { return dir / relative; }
 
   // Settings that walk `roots` (all enabled) with `action`.
   static InventoryScanSettings Settings(std::vector<std::string> roots,
@@ -133,11 +138,6 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
     EXPECT_EQ(allocator.LiveBlocks(), 0);
   }
 
-  // The worker lets the task type go only after its stop notice.
-  void WaitTypeUnlocked() {
-    while (typeLock.Held(ac::kInventoryScanTaskType)) ::usleep(1000);
-  }
-
   // Starts a walk held in the engine at "hold-here", asks for a pause from
   // another thread and lets the engine go once the request stands; `whileHeld`
   // looks on before that. Returns with the worker parked.
@@ -164,17 +164,7 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
   }
 
   host::SerializationServices serialization;
-  testsupport::FakeAppController engine;
-  testsupport::FakeFileFactory files;
-  testsupport::FakeInventoryStorage storage;
-  testsupport::FakeTaskTryMutex typeLock;
-  testsupport::FakeTaskInfoProvider taskInfo;
-  testsupport::FakeCgroupsManager cgroups;
-  testsupport::RecordingCategoriesManager categories;
-  testsupport::PassAllPathMatcherFactory pathMatchers;
-  testsupport::UnknownFormatRecognizerFactory recognizers;
-  testsupport::RecordingStopEvents stops;
-  std::string root;
+  const std::string root = dir.path();
 };
 
 TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheRest) {
@@ -234,17 +224,21 @@ TEST_F(InventoryScanTaskTest, RootsThatAreFilesLinksSpecialFilesOrProcfs) {
 }
 
 // Files the factory or the matcher refuse never reach the engine; the
-// engine's answers decide whether and how the others are stored.
+// engine's answers decide whether and how the others are stored. Remove drops
+// the GoldenImage key from the records and names the category.
 TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
   for (const char* f : {"nohash", "noname", "fails", "keys", "open-fails", "refused/inner"}) File(f);
   files.refused.insert(Path("open-fails"));
-  pathMatchers.matcher.refuse = "refused";
+  pathMatchers->matcher->rejected.insert(Path("refused"));
   engine.answers[Path("nohash")].emptyHash = true;
   engine.answers[Path("noname")].emptyName = true;
   engine.answers[Path("fails")].fail = true;
-  engine.answers[Path("keys")].keys = {{1, zel::wstring_t(u"ABC")}, {0, zel::wstring_t(u"zz")},
-                                       {1, zel::wstring_t(u"abc")}, {1, zel::wstring_t(u"ab")}};
-  auto task = MakeTask(Settings({root}));
+  engine.answers[Path("keys")].keys = {{1, zel::wstring_t(u"ABC")},
+                                       {0, zel::wstring_t(u"zz")},
+                                       {1, zel::wstring_t(u"abc")},
+                                       {1, zel::wstring_t(u"EAC00500-0000-0000-0000-000000000000")},
+                                       {1, zel::wstring_t(u"ab")}};
+  auto task = MakeTask(Settings({root}, GoldenImageAction::Remove));
   EXPECT_EQ(RunToEnd(task.Get()), 0);
 
   EXPECT_THAT(engine.Seen(), UnorderedElementsAre(Path("nohash"), Path("noname"), Path("fails"), Path("keys")));
@@ -265,6 +259,10 @@ TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
   EXPECT_TRUE(Traced("(m_appController->InventoryModule(io, flags, info)),(ZEL_SUCCEEDED(_result)) failed: result = "
                      "0x80000045 (Access denied)Cannot inventory " + Path("fails")));
   EXPECT_TRUE(Traced("Cannot open file '" + Path("open-fails") + "'"));
+  ASSERT_EQ(categories.puts.size(), 1u);
+  EXPECT_TRUE(categories.puts[0].categories.empty());
+  ASSERT_EQ(categories.puts[0].removeNames.size(), 1u);
+  EXPECT_EQ(Narrow(categories.puts[0].removeNames[0]), "GoldenImage");
 }
 
 TEST_F(InventoryScanTaskTest, GoldenImageAddPutsKeyInEveryRecordAndOneCriterionPerRecord) {
@@ -300,21 +298,6 @@ TEST_F(InventoryScanTaskTest, GoldenImageAddPutsKeyInEveryRecordAndOneCriterionP
   }
   EXPECT_THAT(names, UnorderedElementsAre(Path("one"), Path("two")));
   EXPECT_THAT(hashes, UnorderedElementsAre("h:" + Path("one"), "h:" + Path("two")));
-}
-
-TEST_F(InventoryScanTaskTest, GoldenImageRemoveDropsTheKeyAndNamesTheCategory) {
-  File("one");
-  engine.answers[Path("one")].keys = {{1, zel::wstring_t(u"EAC00500-0000-0000-0000-000000000000")},
-                                      {1, zel::wstring_t(u"other")}};
-  auto task = MakeTask(Settings({root}, GoldenImageAction::Remove));
-  EXPECT_EQ(RunToEnd(task.Get()), 0);
-  ASSERT_EQ(storage.records.size(), 1u);
-  ASSERT_EQ(storage.records[0].categoryKeys.size(), 1u);
-  EXPECT_EQ(Narrow(storage.records[0].categoryKeys[0].text), "other");
-  ASSERT_EQ(categories.puts.size(), 1u);
-  EXPECT_TRUE(categories.puts[0].categories.empty());
-  ASSERT_EQ(categories.puts[0].removeNames.size(), 1u);
-  EXPECT_EQ(Narrow(categories.puts[0].removeNames[0]), "GoldenImage");
 }
 
 TEST_F(InventoryScanTaskTest, StopDuringTheWalkLeavesAnEmptyInventoryAndReportsSuccess) {
@@ -447,7 +430,7 @@ TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOutAndAnEndedOneBlocks
   engine.Let();
   stops.WaitFor(1);
   // Ended but not stopped: a new start is refused and gives the lock back.
-  WaitTypeUnlocked();
+  while (typeLock.Held(ac::kInventoryScanTaskType)) ::usleep(1000);  // let go after the notice
   EXPECT_EQ(first->Start(5, &stops), zel::result::InvalidState);
   EXPECT_TRUE(Traced("Task is not stopped, session id: 5"));
   EXPECT_EQ(first->Stop(), 0);
@@ -461,23 +444,12 @@ TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOutAndAnEndedOneBlocks
   EXPECT_TRUE(Traced("Cannot get service for ITaskTryMutex."));
 }
 
-TEST_F(InventoryScanTaskTest, AllScopesDisabledClearsAndReportsTheUntouchedResult) {
-  File("a");
-  InventoryScanSettings settings = Settings({root, root});
-  for (auto& s : settings.scanScopes) s.enabled = false;
-  auto task = MakeTask(settings);
-  storage.records.push_back(tov::ApplicationInfo{});  // a previous run's
-  EXPECT_EQ(RunToEnd(task.Get()), zel::result::UnspecifiedError);
-  EXPECT_TRUE(storage.records.empty());
-  EXPECT_EQ(engine.callCount.load(), 0);
-  EXPECT_EQ(categories.puts.size(), 1u);
-  EXPECT_THAT(storage.journal, ElementsAre("Clear", "Flush"));
-}
-
 // Failures of the run's steps: each ends the run where it arises, with the
-// notice carrying the result variable as it stood.
+// notice carrying the result variable as it stood. With every scope disabled
+// nothing is walked and that result stands untouched.
 TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
   File("a");
+  InventoryScanSettings settings;
   struct Case {
     const char* name;
     std::function<void()> arrange;
@@ -499,6 +471,11 @@ TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
       {"matcher", [&] { locator.Refuse(IPathMatcherFactory::iid); }, "Cannot get IPathMatcherFactory interface", false,
        false},
       {"put categories", [&] { categories.result = kFailure; }, "Cannot change GoldenImage category", true, false},
+      {"all scopes disabled",
+       [&] {
+         for (auto& scope : settings.scanScopes) scope.enabled = false;
+       },
+       "Task has been stopped with result 0x8000004b", false, true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -511,9 +488,10 @@ TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
     categories.result = 0;
     storage.journal.clear();
     tracer.Clear();
+    settings = Settings({root, root});
     c.arrange();
     const int calls = engine.callCount.load();
-    auto task = MakeTask(Settings({root}));
+    auto task = MakeTask(settings);
     const zel::result_t r = RunToEnd(task.Get());
     EXPECT_EQ(r, c.walked ? 0 : zel::result::UnspecifiedError);
     EXPECT_TRUE(Traced(c.traced));
