@@ -21,6 +21,7 @@
 
 #include "app_control/module_entry.h"
 #include "support/inventory_host.h"
+#include "support/temp_tree.h"
 #include "tov_common/categories/category_text.h"
 #include "zel/module_lock.h"
 #include "zel/system/datetime.h"
@@ -40,12 +41,6 @@ Store::ValueRange Val(std::string_view v) {
   return {p, p + v.size()};
 }
 
-std::string TempDir() {
-  char pattern[] = "/tmp/inventory_test_XXXXXX";
-  const char* dir = mkdtemp(pattern);
-  return dir == nullptr ? std::string() : std::string(dir);
-}
-
 // Both faces of one storage object.
 struct Inventory {
   zel::RefPtr<IInventoryStorage> writer;
@@ -55,15 +50,10 @@ struct Inventory {
 
 Inventory MakeInventory(zel::IServiceLocator* locator) {
   Inventory inv;
-  zel::IObjectFactory* factory = nullptr;
-  if (tov::app_control::GetObjectFactory(locator, tov::app_control::kInventoryStorageClassId, &factory) != 0) return inv;
-  const auto holder = zel::RefPtr<zel::IObjectFactory>::Adopt(factory);
-  void* out = nullptr;
-  if (factory->CreateInstance(locator, IInventoryStorage::iid, &out) != 0) return inv;
-  inv.writer = zel::RefPtr<IInventoryStorage>::Adopt(static_cast<IInventoryStorage*>(out));
-  void* face = nullptr;
-  if (inv.writer->QueryInterface(tov::IInventoryInfoProvider::iid, &face) == 0)
-    inv.reader = zel::RefPtr<tov::IInventoryInfoProvider>::Adopt(static_cast<tov::IInventoryInfoProvider*>(face));
+  zel::RefPtr<zel::IObjectFactory> factory;
+  if (tov::app_control::GetObjectFactory(locator, tov::app_control::kInventoryStorageClassId, factory.Ref()) == 0 &&
+      factory->CreateInstance(locator, IInventoryStorage::iid, reinterpret_cast<void**>(inv.writer.Ref())) == 0)
+    inv.writer->QueryInterface(tov::IInventoryInfoProvider::iid, reinterpret_cast<void**>(inv.reader.Ref()));
   return inv;
 }
 
@@ -84,15 +74,11 @@ class InventoryStorageTest : public ::testing::Test {
  protected:
   void SetUp() override {
     lockCountBefore = zel::ModuleLockCount.load();
-    dir = TempDir();
-    ASSERT_FALSE(dir.empty());
-    path = dir + "/state.db";
     ASSERT_EQ(host.OpenStore(path), 0);
   }
   void TearDown() override {
     EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore) << "a storage object outlived its test";
     EXPECT_EQ(host.allocator.LiveBlocks(), 0);
-    std::filesystem::remove_all(dir);
   }
 
   // What a second connection finds committed under `key`; "-" when absent.
@@ -104,9 +90,9 @@ class InventoryStorageTest : public ::testing::Test {
     return std::string(v.data(), v.data() + v.size());
   }
 
+  testsupport::TempDir dir;
   testsupport::InventoryHost host;
-  std::string dir;
-  std::string path;
+  const std::string path = dir / "state.db";
   std::uint32_t lockCountBefore = 0;
 };
 
@@ -424,17 +410,10 @@ TEST_F(InventoryStorageTest, SpoiltListOrTimestampStartsEmptyAndStillWorks) {
 TEST_F(InventoryStorageTest, NoStoreNoObject) {
   host.locator.Remove(Store::iid);
   const std::size_t blocks = host.allocator.LiveBlocks();
-  zel::IObjectFactory* factory = nullptr;
-  ASSERT_EQ(tov::app_control::GetObjectFactory(&host.locator, tov::app_control::kInventoryStorageClassId, &factory), 0);
-  void* out = reinterpret_cast<void*>(1);
-  const zel::result_t r = factory->CreateInstance(&host.locator, IInventoryStorage::iid, &out);
-  factory->Release();
-  EXPECT_LT(r, 0);
+  EXPECT_FALSE(MakeInventory(&host.locator).writer);
   EXPECT_EQ(host.allocator.LiveBlocks(), blocks);
-  const auto texts = host.tracer.Texts();
-  EXPECT_TRUE(std::any_of(texts.begin(), texts.end(), [](const std::string& t) {
-    return t.find("Cannot get app_core::component::IKeyValueStorage: 0x80000001") != std::string::npos;
-  }));
+  EXPECT_THAT(host.tracer.Texts(),
+              testing::Contains(HasSubstr("Cannot get app_core::component::IKeyValueStorage: 0x80000001")));
   host.locator.Register<Store>(&host.store);
 }
 
@@ -555,8 +534,8 @@ TEST_F(InventoryStorageTest, AKilledWriterLeavesACompleteInventoryOrTheClearedOn
   for (int round = 0; round < 6; ++round) {
     SCOPED_TRACE(round);
     host.store.Close();
-    std::filesystem::remove_all(dir);
-    std::filesystem::create_directories(dir);
+    std::filesystem::remove_all(dir.path());
+    std::filesystem::create_directories(dir.path());
 
     const pid_t child = fork();
     ASSERT_GE(child, 0);

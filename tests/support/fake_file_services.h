@@ -52,7 +52,6 @@ class FakePathMatcherFactory : public zel::object::Ifaces<IPathMatcherFactory> {
                                   IPathMatcher** out) override {
     ++createCalls;
     scanScopeCount = scopes.scanScopes.size();
-    secondaryScopeCount = scopes.secondaryScopes.size();
     if (!scopes.scanScopes.empty()) firstScopePath = std::string(scopes.scanScopes[0].path.view());
     optionFlags = options.flags;
     optionPatterns = options.patterns.size();
@@ -66,7 +65,7 @@ class FakePathMatcherFactory : public zel::object::Ifaces<IPathMatcherFactory> {
   zel::result_t createResult = 0;
   bool handOutNull = false;
   int createCalls = 0;
-  std::size_t scanScopeCount = 0, secondaryScopeCount = 0, optionPatterns = 0;
+  std::size_t scanScopeCount = 0, optionPatterns = 0;
   std::uint32_t optionFlags = 0xFFFFFFFF;
   std::string firstScopePath;
 };
@@ -77,7 +76,6 @@ class FakeFormatResult : public zel::object::Ifaces<FormatResult> {
   FakeFormatResult(std::uint32_t kind, FormatId id) : m_kind(kind), m_id(id) {}
 
   zel::result_t GetRecord(FormatRecord& record) override {
-    ++recordCalls;
     if (recordResult < 0) return recordResult;
     record.id = m_id;
     return 0;
@@ -100,7 +98,6 @@ class FakeFormatResult : public zel::object::Ifaces<FormatResult> {
 
   zel::RefPtr<FakeFormatResult> next_;
   zel::result_t recordResult = 0, kindResult = 0, nextResult = 0;
-  int recordCalls = 0;
 
  private:
   std::uint32_t m_kind;
