@@ -26,7 +26,13 @@ using testing::ElementsAre;
 constexpr zel::result_t kFailure = zel::result::UnspecifiedError;
 constexpr app_ctrl::CategoryId kBrowsers{{1, 2, 3, 4}};
 
-class AppControlTaskTest : public testsupport::ModuleFixture, public testsupport::AppControlTaskServices {
+// The host's services and a publisher, a base ahead of the module fixture: its
+// locator lets go of them before they go.
+struct TaskHost : testsupport::AppControlTaskServices {
+  host::EventPublisher publisher;
+};
+
+class AppControlTaskTest : public TaskHost, public testsupport::ModuleFixture {
  protected:
   void SetUp() override {
     ModuleFixture::SetUp();
@@ -48,8 +54,6 @@ class AppControlTaskTest : public testsupport::ModuleFixture, public testsupport
     EXPECT_EQ(subscription.ExtraRefs(), 1) << "the locator's own";
     EXPECT_EQ(publisher.OutstandingRefs(), 1) << "the locator's own";
     EXPECT_EQ(processes.ObjectRefs(), 0);
-    RemoveFrom(locator);  // the locator outlives these fakes
-    ModuleFixture::TearDown();
   }
 
   zel::result_t Create() {
@@ -71,7 +75,6 @@ class AppControlTaskTest : public testsupport::ModuleFixture, public testsupport
   void RefuseSubscription() {
     locator.Refuse(app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid, kFailure);
   }
-  host::EventPublisher publisher;
   tov::settings::AppControlSettings settings;
   zel::RefPtr<ITask> task;
 };
