@@ -27,6 +27,7 @@
 #include "support/fake_inventory_services.h"
 #include "support/temp_tree.h"
 #include "tov_common/categories/category_descriptors.h"
+#include "zel/strings/conversions.h"
 
 namespace {
 
@@ -41,11 +42,7 @@ using testsupport::MakeObject;
 
 constexpr zel::result_t kFailure = zel::result::MediaError;
 
-std::string Narrow(const zel::wstring_t& w) {
-  std::string s;
-  for (char16_t c : w.view()) s += static_cast<char>(c);
-  return s;
-}
+std::string Narrow(const zel::wstring_t& w) { return std::string(zel::Utf16ToUtf8(w.view()).view()); }
 
 // The task's services, a base ahead of the module fixture: its locator lets go
 // of them before they go.
