@@ -356,33 +356,32 @@ TEST_F(AppControlEventTest, FieldsFollowTheFixedOrderAndTheProcessesKnown) {
   EXPECT_TRUE(Traced("AppControlTaskCallbacks::OnApplicationControl: Parent process uniqueId = 400"));
 }
 
-TEST_F(AppControlEventTest, UserNamesAreCutAtTheFirstBackslashAndParentNamesAtTheLastSlash) {
-  const std::pair<std::u16string_view, std::u16string_view> users[] = {
-      {u"bare", u"bare"}, {u"a\\b\\c", u"b\\c"}, {u"\\x", u"x"}, {u"", u""}};
-  const std::pair<std::u16string_view, std::u16string_view> images[] = {
-      {u"noslash", u"noslash"}, {u"/dir/", u""}, {u"", u""}, {u"/a/b/c", u"c"}};
+// User names are cut at the first backslash, parent names at the last slash;
+// the user id is parsed like stoll and narrowed to 32 bits in its field.
+TEST_F(AppControlEventTest, UserAndParentFields) {
+  const struct {
+    std::u16string_view user, shownUser, image, shownImage, userId;
+    std::int64_t id;
+  } rows[] = {{u"bare", u"bare", u"noslash", u"noslash", u"4294967297", 4294967297ll},
+              {u"a\\b\\c", u"b\\c", u"/dir/", u"", u"-5", -5},
+              {u"\\x", u"x", u"", u"", u" 12", 12},
+              {u"", u"", u"/a/b/c", u"c", u"1000", 1000}};
   processes.Add(500, 10, 400, u"/x");
-  for (std::size_t i = 0; i < 4; ++i) {
-    info.userName = zel::wstring_t(users[i].first);
-    processes.Add(400, 1, 0, images[i].first);
+  for (const auto& row : rows) {
+    info.userName = zel::wstring_t(row.user);
+    info.userId = zel::wstring_t(row.userId);
+    processes.Add(400, 1, 0, row.image);
     publisher.Clear();
     Report(1);
     const auto events = publisher.Events();
     ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].runtimeFields[0].data.GetWString().view(), users[i].second);
-    EXPECT_EQ(events[0].subject.user->userName.view(), users[i].second);
+    EXPECT_EQ(events[0].runtimeFields[0].data.GetWString().view(), row.shownUser);
+    EXPECT_EQ(events[0].subject.user->userName.view(), row.shownUser);
+    EXPECT_EQ(events[0].subject.user->userId, row.id);
+    EXPECT_EQ(events[0].runtimeFields[1].data.GetInt32(), static_cast<std::int32_t>(row.id));
     ASSERT_EQ(events[0].runtimeFields.size(), 18u);
-    EXPECT_EQ(events[0].runtimeFields[17].data.GetWString().view(), images[i].second);
+    EXPECT_EQ(events[0].runtimeFields[17].data.GetWString().view(), row.shownImage);
   }
-}
-
-TEST_F(AppControlEventTest, UserIdIsParsedLikeStollAndNarrowedToThirtyTwoBits) {
-  info.userId = zel::wstring_t(u"4294967297");
-  Report(2);
-  ASSERT_EQ(publisher.Count(), 1u);
-  EXPECT_EQ(publisher.Events()[0].subject.user->userId, 4294967297ll);
-  EXPECT_EQ(publisher.Events()[0].runtimeFields[1].data.GetInt32(), 1);
-
   publisher.Clear();
   info.userId = zel::wstring_t(u"not a number");
   EXPECT_THROW(Report(1), std::invalid_argument);

@@ -330,7 +330,7 @@ TEST_F(InventoryScanTaskTest, StopDuringTheWalkLeavesAnEmptyInventoryAndReportsS
   EXPECT_TRUE(storage.records.empty());
 }
 
-TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo) {
+TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeOrReleaseLetsItGo) {
   for (int i = 0; i < 10; ++i) File("f" + std::to_string(i));
   auto task = MakeTask(Settings({root}));
   auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
@@ -355,14 +355,11 @@ TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo
   EXPECT_TRUE(Traced("Request pause and wait"));
   EXPECT_TRUE(Traced("Thread suspended"));
   EXPECT_TRUE(Traced("Resuming thread"));
-}
 
-TEST_F(InventoryScanTaskTest, ReleasingAParkedTaskEndsItsWorker) {
-  File("a");
-  auto task = MakeTask(Settings({root}));
+  // Released while parked, the task ends its worker (stop, open the gate, join).
   ParkInsideTheWalk(task.Get());
-  task = nullptr;  // FinalRelease: stop, open the gate, join
-  EXPECT_EQ(stops.count, 1);
+  task = nullptr;
+  EXPECT_EQ(stops.count, 2);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
   ExpectTaskGone();
 }
