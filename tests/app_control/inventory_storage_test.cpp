@@ -15,6 +15,7 @@
 #include <chrono>
 #include <filesystem>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -81,6 +82,13 @@ class InventoryStorageTest : public ::testing::Test {
     EXPECT_EQ(host.allocator.LiveBlocks(), 0);
   }
 
+  // A new storage object on the host; the test fails when none can be made.
+  Inventory Open() {
+    Inventory inv = MakeInventory(&host.locator);
+    if (!inv) throw std::runtime_error("no inventory storage");
+    return inv;
+  }
+
   // What a second connection finds committed under `key`; "-" when absent.
   std::string Committed(std::string_view key) {
     host::KeyValueStore other;
@@ -99,8 +107,7 @@ class InventoryStorageTest : public ::testing::Test {
 TEST_F(InventoryStorageTest, RecordsAreWrittenAtAddInfoListAndTimestampOnlyAtFlush) {
   const std::uint64_t before = zel::datetime::now();
   {
-    Inventory inv = MakeInventory(&host.locator);
-    ASSERT_TRUE(inv);
+    Inventory inv = Open();
     ASSERT_EQ(inv.writer->AddInfo(App(7, u"old")), 0);
     ASSERT_EQ(inv.writer->AddInfo(App(3, u"cat")), 0);
     ASSERT_EQ(inv.writer->AddInfo(App(7, u"ls")), 0);  // replaces the first; the id stands once
@@ -127,8 +134,7 @@ TEST_F(InventoryStorageTest, RecordsAreWrittenAtAddInfoListAndTimestampOnlyAtFlu
   const std::uint64_t after = zel::datetime::now();
 
   // A new object reads back the list and the time of the last AddInfo.
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   tov::ApplicationList list;
   ASSERT_EQ(inv.reader->GetApplicationList(list), 0);
   EXPECT_THAT(Ids(list), ElementsAre(7u, 3u));
@@ -144,8 +150,7 @@ TEST_F(InventoryStorageTest, RecordsAreWrittenAtAddInfoListAndTimestampOnlyAtFlu
 }
 
 TEST_F(InventoryStorageTest, PagingThroughTheIds) {
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   for (tov::ApplicationId id : {10u, 11u, 12u, 13u, 14u}) ASSERT_EQ(inv.writer->AddInfo(App(id, u"p")), 0);
 
   struct Case {
@@ -217,8 +222,7 @@ TEST_F(InventoryStorageTest, CategoryNamesFromTheControllerSettings) {
        "(zel::GetInterface(sl, esm.Ref())),(ZEL_SUCCEEDED(_result)) failed: result = "},
   };
 
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   tov::ApplicationInfo info = App(1, u"firefox", {golden, browsersText, u"not-a-category", upper});
   info.categoryKeys.push_back(tov::CategoryKey{7, W(golden)});  // kind plays no part
   ASSERT_EQ(inv.writer->AddInfo(info), 0);
@@ -258,8 +262,7 @@ TEST_F(InventoryStorageTest, CategoryNamesFromTheControllerSettings) {
 // Clear empties memory and the committed store at once, also records staged
 // by a Flush that failed; an empty inventory lists nothing at time 0.
 TEST_F(InventoryStorageTest, EmptyAndClearedInventories) {
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   auto expectEmpty = [&] {
     tov::ApplicationList list;
     list.timestamp = 123;
@@ -284,14 +287,12 @@ TEST_F(InventoryStorageTest, EmptyAndClearedInventories) {
   EXPECT_EQ(inv.reader->GetApplicationIdList(0, 1, ids), zel::result::False);
   for (const char* key : {"1", "2", "appIdList", "timestamp"}) EXPECT_EQ(Committed(key), "-") << key;
   // Its last flush stores the empty inventory.
-  inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  inv = Open();
   expectEmpty();
 }
 
 TEST_F(InventoryStorageTest, StoreFailuresOnWriteAreReportedByTheirLines) {
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   struct Case {
     const char* name;
     std::uint64_t failingSet;  // counted from the start of the step
@@ -324,8 +325,7 @@ TEST_F(InventoryStorageTest, StoreFailuresOnWriteAreReportedByTheirLines) {
 TEST_F(InventoryStorageTest, UnreadableStoredDataGivesWhatCanBeRead) {
   // Write a healthy inventory, then spoil parts of it behind its back.
   {
-    Inventory inv = MakeInventory(&host.locator);
-    ASSERT_TRUE(inv);
+    Inventory inv = Open();
     for (tov::ApplicationId id : {1u, 2u, 3u}) ASSERT_EQ(inv.writer->AddInfo(App(id, u"f")), 0);
     ASSERT_EQ(inv.writer->Flush(), 0);
   }
@@ -334,8 +334,7 @@ TEST_F(InventoryStorageTest, UnreadableStoredDataGivesWhatCanBeRead) {
   ASSERT_EQ(host.store.Commit(), 0);
   host.tracer.Clear();
 
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   tov::ApplicationInfo info;
   EXPECT_EQ(inv.reader->GetApplicationInfo(1, info), 0);
   EXPECT_EQ(info.id, 1u);
@@ -388,8 +387,7 @@ TEST_F(InventoryStorageTest, SpoiltListOrTimestampStartsEmptyAndStillWorks) {
     ASSERT_EQ(host.store.Commit(), 0);
     host.tracer.Clear();
 
-    Inventory inv = MakeInventory(&host.locator);
-    ASSERT_TRUE(inv);
+    Inventory inv = Open();
     const auto failures = host.Failures();
     if (c.deserializeLine) {
       ASSERT_FALSE(failures.empty());
@@ -418,8 +416,7 @@ TEST_F(InventoryStorageTest, NoStoreNoObject) {
 }
 
 TEST_F(InventoryStorageTest, ARecordTypeTheHostDoesNotKnowFailsTheCallNotTheProcess) {
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   ASSERT_EQ(host.services.metaInfo->UnregisterDescriptor(tov::ApplicationInfo::SerId), 0);
   EXPECT_EQ(inv.writer->AddInfo(App(1, u"a")), zel::result::NotFound);
   const auto failures = host.Failures();
@@ -432,8 +429,7 @@ TEST_F(InventoryStorageTest, ARecordTypeTheHostDoesNotKnowFailsTheCallNotTheProc
 
 TEST_F(InventoryStorageTest, AReaderBesideTheWriterSeesConsistentPrefixes) {
   host.tracer.SetLevelFilter(zel::trace_level::Error);
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   constexpr tov::ApplicationId kCount = 200;
   std::atomic<bool> done{false};
   std::atomic<int> badLists{0};
@@ -549,8 +545,7 @@ TEST_F(InventoryStorageTest, AKilledWriterLeavesACompleteInventoryOrTheClearedOn
     ASSERT_EQ(host.OpenStore(path), 0);
     const bool hasList = Committed("appIdList") != "-";
     EXPECT_EQ(hasList, Committed("timestamp") != "-") << "list and timestamp come and go together";
-    Inventory inv = MakeInventory(&host.locator);
-    ASSERT_TRUE(inv);
+    Inventory inv = Open();
     tov::ApplicationList list;
     ASSERT_EQ(inv.reader->GetApplicationList(list), 0) << "every listed id has its record";
     if (list.list.empty()) {
