@@ -135,24 +135,26 @@ class InventoryScanTaskTest : public ScanServices, public testsupport::ModuleFix
     EXPECT_EQ(allocator.LiveBlocks(), 0);
   }
 
-  // Starts a walk held in the engine at "hold-here", asks for a pause from
-  // another thread and lets the engine go once the request stands; `whileHeld`
-  // looks on before that. Returns with the worker parked.
-  void ParkInsideTheWalk(ITask* task, const std::function<void(const std::atomic<bool>&)>& whileHeld = {}) {
+  // Starts a walk held in the engine at "hold-here", makes `request` (Pause
+  // or Stop) from another thread and lets the engine go once the request
+  // stands; `whileHeld` looks on before that.
+  void RequestInsideTheWalk(ITask* task, zel::result_t (ITask::*request)(),
+                            const std::function<void(const std::atomic<bool>&)>& whileHeld = {}) {
     File("hold-here");
     engine.HoldAt("hold-here");
     ASSERT_EQ(task->Start(1, &stops), 0);
     engine.WaitHeld();
-    std::atomic<bool> paused{false};
-    std::thread pauser([&] {
-      EXPECT_EQ(task->Pause(), 0);
-      paused = true;
+    std::atomic<bool> done{false};
+    std::thread requester([&] {
+      EXPECT_EQ((task->*request)(), 0);
+      done = true;
     });
     // The worker must meet the request at a check point after the held file.
-    while (!static_cast<ac::InventoryScanTask*>(task)->PauseRequested()) ::usleep(1000);
-    if (whileHeld) whileHeld(paused);
+    auto* impl = static_cast<ac::InventoryScanTask*>(task);
+    while (!(request == &ITask::Stop ? impl->StopRequested() : impl->PauseRequested())) ::usleep(1000);
+    if (whileHeld) whileHeld(done);
     engine.Let();
-    pauser.join();
+    requester.join();
   }
 
   bool Traced(const std::string& text) {
@@ -164,7 +166,10 @@ class InventoryScanTaskTest : public ScanServices, public testsupport::ModuleFix
   const std::string root = dir.path();
 };
 
-TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheRest) {
+// Regular files below a directory root and a root that is one are stored;
+// links, special files, procfs (itself walked as a root, its entries not)
+// and a missing root are skipped. The last root's result is the run's.
+TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileAndSkipsTheRest) {
   File("a.sh");
   File("bin/tool", true);
   File("deep/er/x.py");
@@ -173,11 +178,14 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   ASSERT_EQ(::mkfifo(Path("pipe").c_str(), 0600), 0);
   taskInfo.cgroupName = "scans/inventory";
   {
-    auto task = MakeTask(Settings({root}));
+    auto task =
+        MakeTask(Settings({root, Path("link-to-a"), Path("pipe"), "/proc/self", Path("missing"), Path("a.sh")}));
     ASSERT_TRUE(task);
     EXPECT_EQ(RunToEnd(task.Get(), 42), 0);
   }
-  EXPECT_THAT(StoredPaths(), UnorderedElementsAre(Path("a.sh"), Path("bin/tool"), Path("deep/er/x.py")));
+  const auto expected = UnorderedElementsAre(Path("a.sh"), Path("bin/tool"), Path("deep/er/x.py"), Path("a.sh"));
+  EXPECT_THAT(engine.Seen(), expected);
+  EXPECT_THAT(StoredPaths(), expected);
   EXPECT_EQ(storage.journal.front(), "Clear");
   EXPECT_EQ(storage.journal.back(), "Flush");
   EXPECT_EQ(engine.lastFlags, 0u);
@@ -188,6 +196,9 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   EXPECT_NE(cgroups.lastTid, static_cast<std::int32_t>(::getpid()));
   EXPECT_GT(cgroups.lastTid, 0);
   EXPECT_TRUE(Traced("skip (not a regular file)"));  // the links and the fifo
+  EXPECT_TRUE(Traced("skip magic"));
+  EXPECT_TRUE(Traced("skip " + Path("pipe")));
+  EXPECT_TRUE(Traced("Cannot stat " + Path("missing") + ": No such file or directory"));
   EXPECT_TRUE(Traced("InventoryScanTask::OpenFile(const tov::NativePath&, zel::RefPtr<zel::IIO>&), " + Path("a.sh")));
   EXPECT_TRUE(Traced("Task has been stopped with result 0x00000000"));
   // Nothing to publish and nothing to remove, but the call is made.
@@ -197,27 +208,9 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   EXPECT_EQ(categories.puts[0].action, tov::types::CategoriesAction::AddInvScan);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
   ExpectTaskGone();
-}
-
-TEST_F(InventoryScanTaskTest, RootsThatAreFilesLinksSpecialFilesOrProcfs) {
-  File("plain");
-  fs::create_symlink(Path("plain"), Path("link"));
-  ASSERT_EQ(::mkfifo(Path("pipe").c_str(), 0600), 0);
-  // /proc/self itself is walked as a root; its files and directories are not.
-  auto task = MakeTask(Settings({Path("link"), Path("pipe"), "/proc/self", Path("missing"), Path("plain")}));
-  // The last root's result is the run's: the missing root's failure is hidden.
-  EXPECT_EQ(RunToEnd(task.Get()), 0);
-  EXPECT_THAT(engine.Seen(), ElementsAre(Path("plain")));
-  EXPECT_THAT(StoredPaths(), ElementsAre(Path("plain")));
-  EXPECT_TRUE(Traced("skip (not a regular file)"));
-  EXPECT_TRUE(Traced("skip magic"));
-  EXPECT_TRUE(Traced("skip " + Path("pipe")));
-  EXPECT_TRUE(Traced("Cannot stat " + Path("missing") + ": No such file or directory"));
 
   // A missing root last: its failure is the notice's.
-  auto second = MakeTask(Settings({Path("plain"), Path("missing")}));
-  task = nullptr;
-  EXPECT_EQ(RunToEnd(second.Get()), zel::result::UnspecifiedError);
+  EXPECT_EQ(RunToEnd(MakeTask(Settings({Path("a.sh"), Path("missing")})).Get()), zel::result::UnspecifiedError);
 }
 
 // Files the factory or the matcher refuse never reach the engine; the
@@ -299,17 +292,9 @@ TEST_F(InventoryScanTaskTest, GoldenImageAddPutsKeyInEveryRecordAndOneCriterionP
 
 TEST_F(InventoryScanTaskTest, StopDuringTheWalkLeavesAnEmptyInventoryAndReportsSuccess) {
   for (int i = 0; i < 20; ++i) File("f" + std::to_string(i));
-  File("hold-here");
-  engine.HoldAt("hold-here");
   auto task = MakeTask(Settings({root, root}, GoldenImageAction::Remove));
-  ASSERT_EQ(task->Start(1, &stops), 0);
-  engine.WaitHeld();
-  std::thread stopper([&] { EXPECT_EQ(task->Stop(), 0); });
-  // Stop sets the flag and joins; let the engine go only once it was asked.
+  RequestInsideTheWalk(task.Get(), &ITask::Stop);  // Stop sets the flag and joins
   auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
-  while (!impl->StopRequested()) ::usleep(1000);
-  engine.Let();
-  stopper.join();
   EXPECT_EQ(stops.count, 1);
   EXPECT_EQ(stops.lastResult, 0);
   EXPECT_EQ(stops.lastMessage, u"Task stopped");
@@ -335,7 +320,7 @@ TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeOrReleas
   auto task = MakeTask(Settings({root}));
   auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
   EXPECT_EQ(task->Resume(), zel::result::InvalidState);
-  ParkInsideTheWalk(task.Get(), [&](const std::atomic<bool>& paused) {
+  RequestInsideTheWalk(task.Get(), &ITask::Pause, [&](const std::atomic<bool>& paused) {
     ::usleep(5000);
     EXPECT_FALSE(paused.load());
     EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Pausing);
@@ -357,7 +342,7 @@ TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeOrReleas
   EXPECT_TRUE(Traced("Resuming thread"));
 
   // Released while parked, the task ends its worker (stop, open the gate, join).
-  ParkInsideTheWalk(task.Get());
+  RequestInsideTheWalk(task.Get(), &ITask::Pause);
   task = nullptr;
   EXPECT_EQ(stops.count, 2);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
