@@ -170,10 +170,11 @@ TEST_F(AppControlTaskTest, StartUnwindsInReverseOrder) {
       {"subscribe fails", [](AppControlTaskTest& t) { t.subscription.subscribeResult = kFailure; }, kFailure,
        {"ssm.Read:controller", "ssm.Write:controller", "ssm.Flush", "Subscribe"}, "Cannot subscribe"},
       {"engine refuses", [](AppControlTaskTest& t) { t.engineTask.startResult = kFailure; }, kFailure,
-       {"ssm.Read:controller", "Subscribe", "engine.Start", "Unsubscribe"},
+       {"ssm.Read:controller", "ssm.Write:controller", "ssm.Flush", "Subscribe", "engine.Start", "Unsubscribe"},
        "AppControlTaskCallbacks::app_control/app_control_task.cpp:"},
       {"engine throws", [](AppControlTaskTest& t) { t.engineTask.throwOnStart = true; },
-       zel::result::ExceptionHasNoResultCode, {"ssm.Read:controller", "Subscribe", "engine.Start", "Unsubscribe"},
+       zel::result::ExceptionHasNoResultCode,
+       {"ssm.Read:controller", "ssm.Write:controller", "ssm.Flush", "Subscribe", "engine.Start", "Unsubscribe"},
        "engine start threw"},
   };
   ASSERT_EQ(Create(), 0);
@@ -182,9 +183,6 @@ TEST_F(AppControlTaskTest, StartUnwindsInReverseOrder) {
     journal.Take();
     tracer.Clear();
     serviceManager.controller.reset();  // the reputation flag is on again
-    if (std::string(c.name) != "reputation update fails" && std::string(c.name) != "subscribe fails") {
-      serviceManager.controller.emplace().useCloudReputation = false;
-    }
     c.arrange(*this);
     EXPECT_EQ(task->Start(1, nullptr), c.expected);
     EXPECT_EQ(journal.Take(), c.calls);
