@@ -95,10 +95,10 @@ TEST_F(MatcherTest, ConstructionAsksForTheSixFormatsAndHandsTheScopesOver) {
   EXPECT_EQ(formatFactory->requested,
             (std::vector<FormatId>{0xD716CC51, 0xB731E6B2, 0xEA0395B2, 0x00529C9A, 0x8940E804, 0x58B0B24C}));
   EXPECT_EQ(pathFactory->createCalls, 1);
-  EXPECT_EQ(pathFactory->scanScopeCount, 1u);
-  EXPECT_EQ(pathFactory->firstScopePath, "/usr/bin");
-  EXPECT_EQ(pathFactory->optionFlags, 0u);
-  EXPECT_EQ(pathFactory->optionPatterns, 0u);
+  ASSERT_EQ(pathFactory->lastScopes.scanScopes.size(), 1u);
+  EXPECT_EQ(pathFactory->lastScopes.scanScopes[0].path, "/usr/bin");
+  EXPECT_EQ(pathFactory->lastOptions.flags, 0u);
+  EXPECT_EQ(pathFactory->lastOptions.patterns.size(), 0u);
   EXPECT_EQ(matcher.GetPathMatcher(), static_cast<IPathMatcher*>(pathFactory->matcher.Get()));
 }
 
@@ -186,10 +186,10 @@ TEST_F(MatcherTest, RecogniserGetsTheExtensionAndTheStream) {
   EXPECT_EQ(matcher.Match(tov::NativePath(path.c_str()), io), 0);
   EXPECT_EQ(Recognizer().lastIo, io);
   EXPECT_TRUE(Recognizer().hadWorkArea);
-  EXPECT_EQ(Recognizer().propertyCount, 1u);
-  EXPECT_EQ(Recognizer().lastPropertyId, 1u);
-  EXPECT_EQ(Recognizer().lastPropertyTag, zel::vt::WString);
-  EXPECT_EQ(Recognizer().lastExtension, u"PY");
+  ASSERT_EQ(Recognizer().lastProperties.size(), 1u);
+  EXPECT_EQ(Recognizer().lastProperties[0].id, 1u);
+  EXPECT_EQ(Recognizer().lastProperties[0].value.tag(), zel::vt::WString);
+  EXPECT_EQ(Recognizer().lastProperties[0].value.GetWString().view(), u"PY");
   // Upper case stands in no table: unrecognised, and so inventoried.
   EXPECT_TRUE(TracedFormat(path, "unrecognized"));
 }
