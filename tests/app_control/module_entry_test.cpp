@@ -124,17 +124,15 @@ TEST_F(EntryTest, CreationWithoutMemory) {
 
 using EntryDeathTest = testsupport::ModuleFixture;
 
-TEST_F(EntryDeathTest, SentinelClassEndsTheProcessInBothEntryPoints) {
+// The sentinel class in either entry point, and a release that cannot reach
+// the allocator.
+TEST_F(EntryDeathTest, EndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   zel::IObjectFactory* factory = nullptr;
   EXPECT_DEATH(ac::GetObjectFactory(&locator, ac::kSentinelClassId, &factory), "");
   zel::IObject* object = nullptr;
   void* arguments[2] = {&locator, nullptr};
   EXPECT_DEATH(ac::CreateObject(ac::kSentinelClassId, arguments, &object), "");
-}
-
-TEST_F(EntryDeathTest, ReleaseThatCannotReachTheAllocatorEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
       {
         auto dispatcher = Create<IApplicationStartLogEventsSubscription>(ac::kAppStartLogEventsDispatcherClassId);
