@@ -94,13 +94,7 @@ class InventoryScanTaskTest : public ScanServices, public testsupport::ModuleFix
     InventoryScanSettings s;
     s.goldenImageAction = action;
     s.scanScopes.clear();
-    for (const auto& r : roots) {
-      tov::settings::ScanScope scope;
-      scope.name = zel::wstring_t(u"scope");
-      scope.path = zel::string_t(r.c_str());
-      scope.masks.push_back(zel::string_t("*"));
-      s.scanScopes.push_back(scope);
-    }
+    for (const auto& r : roots) s.scanScopes.emplace_back().path = zel::string_t(r.c_str());
     return s;
   }
 
