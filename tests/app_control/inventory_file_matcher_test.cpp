@@ -307,9 +307,8 @@ TEST_F(MatcherTest, RecogniserFailuresBecomeTheResult) {
   Recognizer().answer->next_->recordResult = zel::result::InvalidSize;
   EXPECT_EQ(matcher.Match(tov::NativePath(path.c_str()), nullptr), zel::result::InvalidSize);
 
-  Recognizer().answer = MakeChain({{kSet, 0x58B0B24C}, {kSet, 0x4FFB30F3}});
-  Recognizer().answer->nextResult = zel::result::InvalidType;
-  EXPECT_EQ(matcher.Match(tov::NativePath(path.c_str()), nullptr), zel::result::InvalidType);
+  EXPECT_EQ(MatchAnswered(matcher, path, {{kSet, 0x58B0B24C}, {kSet, 0x4FFB30F3}}, zel::result::InvalidType),
+            zel::result::InvalidType);
 
   Recognizer().answer = MakeChain({{kCandidates, 0x58B0B24C}});
   Recognizer().answer->kindResult = zel::result::OutOfRange;
