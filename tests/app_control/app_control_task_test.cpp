@@ -134,7 +134,7 @@ TEST_F(AppControlTaskTest, EachFailedConstructionStepFailsItAndReleasesWhatItHel
 
 // ---- Start and Stop ------------------------------------------------------------------
 
-TEST_F(AppControlTaskTest, StartTurnsReputationOffSubscribesThenStartsTheEngine) {
+TEST_F(AppControlTaskTest, StartTurnsReputationOffSubscribesThenStartsTheEngineAndTheRestFollows) {
   ASSERT_EQ(Create(), 0);
   journal.Take();
   ASSERT_EQ(task->Start(7, nullptr), 0);
@@ -152,8 +152,26 @@ TEST_F(AppControlTaskTest, StartTurnsReputationOffSubscribesThenStartsTheEngine)
   engineTask.startResult = 1;
   ASSERT_EQ(task->Start(8, nullptr), 0);
   EXPECT_THAT(journal.Take(), ElementsAre("ssm.Read:controller", "Subscribe", "engine.Start"));
+
+  // Pause, resume and stop go to the engine; a failed stop keeps the
+  // subscription until a stop succeeds.
+  EXPECT_EQ(task->Pause(), 0);
+  EXPECT_EQ(task->Resume(), 0);
+  engineTask.pauseResult = kFailure;
+  engineTask.resumeResult = 2;
+  EXPECT_EQ(task->Pause(), kFailure);
+  EXPECT_EQ(task->Resume(), 0);
+  EXPECT_TRUE(Traced("Cannot pause EAC task"));
+  engineTask.stopResult = kFailure;
+  EXPECT_EQ(task->Stop(), kFailure);
+  EXPECT_THAT(journal.Take(),
+              ElementsAre("engine.Pause", "engine.Resume", "engine.Pause", "engine.Resume", "engine.Stop"));
+  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
+  EXPECT_TRUE(Traced("Cannot stop EAC task"));
   EXPECT_EQ(subscription.sinks.size(), 1u);
-  ASSERT_EQ(task->Stop(), 0);
+  engineTask.stopResult = 1;
+  EXPECT_EQ(task->Stop(), 0);
+  EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop", "Unsubscribe"));
 }
 
 TEST_F(AppControlTaskTest, StartUnwindsInReverseOrder) {
@@ -192,29 +210,6 @@ TEST_F(AppControlTaskTest, StartUnwindsInReverseOrder) {
     engineTask.throwOnStart = false;
     subscription.subscribeResult = 0;
   }
-}
-
-TEST_F(AppControlTaskTest, PauseResumeAndStopGoToTheEngineAndStopKeepsTheSubscriptionUntilItSucceeds) {
-  ASSERT_EQ(Create(), 0);
-  ASSERT_EQ(task->Start(1, nullptr), 0);
-  journal.Take();
-  EXPECT_EQ(task->Pause(), 0);
-  EXPECT_EQ(task->Resume(), 0);
-  engineTask.pauseResult = kFailure;
-  engineTask.resumeResult = 2;
-  EXPECT_EQ(task->Pause(), kFailure);
-  EXPECT_EQ(task->Resume(), 0);
-  EXPECT_TRUE(Traced("Cannot pause EAC task"));
-  engineTask.stopResult = kFailure;
-  EXPECT_EQ(task->Stop(), kFailure);
-  EXPECT_THAT(journal.Take(),
-              ElementsAre("engine.Pause", "engine.Resume", "engine.Pause", "engine.Resume", "engine.Stop"));
-  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
-  EXPECT_TRUE(Traced("Cannot stop EAC task"));
-  EXPECT_EQ(subscription.sinks.size(), 1u);
-  engineTask.stopResult = 1;
-  EXPECT_EQ(task->Stop(), 0);
-  EXPECT_THAT(journal.Take(), ElementsAre("engine.Stop", "Unsubscribe"));
 }
 
 // ---- settings ------------------------------------------------------------------------
