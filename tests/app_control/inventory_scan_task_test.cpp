@@ -474,7 +474,8 @@ TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
   }
 }
 
-TEST_F(InventoryScanTaskTest, MissingServicesFailCreation) {
+// Creation fails without the engine, the file factory or the storage.
+TEST_F(InventoryScanTaskTest, CreationAndSettings) {
   for (zel::iid_t iid : {app_ctrl::IEnterpriseApplicationController::iid, zel::IFileFactory::iid,
                          ac::IInventoryStorage::iid}) {
     locator.Refuse(iid, kFailure);
@@ -488,9 +489,8 @@ TEST_F(InventoryScanTaskTest, MissingServicesFailCreation) {
   EXPECT_TRUE(Traced("(zel::GetInterface(sl, qurn::CLSID_FileFactories, m_fileFactory.Ref())),"));
   EXPECT_TRUE(Traced("Cannot get IInventoryStorage interface"));
   ExpectTaskGone();
-}
 
-TEST_F(InventoryScanTaskTest, SettingsRoundTripAndDefaults) {
+  // With them, a new task's settings: defaults, then what was set.
   auto task = Create<ac::IInventoryScanTaskSettings>(ac::kInventoryScanTaskClassId);
   ASSERT_TRUE(task);
   InventoryScanSettings got;
