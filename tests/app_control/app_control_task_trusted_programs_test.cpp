@@ -8,11 +8,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "app_control/tools/trusted_programs.h"
+#include "support/temp_tree.h"
 
 namespace {
 // Set by a test: realpath fails without naming a cause, after writing part
@@ -46,16 +45,13 @@ ExclusionRecord Record(std::u16string_view path, std::uint32_t mask, bool enable
 }
 
 TEST(TrustedProgramsTest, RecordsAreMadeForResolvablePathsOnly) {
-  char pattern[] = "/tmp/trusted_programs_XXXXXX";
-  ASSERT_NE(::mkdtemp(pattern), nullptr);
-  const std::filesystem::path dir(pattern);
-  std::ofstream(dir / "agent") << "x";
-  std::filesystem::create_symlink(dir / "agent", dir / "link");
-  const std::string agent = (dir / "agent").string(), link = (dir / "link").string(), gone = (dir / "gone").string();
+  testsupport::TempDir dir;
+  const std::string agent = dir / "agent", link = dir / "link", gone = dir / "gone";
+  testsupport::WriteFile(agent);
+  ASSERT_EQ(::symlink(agent.c_str(), link.c_str()), 0);
   const char* paths[] = {agent.c_str(), gone.c_str(), link.c_str()};
 
   const ExclusionList records = tools::MakeTrustedProgramRecords(paths);
-  std::filesystem::remove_all(dir);
 
   ASSERT_EQ(records.size(), 2u);
   const zel::wstring_t resolved = tools::Utf8ToWideOrQuestionMark(agent);

@@ -23,8 +23,11 @@
 #include "app_control/module_entry.h"
 #include "app_control/module_fixture.h"
 #include "host/serialization/serialization_services.h"
+#include "support/fake_file_services.h"
 #include "support/fake_inventory_services.h"
+#include "support/temp_tree.h"
 #include "tov_common/categories/category_descriptors.h"
+#include "zel/strings/conversions.h"
 
 namespace {
 
@@ -35,16 +38,31 @@ using tov::settings::GoldenImageAction;
 using tov::settings::InventoryScanSettings;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
+using testsupport::MakeObject;
 
 constexpr zel::result_t kFailure = zel::result::MediaError;
 
-std::string Narrow(const zel::wstring_t& w) {
-  std::string s;
-  for (char16_t c : w.view()) s += static_cast<char>(c);
-  return s;
-}
+std::string Narrow(const zel::wstring_t& w) { return std::string(zel::Utf16ToUtf8(w.view()).view()); }
 
-class InventoryScanTaskTest : public testsupport::ModuleFixture {
+// The task's services, a base ahead of the module fixture: its locator lets go
+// of them before they go.
+struct ScanServices {
+  testsupport::FakeAppController engine;
+  testsupport::FakeFileFactory files;
+  testsupport::FakeInventoryStorage storage;
+  testsupport::FakeTaskTryMutex typeLock;
+  testsupport::FakeTaskInfoProvider taskInfo;
+  testsupport::FakeCgroupsManager cgroups;
+  testsupport::RecordingCategoriesManager categories;
+  testsupport::RecordingStopEvents stops;
+  // Every path is in scope and no format known: every file is inventoried.
+  zel::RefPtr<testsupport::FakePathMatcherFactory> pathMatchers = MakeObject<testsupport::FakePathMatcherFactory>();
+  zel::RefPtr<testsupport::FakeFormatRecognizerFactory> recognizers =
+      MakeObject<testsupport::FakeFormatRecognizerFactory>();
+  testsupport::TempDir dir;
+};
+
+class InventoryScanTaskTest : public ScanServices, public testsupport::ModuleFixture {
  protected:
   void SetUp() override {
     ModuleFixture::SetUp();
@@ -58,33 +76,17 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
     locator.Register<ITaskInfoProvider>(&taskInfo);
     locator.Register<ICgroupsManager>(&cgroups);
     locator.Register<ICategoriesManager>(&categories);
-    locator.Register<IPathMatcherFactory>(&pathMatchers);
-    locator.Register<FormatRecognizerFactory>(&recognizers);
-
-    char pattern[] = "/tmp/invscan-XXXXXX";
-    root = ::mkdtemp(pattern);
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root, ec);
-    // The fakes die before the locator: take them out of it first.
-    locator.Remove(app_ctrl::IEnterpriseApplicationController::iid);
-    locator.Remove(zel::IFileFactory::iid, qurn::CLSID_FileFactories);
-    for (zel::iid_t iid : {ac::IInventoryStorage::iid, ITaskTryMutex::iid, ITaskInfoProvider::iid,
-                           ICgroupsManager::iid, ICategoriesManager::iid, IPathMatcherFactory::iid,
-                           FormatRecognizerFactory::iid}) {
-      locator.Remove(iid);
-    }
-    serialization = {};
+    locator.Register<IPathMatcherFactory>(pathMatchers.Get());
+    locator.Register<FormatRecognizerFactory>(recognizers.Get());
   }
 
   void File(const std::string& relative, bool executable = false) {
-    const fs::path p = fs::path(root) / relative;
+    const fs::path p = dir / relative;
     fs::create_directories(p.parent_path());
     std::ofstream(p) << "content of " << relative << "\n";
     if (executable) fs::permissions(p, fs::perms::owner_exec, fs::perm_options::add);
   }
-  std::string Path(const std::string& relative) const { return root + "/" + relative; }
+  std::string Path(const std::string& relative) const { return dir / relative; }
 
   // Settings that walk `roots` (all enabled) with `action`.
   static InventoryScanSettings Settings(std::vector<std::string> roots,
@@ -92,13 +94,7 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
     InventoryScanSettings s;
     s.goldenImageAction = action;
     s.scanScopes.clear();
-    for (const auto& r : roots) {
-      tov::settings::ScanScope scope;
-      scope.name = zel::wstring_t(u"scope");
-      scope.path = zel::string_t(r.c_str());
-      scope.masks.push_back(zel::string_t("*"));
-      s.scanScopes.push_back(scope);
-    }
+    for (const auto& r : roots) s.scanScopes.emplace_back().path = zel::string_t(r.c_str());
     return s;
   }
 
@@ -133,29 +129,26 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
     EXPECT_EQ(allocator.LiveBlocks(), 0);
   }
 
-  // The worker lets the task type go only after its stop notice.
-  void WaitTypeUnlocked() {
-    while (typeLock.Held(ac::kInventoryScanTaskType)) ::usleep(1000);
-  }
-
-  // Starts a walk held in the engine at "hold-here", asks for a pause from
-  // another thread and lets the engine go once the request stands; `whileHeld`
-  // looks on before that. Returns with the worker parked.
-  void ParkInsideTheWalk(ITask* task, const std::function<void(const std::atomic<bool>&)>& whileHeld = {}) {
+  // Starts a walk held in the engine at "hold-here", makes `request` (Pause
+  // or Stop) from another thread and lets the engine go once the request
+  // stands; `whileHeld` looks on before that.
+  void RequestInsideTheWalk(ITask* task, zel::result_t (ITask::*request)(),
+                            const std::function<void(const std::atomic<bool>&)>& whileHeld = {}) {
     File("hold-here");
     engine.HoldAt("hold-here");
     ASSERT_EQ(task->Start(1, &stops), 0);
     engine.WaitHeld();
-    std::atomic<bool> paused{false};
-    std::thread pauser([&] {
-      EXPECT_EQ(task->Pause(), 0);
-      paused = true;
+    std::atomic<bool> done{false};
+    std::thread requester([&] {
+      EXPECT_EQ((task->*request)(), 0);
+      done = true;
     });
     // The worker must meet the request at a check point after the held file.
-    while (!static_cast<ac::InventoryScanTask*>(task)->PauseRequested()) ::usleep(1000);
-    if (whileHeld) whileHeld(paused);
+    auto* impl = static_cast<ac::InventoryScanTask*>(task);
+    while (!(request == &ITask::Stop ? impl->StopRequested() : impl->PauseRequested())) ::usleep(1000);
+    if (whileHeld) whileHeld(done);
     engine.Let();
-    pauser.join();
+    requester.join();
   }
 
   bool Traced(const std::string& text) {
@@ -164,20 +157,13 @@ class InventoryScanTaskTest : public testsupport::ModuleFixture {
   }
 
   host::SerializationServices serialization;
-  testsupport::FakeAppController engine;
-  testsupport::FakeFileFactory files;
-  testsupport::FakeInventoryStorage storage;
-  testsupport::FakeTaskTryMutex typeLock;
-  testsupport::FakeTaskInfoProvider taskInfo;
-  testsupport::FakeCgroupsManager cgroups;
-  testsupport::RecordingCategoriesManager categories;
-  testsupport::PassAllPathMatcherFactory pathMatchers;
-  testsupport::UnknownFormatRecognizerFactory recognizers;
-  testsupport::RecordingStopEvents stops;
-  std::string root;
+  const std::string root = dir.path();
 };
 
-TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheRest) {
+// Regular files below a directory root and a root that is one are stored;
+// links, special files, procfs (itself walked as a root, its entries not)
+// and a missing root are skipped. The last root's result is the run's.
+TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileAndSkipsTheRest) {
   File("a.sh");
   File("bin/tool", true);
   File("deep/er/x.py");
@@ -186,11 +172,14 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   ASSERT_EQ(::mkfifo(Path("pipe").c_str(), 0600), 0);
   taskInfo.cgroupName = "scans/inventory";
   {
-    auto task = MakeTask(Settings({root}));
+    auto task =
+        MakeTask(Settings({root, Path("link-to-a"), Path("pipe"), "/proc/self", Path("missing"), Path("a.sh")}));
     ASSERT_TRUE(task);
     EXPECT_EQ(RunToEnd(task.Get(), 42), 0);
   }
-  EXPECT_THAT(StoredPaths(), UnorderedElementsAre(Path("a.sh"), Path("bin/tool"), Path("deep/er/x.py")));
+  const auto expected = UnorderedElementsAre(Path("a.sh"), Path("bin/tool"), Path("deep/er/x.py"), Path("a.sh"));
+  EXPECT_THAT(engine.Seen(), expected);
+  EXPECT_THAT(StoredPaths(), expected);
   EXPECT_EQ(storage.journal.front(), "Clear");
   EXPECT_EQ(storage.journal.back(), "Flush");
   EXPECT_EQ(engine.lastFlags, 0u);
@@ -201,6 +190,9 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   EXPECT_NE(cgroups.lastTid, static_cast<std::int32_t>(::getpid()));
   EXPECT_GT(cgroups.lastTid, 0);
   EXPECT_TRUE(Traced("skip (not a regular file)"));  // the links and the fifo
+  EXPECT_TRUE(Traced("skip magic"));
+  EXPECT_TRUE(Traced("skip " + Path("pipe")));
+  EXPECT_TRUE(Traced("Cannot stat " + Path("missing") + ": No such file or directory"));
   EXPECT_TRUE(Traced("InventoryScanTask::OpenFile(const tov::NativePath&, zel::RefPtr<zel::IIO>&), " + Path("a.sh")));
   EXPECT_TRUE(Traced("Task has been stopped with result 0x00000000"));
   // Nothing to publish and nothing to remove, but the call is made.
@@ -210,41 +202,27 @@ TEST_F(InventoryScanTaskTest, WalkStoresEveryRegularFileBelowTheRootAndSkipsTheR
   EXPECT_EQ(categories.puts[0].action, tov::types::CategoriesAction::AddInvScan);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
   ExpectTaskGone();
-}
-
-TEST_F(InventoryScanTaskTest, RootsThatAreFilesLinksSpecialFilesOrProcfs) {
-  File("plain");
-  fs::create_symlink(Path("plain"), Path("link"));
-  ASSERT_EQ(::mkfifo(Path("pipe").c_str(), 0600), 0);
-  // /proc/self itself is walked as a root; its files and directories are not.
-  auto task = MakeTask(Settings({Path("link"), Path("pipe"), "/proc/self", Path("missing"), Path("plain")}));
-  // The last root's result is the run's: the missing root's failure is hidden.
-  EXPECT_EQ(RunToEnd(task.Get()), 0);
-  EXPECT_THAT(engine.Seen(), ElementsAre(Path("plain")));
-  EXPECT_THAT(StoredPaths(), ElementsAre(Path("plain")));
-  EXPECT_TRUE(Traced("skip (not a regular file)"));
-  EXPECT_TRUE(Traced("skip magic"));
-  EXPECT_TRUE(Traced("skip " + Path("pipe")));
-  EXPECT_TRUE(Traced("Cannot stat " + Path("missing") + ": No such file or directory"));
 
   // A missing root last: its failure is the notice's.
-  auto second = MakeTask(Settings({Path("plain"), Path("missing")}));
-  task = nullptr;
-  EXPECT_EQ(RunToEnd(second.Get()), zel::result::UnspecifiedError);
+  EXPECT_EQ(RunToEnd(MakeTask(Settings({Path("a.sh"), Path("missing")})).Get()), zel::result::UnspecifiedError);
 }
 
 // Files the factory or the matcher refuse never reach the engine; the
-// engine's answers decide whether and how the others are stored.
+// engine's answers decide whether and how the others are stored. Remove drops
+// the GoldenImage key from the records and names the category.
 TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
   for (const char* f : {"nohash", "noname", "fails", "keys", "open-fails", "refused/inner"}) File(f);
   files.refused.insert(Path("open-fails"));
-  pathMatchers.matcher.refuse = "refused";
+  pathMatchers->matcher->rejected.insert(Path("refused"));
   engine.answers[Path("nohash")].emptyHash = true;
   engine.answers[Path("noname")].emptyName = true;
   engine.answers[Path("fails")].fail = true;
-  engine.answers[Path("keys")].keys = {{1, zel::wstring_t(u"ABC")}, {0, zel::wstring_t(u"zz")},
-                                       {1, zel::wstring_t(u"abc")}, {1, zel::wstring_t(u"ab")}};
-  auto task = MakeTask(Settings({root}));
+  engine.answers[Path("keys")].keys = {{1, zel::wstring_t(u"ABC")},
+                                       {0, zel::wstring_t(u"zz")},
+                                       {1, zel::wstring_t(u"abc")},
+                                       {1, zel::wstring_t(u"EAC00500-0000-0000-0000-000000000000")},
+                                       {1, zel::wstring_t(u"ab")}};
+  auto task = MakeTask(Settings({root}, GoldenImageAction::Remove));
   EXPECT_EQ(RunToEnd(task.Get()), 0);
 
   EXPECT_THAT(engine.Seen(), UnorderedElementsAre(Path("nohash"), Path("noname"), Path("fails"), Path("keys")));
@@ -265,6 +243,10 @@ TEST_F(InventoryScanTaskTest, EngineAnswersShapeTheRecord) {
   EXPECT_TRUE(Traced("(m_appController->InventoryModule(io, flags, info)),(ZEL_SUCCEEDED(_result)) failed: result = "
                      "0x80000045 (Access denied)Cannot inventory " + Path("fails")));
   EXPECT_TRUE(Traced("Cannot open file '" + Path("open-fails") + "'"));
+  ASSERT_EQ(categories.puts.size(), 1u);
+  EXPECT_TRUE(categories.puts[0].categories.empty());
+  ASSERT_EQ(categories.puts[0].removeNames.size(), 1u);
+  EXPECT_EQ(Narrow(categories.puts[0].removeNames[0]), "GoldenImage");
 }
 
 TEST_F(InventoryScanTaskTest, GoldenImageAddPutsKeyInEveryRecordAndOneCriterionPerRecord) {
@@ -302,34 +284,11 @@ TEST_F(InventoryScanTaskTest, GoldenImageAddPutsKeyInEveryRecordAndOneCriterionP
   EXPECT_THAT(hashes, UnorderedElementsAre("h:" + Path("one"), "h:" + Path("two")));
 }
 
-TEST_F(InventoryScanTaskTest, GoldenImageRemoveDropsTheKeyAndNamesTheCategory) {
-  File("one");
-  engine.answers[Path("one")].keys = {{1, zel::wstring_t(u"EAC00500-0000-0000-0000-000000000000")},
-                                      {1, zel::wstring_t(u"other")}};
-  auto task = MakeTask(Settings({root}, GoldenImageAction::Remove));
-  EXPECT_EQ(RunToEnd(task.Get()), 0);
-  ASSERT_EQ(storage.records.size(), 1u);
-  ASSERT_EQ(storage.records[0].categoryKeys.size(), 1u);
-  EXPECT_EQ(Narrow(storage.records[0].categoryKeys[0].text), "other");
-  ASSERT_EQ(categories.puts.size(), 1u);
-  EXPECT_TRUE(categories.puts[0].categories.empty());
-  ASSERT_EQ(categories.puts[0].removeNames.size(), 1u);
-  EXPECT_EQ(Narrow(categories.puts[0].removeNames[0]), "GoldenImage");
-}
-
 TEST_F(InventoryScanTaskTest, StopDuringTheWalkLeavesAnEmptyInventoryAndReportsSuccess) {
   for (int i = 0; i < 20; ++i) File("f" + std::to_string(i));
-  File("hold-here");
-  engine.HoldAt("hold-here");
   auto task = MakeTask(Settings({root, root}, GoldenImageAction::Remove));
-  ASSERT_EQ(task->Start(1, &stops), 0);
-  engine.WaitHeld();
-  std::thread stopper([&] { EXPECT_EQ(task->Stop(), 0); });
-  // Stop sets the flag and joins; let the engine go only once it was asked.
+  RequestInsideTheWalk(task.Get(), &ITask::Stop);  // Stop sets the flag and joins
   auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
-  while (!impl->StopRequested()) ::usleep(1000);
-  engine.Let();
-  stopper.join();
   EXPECT_EQ(stops.count, 1);
   EXPECT_EQ(stops.lastResult, 0);
   EXPECT_EQ(stops.lastMessage, u"Task stopped");
@@ -350,12 +309,12 @@ TEST_F(InventoryScanTaskTest, StopDuringTheWalkLeavesAnEmptyInventoryAndReportsS
   EXPECT_TRUE(storage.records.empty());
 }
 
-TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo) {
+TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeOrReleaseLetsItGo) {
   for (int i = 0; i < 10; ++i) File("f" + std::to_string(i));
   auto task = MakeTask(Settings({root}));
   auto* impl = static_cast<ac::InventoryScanTask*>(task.Get());
   EXPECT_EQ(task->Resume(), zel::result::InvalidState);
-  ParkInsideTheWalk(task.Get(), [&](const std::atomic<bool>& paused) {
+  RequestInsideTheWalk(task.Get(), &ITask::Pause, [&](const std::atomic<bool>& paused) {
     ::usleep(5000);
     EXPECT_FALSE(paused.load());
     EXPECT_EQ(impl->CurrentState(), ac::InventoryScanTask::Pausing);
@@ -375,14 +334,11 @@ TEST_F(InventoryScanTaskTest, PauseParksTheWorkerBetweenEntriesAndResumeLetsItGo
   EXPECT_TRUE(Traced("Request pause and wait"));
   EXPECT_TRUE(Traced("Thread suspended"));
   EXPECT_TRUE(Traced("Resuming thread"));
-}
 
-TEST_F(InventoryScanTaskTest, ReleasingAParkedTaskEndsItsWorker) {
-  File("a");
-  auto task = MakeTask(Settings({root}));
-  ParkInsideTheWalk(task.Get());
-  task = nullptr;  // FinalRelease: stop, open the gate, join
-  EXPECT_EQ(stops.count, 1);
+  // Released while parked, the task ends its worker (stop, open the gate, join).
+  RequestInsideTheWalk(task.Get(), &ITask::Pause);
+  task = nullptr;
+  EXPECT_EQ(stops.count, 2);
   EXPECT_FALSE(typeLock.Held(ac::kInventoryScanTaskType));
   ExpectTaskGone();
 }
@@ -447,7 +403,7 @@ TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOutAndAnEndedOneBlocks
   engine.Let();
   stops.WaitFor(1);
   // Ended but not stopped: a new start is refused and gives the lock back.
-  WaitTypeUnlocked();
+  while (typeLock.Held(ac::kInventoryScanTaskType)) ::usleep(1000);  // let go after the notice
   EXPECT_EQ(first->Start(5, &stops), zel::result::InvalidState);
   EXPECT_TRUE(Traced("Task is not stopped, session id: 5"));
   EXPECT_EQ(first->Stop(), 0);
@@ -461,23 +417,12 @@ TEST_F(InventoryScanTaskTest, TaskTypeLockKeepsASecondScanOutAndAnEndedOneBlocks
   EXPECT_TRUE(Traced("Cannot get service for ITaskTryMutex."));
 }
 
-TEST_F(InventoryScanTaskTest, AllScopesDisabledClearsAndReportsTheUntouchedResult) {
-  File("a");
-  InventoryScanSettings settings = Settings({root, root});
-  for (auto& s : settings.scanScopes) s.enabled = false;
-  auto task = MakeTask(settings);
-  storage.records.push_back(tov::ApplicationInfo{});  // a previous run's
-  EXPECT_EQ(RunToEnd(task.Get()), zel::result::UnspecifiedError);
-  EXPECT_TRUE(storage.records.empty());
-  EXPECT_EQ(engine.callCount.load(), 0);
-  EXPECT_EQ(categories.puts.size(), 1u);
-  EXPECT_THAT(storage.journal, ElementsAre("Clear", "Flush"));
-}
-
 // Failures of the run's steps: each ends the run where it arises, with the
-// notice carrying the result variable as it stood.
+// notice carrying the result variable as it stood. With every scope disabled
+// nothing is walked and that result stands untouched.
 TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
   File("a");
+  InventoryScanSettings settings;
   struct Case {
     const char* name;
     std::function<void()> arrange;
@@ -499,6 +444,11 @@ TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
       {"matcher", [&] { locator.Refuse(IPathMatcherFactory::iid); }, "Cannot get IPathMatcherFactory interface", false,
        false},
       {"put categories", [&] { categories.result = kFailure; }, "Cannot change GoldenImage category", true, false},
+      {"all scopes disabled",
+       [&] {
+         for (auto& scope : settings.scanScopes) scope.enabled = false;
+       },
+       "Task has been stopped with result 0x8000004b", false, true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -511,9 +461,10 @@ TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
     categories.result = 0;
     storage.journal.clear();
     tracer.Clear();
+    settings = Settings({root, root});
     c.arrange();
     const int calls = engine.callCount.load();
-    auto task = MakeTask(Settings({root}));
+    auto task = MakeTask(settings);
     const zel::result_t r = RunToEnd(task.Get());
     EXPECT_EQ(r, c.walked ? 0 : zel::result::UnspecifiedError);
     EXPECT_TRUE(Traced(c.traced));
@@ -523,7 +474,8 @@ TEST_F(InventoryScanTaskTest, FailingStepsEndTheRun) {
   }
 }
 
-TEST_F(InventoryScanTaskTest, MissingServicesFailCreation) {
+// Creation fails without the engine, the file factory or the storage.
+TEST_F(InventoryScanTaskTest, CreationAndSettings) {
   for (zel::iid_t iid : {app_ctrl::IEnterpriseApplicationController::iid, zel::IFileFactory::iid,
                          ac::IInventoryStorage::iid}) {
     locator.Refuse(iid, kFailure);
@@ -537,9 +489,8 @@ TEST_F(InventoryScanTaskTest, MissingServicesFailCreation) {
   EXPECT_TRUE(Traced("(zel::GetInterface(sl, qurn::CLSID_FileFactories, m_fileFactory.Ref())),"));
   EXPECT_TRUE(Traced("Cannot get IInventoryStorage interface"));
   ExpectTaskGone();
-}
 
-TEST_F(InventoryScanTaskTest, SettingsRoundTripAndDefaults) {
+  // With them, a new task's settings: defaults, then what was set.
   auto task = Create<ac::IInventoryScanTaskSettings>(ac::kInventoryScanTaskClassId);
   ASSERT_TRUE(task);
   InventoryScanSettings got;

@@ -15,12 +15,14 @@
 #include <chrono>
 #include <filesystem>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "app_control/module_entry.h"
 #include "support/inventory_host.h"
+#include "support/temp_tree.h"
 #include "tov_common/categories/category_text.h"
 #include "zel/module_lock.h"
 #include "zel/system/datetime.h"
@@ -40,12 +42,6 @@ Store::ValueRange Val(std::string_view v) {
   return {p, p + v.size()};
 }
 
-std::string TempDir() {
-  char pattern[] = "/tmp/inventory_test_XXXXXX";
-  const char* dir = mkdtemp(pattern);
-  return dir == nullptr ? std::string() : std::string(dir);
-}
-
 // Both faces of one storage object.
 struct Inventory {
   zel::RefPtr<IInventoryStorage> writer;
@@ -55,15 +51,10 @@ struct Inventory {
 
 Inventory MakeInventory(zel::IServiceLocator* locator) {
   Inventory inv;
-  zel::IObjectFactory* factory = nullptr;
-  if (tov::app_control::GetObjectFactory(locator, tov::app_control::kInventoryStorageClassId, &factory) != 0) return inv;
-  const auto holder = zel::RefPtr<zel::IObjectFactory>::Adopt(factory);
-  void* out = nullptr;
-  if (factory->CreateInstance(locator, IInventoryStorage::iid, &out) != 0) return inv;
-  inv.writer = zel::RefPtr<IInventoryStorage>::Adopt(static_cast<IInventoryStorage*>(out));
-  void* face = nullptr;
-  if (inv.writer->QueryInterface(tov::IInventoryInfoProvider::iid, &face) == 0)
-    inv.reader = zel::RefPtr<tov::IInventoryInfoProvider>::Adopt(static_cast<tov::IInventoryInfoProvider*>(face));
+  zel::RefPtr<zel::IObjectFactory> factory;
+  if (tov::app_control::GetObjectFactory(locator, tov::app_control::kInventoryStorageClassId, factory.Ref()) == 0 &&
+      factory->CreateInstance(locator, IInventoryStorage::iid, reinterpret_cast<void**>(inv.writer.Ref())) == 0)
+    inv.writer->QueryInterface(tov::IInventoryInfoProvider::iid, reinterpret_cast<void**>(inv.reader.Ref()));
   return inv;
 }
 
@@ -84,15 +75,18 @@ class InventoryStorageTest : public ::testing::Test {
  protected:
   void SetUp() override {
     lockCountBefore = zel::ModuleLockCount.load();
-    dir = TempDir();
-    ASSERT_FALSE(dir.empty());
-    path = dir + "/state.db";
     ASSERT_EQ(host.OpenStore(path), 0);
   }
   void TearDown() override {
     EXPECT_EQ(zel::ModuleLockCount.load(), lockCountBefore) << "a storage object outlived its test";
     EXPECT_EQ(host.allocator.LiveBlocks(), 0);
-    std::filesystem::remove_all(dir);
+  }
+
+  // A new storage object on the host; the test fails when none can be made.
+  Inventory Open() {
+    Inventory inv = MakeInventory(&host.locator);
+    if (!inv) throw std::runtime_error("no inventory storage");
+    return inv;
   }
 
   // What a second connection finds committed under `key`; "-" when absent.
@@ -104,17 +98,16 @@ class InventoryStorageTest : public ::testing::Test {
     return std::string(v.data(), v.data() + v.size());
   }
 
+  testsupport::TempDir dir;
   testsupport::InventoryHost host;
-  std::string dir;
-  std::string path;
+  const std::string path = dir / "state.db";
   std::uint32_t lockCountBefore = 0;
 };
 
 TEST_F(InventoryStorageTest, RecordsAreWrittenAtAddInfoListAndTimestampOnlyAtFlush) {
   const std::uint64_t before = zel::datetime::now();
   {
-    Inventory inv = MakeInventory(&host.locator);
-    ASSERT_TRUE(inv);
+    Inventory inv = Open();
     ASSERT_EQ(inv.writer->AddInfo(App(7, u"old")), 0);
     ASSERT_EQ(inv.writer->AddInfo(App(3, u"cat")), 0);
     ASSERT_EQ(inv.writer->AddInfo(App(7, u"ls")), 0);  // replaces the first; the id stands once
@@ -141,8 +134,7 @@ TEST_F(InventoryStorageTest, RecordsAreWrittenAtAddInfoListAndTimestampOnlyAtFlu
   const std::uint64_t after = zel::datetime::now();
 
   // A new object reads back the list and the time of the last AddInfo.
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   tov::ApplicationList list;
   ASSERT_EQ(inv.reader->GetApplicationList(list), 0);
   EXPECT_THAT(Ids(list), ElementsAre(7u, 3u));
@@ -158,8 +150,7 @@ TEST_F(InventoryStorageTest, RecordsAreWrittenAtAddInfoListAndTimestampOnlyAtFlu
 }
 
 TEST_F(InventoryStorageTest, PagingThroughTheIds) {
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   for (tov::ApplicationId id : {10u, 11u, 12u, 13u, 14u}) ASSERT_EQ(inv.writer->AddInfo(App(id, u"p")), 0);
 
   struct Case {
@@ -231,8 +222,7 @@ TEST_F(InventoryStorageTest, CategoryNamesFromTheControllerSettings) {
        "(zel::GetInterface(sl, esm.Ref())),(ZEL_SUCCEEDED(_result)) failed: result = "},
   };
 
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   tov::ApplicationInfo info = App(1, u"firefox", {golden, browsersText, u"not-a-category", upper});
   info.categoryKeys.push_back(tov::CategoryKey{7, W(golden)});  // kind plays no part
   ASSERT_EQ(inv.writer->AddInfo(info), 0);
@@ -272,8 +262,7 @@ TEST_F(InventoryStorageTest, CategoryNamesFromTheControllerSettings) {
 // Clear empties memory and the committed store at once, also records staged
 // by a Flush that failed; an empty inventory lists nothing at time 0.
 TEST_F(InventoryStorageTest, EmptyAndClearedInventories) {
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   auto expectEmpty = [&] {
     tov::ApplicationList list;
     list.timestamp = 123;
@@ -298,14 +287,12 @@ TEST_F(InventoryStorageTest, EmptyAndClearedInventories) {
   EXPECT_EQ(inv.reader->GetApplicationIdList(0, 1, ids), zel::result::False);
   for (const char* key : {"1", "2", "appIdList", "timestamp"}) EXPECT_EQ(Committed(key), "-") << key;
   // Its last flush stores the empty inventory.
-  inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  inv = Open();
   expectEmpty();
 }
 
 TEST_F(InventoryStorageTest, StoreFailuresOnWriteAreReportedByTheirLines) {
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   struct Case {
     const char* name;
     std::uint64_t failingSet;  // counted from the start of the step
@@ -338,8 +325,7 @@ TEST_F(InventoryStorageTest, StoreFailuresOnWriteAreReportedByTheirLines) {
 TEST_F(InventoryStorageTest, UnreadableStoredDataGivesWhatCanBeRead) {
   // Write a healthy inventory, then spoil parts of it behind its back.
   {
-    Inventory inv = MakeInventory(&host.locator);
-    ASSERT_TRUE(inv);
+    Inventory inv = Open();
     for (tov::ApplicationId id : {1u, 2u, 3u}) ASSERT_EQ(inv.writer->AddInfo(App(id, u"f")), 0);
     ASSERT_EQ(inv.writer->Flush(), 0);
   }
@@ -348,8 +334,7 @@ TEST_F(InventoryStorageTest, UnreadableStoredDataGivesWhatCanBeRead) {
   ASSERT_EQ(host.store.Commit(), 0);
   host.tracer.Clear();
 
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   tov::ApplicationInfo info;
   EXPECT_EQ(inv.reader->GetApplicationInfo(1, info), 0);
   EXPECT_EQ(info.id, 1u);
@@ -402,8 +387,7 @@ TEST_F(InventoryStorageTest, SpoiltListOrTimestampStartsEmptyAndStillWorks) {
     ASSERT_EQ(host.store.Commit(), 0);
     host.tracer.Clear();
 
-    Inventory inv = MakeInventory(&host.locator);
-    ASSERT_TRUE(inv);
+    Inventory inv = Open();
     const auto failures = host.Failures();
     if (c.deserializeLine) {
       ASSERT_FALSE(failures.empty());
@@ -424,23 +408,15 @@ TEST_F(InventoryStorageTest, SpoiltListOrTimestampStartsEmptyAndStillWorks) {
 TEST_F(InventoryStorageTest, NoStoreNoObject) {
   host.locator.Remove(Store::iid);
   const std::size_t blocks = host.allocator.LiveBlocks();
-  zel::IObjectFactory* factory = nullptr;
-  ASSERT_EQ(tov::app_control::GetObjectFactory(&host.locator, tov::app_control::kInventoryStorageClassId, &factory), 0);
-  void* out = reinterpret_cast<void*>(1);
-  const zel::result_t r = factory->CreateInstance(&host.locator, IInventoryStorage::iid, &out);
-  factory->Release();
-  EXPECT_LT(r, 0);
+  EXPECT_FALSE(MakeInventory(&host.locator).writer);
   EXPECT_EQ(host.allocator.LiveBlocks(), blocks);
-  const auto texts = host.tracer.Texts();
-  EXPECT_TRUE(std::any_of(texts.begin(), texts.end(), [](const std::string& t) {
-    return t.find("Cannot get app_core::component::IKeyValueStorage: 0x80000001") != std::string::npos;
-  }));
+  EXPECT_THAT(host.tracer.Texts(),
+              testing::Contains(HasSubstr("Cannot get app_core::component::IKeyValueStorage: 0x80000001")));
   host.locator.Register<Store>(&host.store);
 }
 
 TEST_F(InventoryStorageTest, ARecordTypeTheHostDoesNotKnowFailsTheCallNotTheProcess) {
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   ASSERT_EQ(host.services.metaInfo->UnregisterDescriptor(tov::ApplicationInfo::SerId), 0);
   EXPECT_EQ(inv.writer->AddInfo(App(1, u"a")), zel::result::NotFound);
   const auto failures = host.Failures();
@@ -453,8 +429,7 @@ TEST_F(InventoryStorageTest, ARecordTypeTheHostDoesNotKnowFailsTheCallNotTheProc
 
 TEST_F(InventoryStorageTest, AReaderBesideTheWriterSeesConsistentPrefixes) {
   host.tracer.SetLevelFilter(zel::trace_level::Error);
-  Inventory inv = MakeInventory(&host.locator);
-  ASSERT_TRUE(inv);
+  Inventory inv = Open();
   constexpr tov::ApplicationId kCount = 200;
   std::atomic<bool> done{false};
   std::atomic<int> badLists{0};
@@ -555,8 +530,8 @@ TEST_F(InventoryStorageTest, AKilledWriterLeavesACompleteInventoryOrTheClearedOn
   for (int round = 0; round < 6; ++round) {
     SCOPED_TRACE(round);
     host.store.Close();
-    std::filesystem::remove_all(dir);
-    std::filesystem::create_directories(dir);
+    std::filesystem::remove_all(dir.path());
+    std::filesystem::create_directories(dir.path());
 
     const pid_t child = fork();
     ASSERT_GE(child, 0);
@@ -570,8 +545,7 @@ TEST_F(InventoryStorageTest, AKilledWriterLeavesACompleteInventoryOrTheClearedOn
     ASSERT_EQ(host.OpenStore(path), 0);
     const bool hasList = Committed("appIdList") != "-";
     EXPECT_EQ(hasList, Committed("timestamp") != "-") << "list and timestamp come and go together";
-    Inventory inv = MakeInventory(&host.locator);
-    ASSERT_TRUE(inv);
+    Inventory inv = Open();
     tov::ApplicationList list;
     ASSERT_EQ(inv.reader->GetApplicationList(list), 0) << "every listed id has its record";
     if (list.list.empty()) {

@@ -55,8 +55,11 @@ TEST_F(EntryTest, EachCallMakesANewFactoryThatHoldsTheModule) {
   ExpectAllReturned();
 }
 
-TEST_F(EntryTest, FactoryAnswersOnlyForItself) {
+// The factory answers only for itself; asked for an interface its class
+// lacks, it leaves nothing behind.
+TEST_F(EntryTest, FactoryAnswersOnlyForItselfAndCreatesOnlyWhatTheClassHas) {
   auto factory = Factory(ac::kAppStartLogEventsDispatcherClassId);
+  const auto lockWithFactory = zel::ModuleLockCount.load();
   for (zel::iid_t iid : {0u, zel::IObjectFactory::iid}) {
     void* out = nullptr;
     ASSERT_EQ(factory->QueryInterface(iid, &out), 0);
@@ -66,12 +69,7 @@ TEST_F(EntryTest, FactoryAnswersOnlyForItself) {
   void* out = &out;
   EXPECT_EQ(factory->QueryInterface(IApplicationStartLogEvents::iid, &out), kNoInterface);
   EXPECT_EQ(out, nullptr);
-}
-
-TEST_F(EntryTest, CreateInstanceWithAnInterfaceTheClassLacksLeavesNothingBehind) {
-  auto factory = Factory(ac::kAppStartLogEventsDispatcherClassId);
-  const auto lockWithFactory = zel::ModuleLockCount.load();
-  void* out = &out;
+  out = &out;
   EXPECT_EQ(factory->CreateInstance(&locator, IFoo::iid, &out), kNoInterface);
   EXPECT_EQ(out, nullptr);
   EXPECT_EQ(zel::ModuleLockCount.load(), lockWithFactory);
@@ -126,17 +124,15 @@ TEST_F(EntryTest, CreationWithoutMemory) {
 
 using EntryDeathTest = testsupport::ModuleFixture;
 
-TEST_F(EntryDeathTest, SentinelClassEndsTheProcessInBothEntryPoints) {
+// The sentinel class in either entry point, and a release that cannot reach
+// the allocator.
+TEST_F(EntryDeathTest, EndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   zel::IObjectFactory* factory = nullptr;
   EXPECT_DEATH(ac::GetObjectFactory(&locator, ac::kSentinelClassId, &factory), "");
   zel::IObject* object = nullptr;
   void* arguments[2] = {&locator, nullptr};
   EXPECT_DEATH(ac::CreateObject(ac::kSentinelClassId, arguments, &object), "");
-}
-
-TEST_F(EntryDeathTest, ReleaseThatCannotReachTheAllocatorEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
       {
         auto dispatcher = Create<IApplicationStartLogEventsSubscription>(ac::kAppStartLogEventsDispatcherClassId);

@@ -2,8 +2,8 @@
 // the benchmarks arrange them: the engine's object creator and its task, the
 // event subscription, the settings store, a process table, categories and
 // users as fakes, and the host's real task registry. The owner registers
-// them with its locator, together with a publisher of its choice, and takes
-// them out again before they go.
+// them with its locator, together with a publisher of its choice; the
+// locator must let go of them before they go.
 #pragma once
 
 #include "app_control/interfaces/icategories_manager.h"
@@ -32,15 +32,6 @@ class AppControlTaskServices {
     locator.Register<IProcessRegistry>(&processes);
     locator.Register<ICategoriesManager>(&categories);
     locator.Register<IPwdb>(&pwdb);
-  }
-
-  // A locator that outlives these services lets go of them first.
-  static void RemoveFrom(host::ServiceLocator& locator) {
-    for (zel::iid_t iid : {IEngineObjectCreator::iid, app_ctrl::IEnterpriseApplicationControlEvents2Subscription::iid,
-                           app_core::facade::IServiceManager::iid, tov::INonRemoteEventPublisher::iid,
-                           ITaskRegistry::iid, IProcessRegistry::iid, ICategoriesManager::iid, IPwdb::iid}) {
-      locator.Remove(iid);
-    }
   }
 
   CallJournal journal;

@@ -51,11 +51,8 @@ class FakePathMatcherFactory : public zel::object::Ifaces<IPathMatcherFactory> {
   zel::result_t CreatePathMatcher(const tov::settings::ScanScopeLists& scopes, const PathMatcherOptions& options,
                                   IPathMatcher** out) override {
     ++createCalls;
-    scanScopeCount = scopes.scanScopes.size();
-    secondaryScopeCount = scopes.secondaryScopes.size();
-    if (!scopes.scanScopes.empty()) firstScopePath = std::string(scopes.scanScopes[0].path.view());
-    optionFlags = options.flags;
-    optionPatterns = options.patterns.size();
+    lastScopes = scopes;
+    lastOptions = options;
     if (createResult < 0) return createResult;
     *out = handOutNull ? nullptr : matcher.Get();
     if (*out != nullptr) (*out)->AddRef();
@@ -66,9 +63,8 @@ class FakePathMatcherFactory : public zel::object::Ifaces<IPathMatcherFactory> {
   zel::result_t createResult = 0;
   bool handOutNull = false;
   int createCalls = 0;
-  std::size_t scanScopeCount = 0, secondaryScopeCount = 0, optionPatterns = 0;
-  std::uint32_t optionFlags = 0xFFFFFFFF;
-  std::string firstScopePath;
+  tov::settings::ScanScopeLists lastScopes;
+  PathMatcherOptions lastOptions;
 };
 
 // One element of a recogniser's answer.
@@ -77,7 +73,6 @@ class FakeFormatResult : public zel::object::Ifaces<FormatResult> {
   FakeFormatResult(std::uint32_t kind, FormatId id) : m_kind(kind), m_id(id) {}
 
   zel::result_t GetRecord(FormatRecord& record) override {
-    ++recordCalls;
     if (recordResult < 0) return recordResult;
     record.id = m_id;
     return 0;
@@ -100,7 +95,6 @@ class FakeFormatResult : public zel::object::Ifaces<FormatResult> {
 
   zel::RefPtr<FakeFormatResult> next_;
   zel::result_t recordResult = 0, kindResult = 0, nextResult = 0;
-  int recordCalls = 0;
 
  private:
   std::uint32_t m_kind;
@@ -129,12 +123,7 @@ class FakeFormatRecognizer : public zel::object::Ifaces<FormatRecognizer> {
     ++calls;
     lastIo = io;
     hadWorkArea = record != nullptr;
-    propertyCount = properties.size();
-    if (!properties.empty()) {
-      lastPropertyId = properties[0].id;
-      lastPropertyTag = properties[0].value.tag();
-      lastExtension = std::u16string(properties[0].value.GetWString().view());
-    }
+    lastProperties = properties;
     if (recognizeResult != 0) return recognizeResult;
     *result = answer.Get();
     if (*result != nullptr) (*result)->AddRef();
@@ -146,9 +135,7 @@ class FakeFormatRecognizer : public zel::object::Ifaces<FormatRecognizer> {
   int calls = 0;
   zel::IIO* lastIo = nullptr;
   bool hadWorkArea = false;
-  std::size_t propertyCount = 0;
-  std::uint32_t lastPropertyId = 0, lastPropertyTag = 0;
-  std::u16string lastExtension;
+  FormatPropertyList lastProperties;
 };
 
 class FakeFormatRecognizerFactory : public zel::object::Ifaces<FormatRecognizerFactory> {

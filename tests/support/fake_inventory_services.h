@@ -1,8 +1,7 @@
 // Fakes of the services around the inventory scan task: the engine's
 // controller, a file factory whose streams only carry their path, the
-// inventory storage, the task layer (try-mutex, task info, cgroups), a
-// category store that keeps what it was given, and a path matcher and format
-// recogniser that let everything through. All are owned by the test
+// inventory storage, the task layer (try-mutex, task info, cgroups) and a
+// category store that keeps what it was given. All are owned by the test
 // (reference counts are bookkeeping only) and are safe to call from the
 // scan's worker while the test thread looks.
 #pragma once
@@ -19,15 +18,14 @@
 
 #include <unistd.h>
 
-#include "app_control/interfaces/format_recognizer_factory.h"
 #include "app_control/interfaces/icategories_manager.h"
 #include "app_control/interfaces/icgroups_manager.h"
 #include "app_control/interfaces/ienterprise_application_controller.h"
 #include "app_control/interfaces/iinventory_storage.h"
-#include "app_control/interfaces/ipath_matcher_factory.h"
 #include "app_control/interfaces/itask_info_provider.h"
 #include "app_control/interfaces/itask_stop_events.h"
 #include "app_control/interfaces/itask_try_mutex.h"
+#include "host/services/host_object.h"
 #include "tov_common/inventory/application_info.h"
 #include "zel/ifile_factory.h"
 #include "zel/result.h"
@@ -35,47 +33,11 @@
 
 namespace testsupport {
 
-// Test-owned; the counts are bookkeeping only.
-template <class I>
-class OwnedFake : public I {
- public:
-  std::uint32_t AddRef() override { return m_refs.fetch_add(1) + 1; }
-  std::uint32_t Release() override { return m_refs.fetch_sub(1) - 1; }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
-    if (iid == 0 || iid == I::iid) {
-      AddRef();
-      *out = static_cast<I*>(this);
-      return zel::result::NoError;
-    }
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
-  std::int64_t OutstandingRefs() const { return static_cast<std::int64_t>(m_refs.load()) - 1; }
-
- private:
-  std::atomic<std::uint32_t> m_refs{1};
-};
-
 // A stream that only knows the path it was opened for; heap-allocated and
 // deleted on its last Release, since the task releases it.
-class PathIo final : public zel::IIO {
+class PathIo final : public host::HeapObject<PathIo, zel::IIO> {
  public:
   explicit PathIo(std::string path) : path(std::move(path)) {}
-  std::uint32_t AddRef() override { return ++m_refs; }
-  std::uint32_t Release() override {
-    const std::uint32_t n = --m_refs;
-    if (n == 0) delete this;
-    return n;
-  }
-  zel::result_t QueryInterface(zel::iid_t iid, void** out) override {
-    if (iid == 0 || iid == zel::IIO::iid) {
-      AddRef();
-      *out = static_cast<zel::IIO*>(this);
-      return zel::result::NoError;
-    }
-    *out = nullptr;
-    return zel::result::InterfaceNotSupported;
-  }
   zel::result_t Read(void*, std::uint32_t, std::uint32_t* read) override {
     if (read != nullptr) *read = 0;
     return zel::result::NoError;
@@ -94,12 +56,9 @@ class PathIo final : public zel::IIO {
   zel::result_t Flush() override { return zel::result::NoError; }
 
   const std::string path;
-
- private:
-  std::atomic<std::uint32_t> m_refs{1};
 };
 
-class FakeFileFactory final : public OwnedFake<zel::IFileFactory> {
+class FakeFileFactory final : public host::OwnedObject<FakeFileFactory, zel::IFileFactory> {
  public:
   zel::result_t CreateFile(const char16_t* widePath, std::uint32_t accessMask, std::uint32_t shareMode,
                            std::uint32_t disposition, std::uint32_t flags, zel::IIO** out) override {
@@ -124,7 +83,8 @@ class FakeFileFactory final : public OwnedFake<zel::IFileFactory> {
 
 // Answers from the path behind the stream: path, hash "h:<path>", and the
 // keys a test sets per path. A test may hold the engine inside a call.
-class FakeAppController final : public OwnedFake<app_ctrl::IEnterpriseApplicationController> {
+class FakeAppController final
+    : public host::OwnedObject<FakeAppController, app_ctrl::IEnterpriseApplicationController> {
  public:
   struct Answer {
     bool emptyHash = false;
@@ -193,13 +153,14 @@ class FakeAppController final : public OwnedFake<app_ctrl::IEnterpriseApplicatio
   std::atomic<int> delayMicros{0};  // a slow engine, per file
 };
 
-class FakeInventoryStorage final : public OwnedFake<tov::app_control::IInventoryStorage> {
+class FakeInventoryStorage final
+    : public host::OwnedObject<FakeInventoryStorage, tov::app_control::IInventoryStorage> {
  public:
   zel::result_t AddInfo(const tov::ApplicationInfo& info) override {
     std::lock_guard lock(mutex);
     journal.push_back("AddInfo");
     records.push_back(info);
-    return addResult;
+    return zel::result::NoError;
   }
   zel::result_t Clear() override {
     std::lock_guard lock(mutex);
@@ -216,12 +177,11 @@ class FakeInventoryStorage final : public OwnedFake<tov::app_control::IInventory
   std::mutex mutex;
   std::vector<std::string> journal;
   std::vector<tov::ApplicationInfo> records;
-  zel::result_t addResult = zel::result::NoError;
   zel::result_t clearResult = zel::result::NoError;
 };
 
 // The host's per-type lock, shared by every task object of one test.
-class FakeTaskTryMutex final : public OwnedFake<ITaskTryMutex> {
+class FakeTaskTryMutex final : public host::OwnedObject<FakeTaskTryMutex, ITaskTryMutex> {
  public:
   zel::result_t TryLock(const zel::wstring_t& type) override {
     std::lock_guard lock(mutex);
@@ -245,7 +205,7 @@ class FakeTaskTryMutex final : public OwnedFake<ITaskTryMutex> {
   std::set<std::u16string> held;
 };
 
-class FakeTaskInfoProvider final : public OwnedFake<ITaskInfoProvider> {
+class FakeTaskInfoProvider final : public host::OwnedObject<FakeTaskInfoProvider, ITaskInfoProvider> {
  public:
   zel::result_t GetTaskInfoByTaskId(std::uint64_t, TaskInfo&) override { return zel::result::NotImplemented; }
   zel::result_t GetTaskInfoByTaskSessionId(std::uint32_t sessionId, TaskInfo& taskInfo) override {
@@ -260,7 +220,7 @@ class FakeTaskInfoProvider final : public OwnedFake<ITaskInfoProvider> {
   zel::result_t result = zel::result::NoError;
 };
 
-class FakeCgroupsManager final : public OwnedFake<ICgroupsManager> {
+class FakeCgroupsManager final : public host::OwnedObject<FakeCgroupsManager, ICgroupsManager> {
  public:
   zel::result_t AddToCgroup(const zel::wstring_t&, const zel::string_t& cgroupName, std::int32_t tid) override {
     lastGroup = std::string(cgroupName.view());
@@ -273,7 +233,7 @@ class FakeCgroupsManager final : public OwnedFake<ICgroupsManager> {
 };
 
 // Keeps every PutCategories call whole.
-class RecordingCategoriesManager final : public OwnedFake<ICategoriesManager> {
+class RecordingCategoriesManager final : public host::OwnedObject<RecordingCategoriesManager, ICategoriesManager> {
  public:
   struct Put {
     CategoryList categories;
@@ -293,59 +253,9 @@ class RecordingCategoriesManager final : public OwnedFake<ICategoriesManager> {
   zel::result_t result = zel::result::NoError;
 };
 
-// Every path is in scope unless a test names a part of it to refuse.
-class PassAllPathMatcher final : public OwnedFake<IPathMatcher> {
- public:
-  zel::result_t Match(const tov::NativePath& path, std::uint32_t) override {
-    return !refuse.empty() && path.view().find(refuse) != std::string_view::npos ? zel::result::False
-                                                                                  : zel::result::NoError;
-  }
-  std::string refuse;
-};
-
-class PassAllPathMatcherFactory final : public OwnedFake<IPathMatcherFactory> {
- public:
-  zel::result_t CreateMaskMatcher(const zel::types::vector_t<zel::string_t>&, const PathMatcherOptions&,
-                                  IPathMatcher**) override {
-    return zel::result::NotImplemented;
-  }
-  zel::result_t CreateScopeMatcher(const tov::settings::ScanScope&, const PathMatcherOptions&,
-                                   IPathMatcher**) override {
-    return zel::result::NotImplemented;
-  }
-  zel::result_t CreatePathMatcher(const tov::settings::ScanScopeLists&, const PathMatcherOptions&,
-                                  IPathMatcher** out) override {
-    matcher.AddRef();
-    *out = &matcher;
-    return zel::result::NoError;
-  }
-  PassAllPathMatcher matcher;
-};
-
-// A recogniser that knows no file: everything is "unrecognised" and so
-// inventoried.
-class UnknownFormatRecognizer final : public OwnedFake<FormatRecognizer> {
- public:
-  zel::result_t Recognize(const FormatPropertyList&, zel::IIO*, FormatRecord*, FormatResult** result) override {
-    *result = nullptr;
-    return zel::result::False;
-  }
-};
-
-class UnknownFormatRecognizerFactory final : public OwnedFake<FormatRecognizerFactory> {
- public:
-  zel::result_t CreateRecognizerForAll(FormatRecognizer**) override { return zel::result::NotImplemented; }
-  zel::result_t GetFormatRecord(FormatId, FormatRecord&) override { return zel::result::NotImplemented; }
-  zel::result_t CreateRecognizer(const FormatIdList&, FormatRecognizer** out) override {
-    recognizer.AddRef();
-    *out = &recognizer;
-    return zel::result::NoError;
-  }
-  UnknownFormatRecognizer recognizer;
-};
-
 // Counts the stop notices and keeps the last.
-class RecordingStopEvents final : public OwnedFake<app_core::task_manager::task::ITaskStopEvents> {
+class RecordingStopEvents final
+    : public host::OwnedObject<RecordingStopEvents, app_core::task_manager::task::ITaskStopEvents> {
  public:
   zel::result_t OnTaskStopped(const app_core::task_manager::task::TaskStopInfo& info) override {
     std::lock_guard lock(mutex);

@@ -35,16 +35,6 @@ struct InventoryHost {
   }
   InventoryHost(const InventoryHost&) = delete;
   InventoryHost& operator=(const InventoryHost&) = delete;
-  ~InventoryHost() {
-    for (zel::iid_t iid : {app_core::component::IKeyValueStorage::iid, app_core::facade::IServiceManager::iid,
-                           zel::IMetaInfoProvider::iid, zel::IStructMetaInfoRegistry::iid, zel::IBinarySerializer::iid,
-                           zel::IXmlStorageFactory::iid, zel::IStorageSerializer2::iid, zel::ITracer::iid,
-                           zel::IAllocator::iid}) {
-      locator.Remove(iid);
-    }
-    store.Close();
-  }
-
   zel::result_t OpenStore(const std::string& path, const host::KeyValueStore::Options& options = {}) {
     const zel::result_t r = store.Open(path, options);
     locator.Register<app_core::component::IKeyValueStorage>(&store);

@@ -3,6 +3,8 @@
 // come back from the binary form field for field.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "tov_common/settings/app_control_settings.h"
 #include "tov_common/settings/enterprise_application_control_settings.h"
 #include "tov_common/settings/settings_descriptors.h"
@@ -49,20 +51,16 @@ TEST(SettingsRecords, HostAcceptsTheDescriptorsAndRoundTripsTheRecords) {
   user.access = tov::UserAccess::Block;
 
   const auto back = RoundTrip(services.binary.Get(), &allocator, settings);
-  EXPECT_EQ(static_cast<int>(back.mode), 2);
-  EXPECT_TRUE(back.reportAllowedStarts);
-  EXPECT_EQ(back.blockMessage, u"blocked");
+  EXPECT_EQ(std::tie(back.mode, back.reportAllowedStarts, back.blockMessage),
+            std::tie(settings.mode, settings.reportAllowedStarts, settings.blockMessage));
   ASSERT_TRUE(back.allowListRules.empty());
   ASSERT_EQ(back.denyListRules.size(), 1u);
   const auto& r = back.denyListRules[0];
-  EXPECT_EQ(r.ruleName, rule.ruleName);
-  EXPECT_EQ(r.status, tov::RuleStatus::Test);
-  EXPECT_EQ(r.categoryName, u"Browsers");
+  EXPECT_EQ(std::tie(r.ruleName, r.status, r.categoryName), std::tie(rule.ruleName, rule.status, rule.categoryName));
   ASSERT_EQ(r.categoryIds.size(), 1u);
   EXPECT_EQ(r.categoryIds[0], app_ctrl::GoldenImageCategoryId);
   ASSERT_EQ(r.users.size(), 1u);
-  EXPECT_EQ(r.users[0].userName, u"@staff");
-  EXPECT_EQ(r.users[0].access, tov::UserAccess::Block);
+  EXPECT_EQ(std::tie(r.users[0].userName, r.users[0].access), std::tie(user.userName, user.access));
 
   app_ctrl::EnterpriseApplicationControlSettings engine;
   engine.allowListMode = true;
@@ -77,21 +75,19 @@ TEST(SettingsRecords, HostAcceptsTheDescriptorsAndRoundTripsTheRecords) {
   engineUser.access = 0;
 
   const auto engineBack = RoundTrip(services.binary.Get(), &allocator, engine);
-  EXPECT_TRUE(engineBack.allowListMode);
-  EXPECT_EQ(engineBack.testMode, 1u);
-  EXPECT_EQ(engineBack.value13, 3u);
+  EXPECT_EQ(std::tie(engineBack.allowListMode, engineBack.testMode, engineBack.value13),
+            std::make_tuple(true, 1u, 3u));
   EXPECT_TRUE(engineBack.flag4 && engineBack.flag5 && engineBack.flag11);
   ASSERT_EQ(engineBack.rules.size(), 1u);
   const auto& er = engineBack.rules[0];
-  EXPECT_EQ(er.categoryId, app_ctrl::GoldenImageCategoryId);
-  EXPECT_EQ(er.status, 2u);
+  EXPECT_EQ(std::tie(er.categoryId, er.status), std::tie(engineRule.categoryId, engineRule.status));
   ASSERT_EQ(er.textList2.size(), 1u);
   EXPECT_EQ(er.textList2[0], u"x");
   ASSERT_EQ(er.users.size(), 1u);
   EXPECT_EQ(er.users[0].access, 0u);
   ASSERT_EQ(er.users[0].principals.size(), 1u);
-  EXPECT_EQ(er.users[0].principals[0].principalType, 2u);
-  EXPECT_EQ(er.users[0].principals[0].principalId, 0xFFFFFFFFu);
+  EXPECT_EQ(std::tie(er.users[0].principals[0].principalType, er.users[0].principals[0].principalId),
+            std::make_tuple(2u, 0xFFFFFFFFu));
 }
 
 }  // namespace

@@ -22,7 +22,6 @@ using tov::app_control::IsPrincipalCovered;
 using tov::app_control::Principal;
 using tov::app_control::PrincipalKind;
 using tov::app_control::ResolvePrincipal;
-using tov::app_control::ToEnginePrincipal;
 
 // Records every call; answers from its settings.
 class RecordingPwdb final : public host::OwnedObject<RecordingPwdb, IPwdb> {
@@ -66,54 +65,35 @@ TEST(Principals, NamesAreClassifiedByExactBytes) {
   for (const auto& c : cases) EXPECT_EQ(ClassifyPrincipal(c.name), c.kind) << c.name;
 }
 
+// A failed lookup is NotFound whatever the reason and leaves the principal
+// as it was.
 TEST(Principals, ResolutionCallsTheDatabaseWithTheRightName) {
+  constexpr auto kUnset = static_cast<PrincipalKind>(9);
   const struct {
     std::string_view name;
+    zel::result_t answer;
     std::vector<std::string> calls;
+    zel::result_t result;
     PrincipalKind kind;
     std::uint32_t id;
   } cases[] = {
-      {"\\Everyone", {}, PrincipalKind::Everyone, 0xFFFFFFFFu},  // id left as preset
-      {"alice", {"GetUserId:alice"}, PrincipalKind::User, 1234},
-      {"", {"GetUserId:"}, PrincipalKind::User, 1234},
-      {"@staff", {"GetGroupId:staff"}, PrincipalKind::Group, 4321},
-      {"@", {"GetGroupId:"}, PrincipalKind::Group, 4321},
+      {"\\Everyone", 0, {}, 0, PrincipalKind::Everyone, 77},  // id left as it was
+      {"alice", 0, {"GetUserId:alice"}, 0, PrincipalKind::User, 1234},
+      {"", 0, {"GetUserId:"}, 0, PrincipalKind::User, 1234},
+      {"@staff", 0, {"GetGroupId:staff"}, 0, PrincipalKind::Group, 4321},
+      {"@", 0, {"GetGroupId:"}, 0, PrincipalKind::Group, 4321},
+      {"bob", zel::result::AccessDenied, {"GetUserId:bob"}, zel::result::NotFound, kUnset, 77},
+      {"@nobody", zel::result::AccessDenied, {"GetGroupId:nobody"}, zel::result::NotFound, kUnset, 77},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     RecordingPwdb pwdb;
-    Principal p{PrincipalKind::User, 0xFFFFFFFFu};
-    EXPECT_EQ(ResolvePrincipal(&pwdb, c.name, p), 0) << c.name;
-    EXPECT_EQ(pwdb.calls, c.calls) << c.name;
-    EXPECT_EQ(p.kind, c.kind) << c.name;
-    EXPECT_EQ(p.id, c.id) << c.name;
-  }
-}
-
-TEST(Principals, AFailedLookupIsNotFoundWhateverTheReason) {
-  for (const char* name : {"bob", "@nobody-group"}) {
-    RecordingPwdb pwdb;
-    pwdb.answer = zel::result::AccessDenied;
-    Principal p{PrincipalKind::Everyone, 77};
-    EXPECT_EQ(ResolvePrincipal(&pwdb, name, p), zel::result::NotFound) << name;
-    EXPECT_EQ(p.kind, PrincipalKind::Everyone);  // untouched on failure
-    EXPECT_EQ(p.id, 77u);
-  }
-}
-
-TEST(Principals, EngineFormNumbersKindsItsOwnWay) {
-  const struct {
-    Principal in;
-    std::uint32_t type, id;
-  } cases[] = {
-      {{PrincipalKind::User, 1000}, 0, 1000},
-      {{PrincipalKind::Group, 27}, 1, 27},
-      {{PrincipalKind::Everyone, 5}, 2, 0xFFFFFFFFu},
-      {{static_cast<PrincipalKind>(9), 5}, 0, 0},
-  };
-  for (const auto& c : cases) {
-    const auto e = ToEnginePrincipal(c.in);
-    EXPECT_EQ(e.principalType, c.type);
-    EXPECT_EQ(e.principalId, c.id);
+    pwdb.answer = c.answer;
+    Principal p{kUnset, 77};
+    EXPECT_EQ(ResolvePrincipal(&pwdb, c.name, p), c.result);
+    EXPECT_EQ(pwdb.calls, c.calls);
+    EXPECT_EQ(p.kind, c.kind);
+    EXPECT_EQ(p.id, c.id);
   }
 }
 
@@ -155,10 +135,8 @@ TEST(PrincipalsSystem, RootResolvesAndIsCoveredByItsPrimaryGroup) {
   EXPECT_EQ(ResolvePrincipal(&pwdb, "no-such-user-for-principals-test", missing), zel::result::NotFound);
   EXPECT_EQ(ResolvePrincipal(&pwdb, "@no-such-group-for-principals-test", missing), zel::result::NotFound);
   EXPECT_EQ(pwdb.OutstandingRefs(), 0);
-}
 
-TEST(PrincipalsSystem, HostDatabaseAnswersBothWays) {
-  host::Pwdb pwdb;
+  // The host's database answers both ways and leaves the name on failure.
   zel::string_t name("previous");
   ASSERT_EQ(pwdb.GetUserName(0, &name), 0);
   EXPECT_EQ(name.view(), "root");
@@ -166,7 +144,7 @@ TEST(PrincipalsSystem, HostDatabaseAnswersBothWays) {
   ASSERT_EQ(pwdb.GetPrimaryGroupId(0, &gid), 0);
   EXPECT_EQ(gid, 0u);
   EXPECT_EQ(pwdb.GetUserName(0xFFFFFFF0u, &name), zel::result::NotFound);
-  EXPECT_EQ(name.view(), "root");  // untouched on failure
+  EXPECT_EQ(name.view(), "root");
 }
 
 // Creates a user with its own primary group and one supplementary group, and
