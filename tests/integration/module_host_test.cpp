@@ -788,7 +788,7 @@ class ProgramStartTest : public FaultSweepTest {
   zel::RefPtr<tov::app_control::IAppControlTaskSettings> settingsFace;
 };
 
-TEST_F(ProgramStartTest, ProgramStartsBecomeTheirEvents) {
+TEST_F(ProgramStartTest, ProgramStartsBecomeTheirEventsAlsoFromAnotherThreadWhileTheTaskChanges) {
   using Mode = tov::AppControlMode;
   using Enforcement = tov::AppControlEnforcement;
   const struct {
@@ -833,18 +833,10 @@ TEST_F(ProgramStartTest, ProgramStartsBecomeTheirEvents) {
     }
   }
 
-  settingsFace.Reset();
-  ASSERT_EQ(task->Stop(), 0);
-  EXPECT_EQ(h->engine.engine.Subscribers(), 0u);
-  EXPECT_EQ(h->engine.engine.SubmitProgramStart({(dir / "other").string(), 0, 0}), zel::result::NotReady)
-      << "a stopped engine task decides nothing";
-}
-
-// Program starts arrive from another thread the whole time the host changes
-// the settings, pauses, resumes and stops the task: each start is taken or
-// refused as not ready, each event published is a whole decision, and
-// nothing of the task is left once it is released.
-TEST_F(ProgramStartTest, StartsFromAnotherThreadDuringSettingsPauseAndStop) {
+  // Then starts arrive from another thread the whole time the host changes
+  // the settings, pauses, resumes and stops the task: each start is taken or
+  // refused as not ready, each event published is a whole decision, and
+  // nothing of the task is left once it is released.
   h->engine.publisher.Clear();
   const std::int64_t blocksBefore = allocator.LiveBlocks();  // the categories' own
 
@@ -871,12 +863,15 @@ TEST_F(ProgramStartTest, StartsFromAnotherThreadDuringSettingsPauseAndStop) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   settingsFace.Reset();
   EXPECT_EQ(task->Stop(), 0);
+  EXPECT_EQ(h->engine.engine.Subscribers(), 0u);
   const int takenAtStop = taken.load();
   while (notReady.load() == 0 && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   done = true;
   starter.join();
   EXPECT_TRUE(h->engine.engine.WaitIdleFor(std::chrono::seconds(10)));
+  EXPECT_EQ(h->engine.engine.SubmitProgramStart({(dir / "other").string(), 0, 0}), zel::result::NotReady)
+      << "a stopped engine task decides nothing";
 
   EXPECT_EQ(other.load(), 0);
   EXPECT_GT(notReady.load(), 0) << "starts after the stop are refused";
