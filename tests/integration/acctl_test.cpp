@@ -295,10 +295,26 @@ unsigned ModeOf(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
-TEST_F(AcctlServiceTest, CategoriesSurviveInTheStoreButAStoreOthersMayWriteIsRefused) {
-  const std::string db = dir + "/state.db";
+TEST_F(AcctlServiceTest, TheStoreIsTheOwnersAloneKeepsTheCategoriesAndIsRefusedOnceOthersMayWrite) {
+  // As root the default store is the machine's; status names it without
+  // making it. The made-private path is tried as an unprivileged user.
+  if (::geteuid() == 0) {
+    const bool existed = ModeOf("/var/lib/acctl/acctl.db") != 0;
+    const Outcome o = Run("status --json");
+    ASSERT_EQ(o.exitCode, 0) << o.err;
+    EXPECT_NE(o.out.find("\"path\":\"/var/lib/acctl/acctl.db\""), std::string::npos) << o.out;
+    EXPECT_EQ(ModeOf("/var/lib/acctl/acctl.db") != 0, existed);
+    ASSERT_EQ(::chmod(dir.c_str(), 0777), 0);
+  }
+  const std::string state = dir + "/state", db = state + "/acctl/acctl.db";
+  ::setenv("XDG_STATE_HOME", state.c_str(), 1);
+  const Outcome o = Run("categories import " + kSource + "/host/examples/categories.json", ::geteuid() == 0 ? 65534 : 0);
+  ::unsetenv("XDG_STATE_HOME");
+  ASSERT_EQ(o.exitCode, 0) << o.err;
+  EXPECT_EQ(ModeOf(state + "/acctl"), 0700u);
+  EXPECT_EQ(ModeOf(db), 0600u);
+  // The categories it holds survive in it, until others may write it.
   globalArgs = "--db '" + db + "'";
-  ASSERT_EQ(Run("categories import " + kSource + "/host/examples/categories.json").exitCode, 0);
   const struct {
     mode_t mode;
     const char* refused;  // the mode as the refusal gives it, or null
@@ -325,26 +341,6 @@ TEST_F(AcctlServiceTest, CategoriesSurviveInTheStoreButAStoreOthersMayWriteIsRef
       }
     }
   }
-}
-
-TEST_F(AcctlServiceTest, TheDefaultStoreIsTheOwnersAlone) {
-  // As root the default store is the machine's; status names it without
-  // making it. The made-private path is tried as an unprivileged user.
-  if (::geteuid() == 0) {
-    const bool existed = ModeOf("/var/lib/acctl/acctl.db") != 0;
-    const Outcome o = Run("status --json");
-    ASSERT_EQ(o.exitCode, 0) << o.err;
-    EXPECT_NE(o.out.find("\"path\":\"/var/lib/acctl/acctl.db\""), std::string::npos) << o.out;
-    EXPECT_EQ(ModeOf("/var/lib/acctl/acctl.db") != 0, existed);
-    ASSERT_EQ(::chmod(dir.c_str(), 0777), 0);
-  }
-  const std::string state = dir + "/state";
-  ::setenv("XDG_STATE_HOME", state.c_str(), 1);
-  const Outcome o = Run("categories import " + kSource + "/host/examples/categories.json", ::geteuid() == 0 ? 65534 : 0);
-  ::unsetenv("XDG_STATE_HOME");
-  ASSERT_EQ(o.exitCode, 0) << o.err;
-  EXPECT_EQ(ModeOf(state + "/acctl"), 0700u);
-  EXPECT_EQ(ModeOf(state + "/acctl/acctl.db"), 0600u);
 }
 
 TEST_F(AcctlServiceTest, StatusShowsTheStoreAndTheRunningEnforcerThatUsesTheScansHashes) {
