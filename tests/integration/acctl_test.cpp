@@ -21,6 +21,7 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "support/acctl_process.h"
 
@@ -61,35 +62,20 @@ TEST_F(AcctlTest, ExampleDecidesTheStartsOfTheFileThenOfTheCommandLineOneEventEa
   EXPECT_NE(written.find("\"VendorCategory\":\"No shells\""), std::string::npos) << written;
 }
 
-TEST_F(AcctlTest, EveryCommandAnswersHelpAndBadUsageAlike) {
-  // --help: the usage on stdout, exit 0. A command line the command can't
-  // take: one "acctl:" line naming the command, nothing on stdout, exit 2.
-  for (const std::string command : {"demo", "run", "categories", "enforce", "scan", "inventory", "status"}) {
-    const Outcome help = Run(command + " --help");
-    EXPECT_EQ(help.exitCode, 0) << command << ": " << help.err;
-    EXPECT_EQ(help.out.rfind("usage: acctl", 0), 0u) << command << ": " << help.out;
-    EXPECT_EQ(help.err, "") << command;
-
-    const Outcome bad = Run(command + " --frobnicate");
-    EXPECT_EQ(bad.exitCode, 2) << command << ": " << bad.err;
-    EXPECT_EQ(bad.out, "") << command;
-    EXPECT_EQ(bad.err.rfind("acctl: ", 0), 0u) << command << ": " << bad.err;
-    EXPECT_EQ(std::count(bad.err.begin(), bad.err.end(), '\n'), 1) << command << ": " << bad.err;
-  }
-}
-
-TEST_F(AcctlTest, BadInputFailsWithOneLine) {
-  // Usage faults exit 2 (some with the whole line given); faults of the
+TEST_F(AcctlTest, EveryCommandAnswersHelpAndBadInputWithOneLine) {
+  // --help: the usage on stdout, exit 0. Usage faults exit 2 (some with the
+  // whole line given; an unknown option names its command); faults of the
   // input exit 1 with a line that says at least this much.
   const std::string good = kExamples + "settings.json";
   const std::string categories = kExamples + "categories.json";
   const std::string enforce = "enforce --settings " + good + " --watch " + dir;
-  const struct {
+  struct Case {
     std::string args;
     int exitCode;
     std::string message;
     uid_t asUser = 0;
-  } cases[] = {
+  };
+  std::vector<Case> cases = {
       {"run /bin/true", 2, "acctl: run: --settings SETTINGS.json is required\n"},
       {"run --settings", 2, "acctl: run: --settings needs a value\n"},
       {"scan --mask", 2, "acctl: scan: --mask needs a value\n"},
@@ -125,6 +111,13 @@ TEST_F(AcctlTest, BadInputFailsWithOneLine) {
       {"enforce --settings " + dir + "/none.json --watch " + dir, 1, "none.json"},
       {enforce, 1, "acctl: enforce needs root: fanotify permission events need CAP_SYS_ADMIN\n", 65534},
   };
+  for (const std::string command : {"demo", "run", "categories", "enforce", "scan", "inventory", "status"}) {
+    const Outcome help = Run(command + " --help");
+    EXPECT_EQ(help.exitCode, 0) << command << ": " << help.err;
+    EXPECT_EQ(help.out.rfind("usage: acctl", 0), 0u) << command << ": " << help.out;
+    EXPECT_EQ(help.err, "") << command;
+    cases.push_back({command + " --frobnicate", 2, "acctl: " + command});
+  }
   for (const auto& c : cases) {
     if (c.asUser != 0 && ::geteuid() != 0) continue;  // only root can become another user
     const Outcome o = Run(c.args, c.asUser);
@@ -302,10 +295,26 @@ unsigned ModeOf(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
-TEST_F(AcctlServiceTest, CategoriesSurviveInTheStoreButAStoreOthersMayWriteIsRefused) {
-  const std::string db = dir + "/state.db";
+TEST_F(AcctlServiceTest, TheStoreIsTheOwnersAloneKeepsTheCategoriesAndIsRefusedOnceOthersMayWrite) {
+  // As root the default store is the machine's; status names it without
+  // making it. The made-private path is tried as an unprivileged user.
+  if (::geteuid() == 0) {
+    const bool existed = ModeOf("/var/lib/acctl/acctl.db") != 0;
+    const Outcome o = Run("status --json");
+    ASSERT_EQ(o.exitCode, 0) << o.err;
+    EXPECT_NE(o.out.find("\"path\":\"/var/lib/acctl/acctl.db\""), std::string::npos) << o.out;
+    EXPECT_EQ(ModeOf("/var/lib/acctl/acctl.db") != 0, existed);
+    ASSERT_EQ(::chmod(dir.c_str(), 0777), 0);
+  }
+  const std::string state = dir + "/state", db = state + "/acctl/acctl.db";
+  ::setenv("XDG_STATE_HOME", state.c_str(), 1);
+  const Outcome o = Run("categories import " + kSource + "/host/examples/categories.json", ::geteuid() == 0 ? 65534 : 0);
+  ::unsetenv("XDG_STATE_HOME");
+  ASSERT_EQ(o.exitCode, 0) << o.err;
+  EXPECT_EQ(ModeOf(state + "/acctl"), 0700u);
+  EXPECT_EQ(ModeOf(db), 0600u);
+  // The categories it holds survive in it, until others may write it.
   globalArgs = "--db '" + db + "'";
-  ASSERT_EQ(Run("categories import " + kSource + "/host/examples/categories.json").exitCode, 0);
   const struct {
     mode_t mode;
     const char* refused;  // the mode as the refusal gives it, or null
@@ -332,26 +341,6 @@ TEST_F(AcctlServiceTest, CategoriesSurviveInTheStoreButAStoreOthersMayWriteIsRef
       }
     }
   }
-}
-
-TEST_F(AcctlServiceTest, TheDefaultStoreIsTheOwnersAlone) {
-  // As root the default store is the machine's; status names it without
-  // making it. The made-private path is tried as an unprivileged user.
-  if (::geteuid() == 0) {
-    const bool existed = ModeOf("/var/lib/acctl/acctl.db") != 0;
-    const Outcome o = Run("status --json");
-    ASSERT_EQ(o.exitCode, 0) << o.err;
-    EXPECT_NE(o.out.find("\"path\":\"/var/lib/acctl/acctl.db\""), std::string::npos) << o.out;
-    EXPECT_EQ(ModeOf("/var/lib/acctl/acctl.db") != 0, existed);
-    ASSERT_EQ(::chmod(dir.c_str(), 0777), 0);
-  }
-  const std::string state = dir + "/state";
-  ::setenv("XDG_STATE_HOME", state.c_str(), 1);
-  const Outcome o = Run("categories import " + kSource + "/host/examples/categories.json", ::geteuid() == 0 ? 65534 : 0);
-  ::unsetenv("XDG_STATE_HOME");
-  ASSERT_EQ(o.exitCode, 0) << o.err;
-  EXPECT_EQ(ModeOf(state + "/acctl"), 0700u);
-  EXPECT_EQ(ModeOf(state + "/acctl/acctl.db"), 0600u);
 }
 
 TEST_F(AcctlServiceTest, StatusShowsTheStoreAndTheRunningEnforcerThatUsesTheScansHashes) {

@@ -122,23 +122,16 @@ struct Outcome {
   }
 };
 
-// Runs the steps of one scenario, noting the step in which the fault fired.
-class StepLog {
- public:
-  explicit StepLog(Outcome& outcome) : m_outcome(outcome) {}
-  zel::result_t operator()(const char* step, const std::function<zel::result_t()>& body) {
-    const zel::result_t r = body();
-    if (m_outcome.step.empty() && Board().Fired()) {
-      m_outcome.fired = Board().Fired();
-      m_outcome.step = step;
-      m_outcome.result = r;
-    }
-    return r;
+// Runs one step of a scenario, noting in `outcome` whether the fault fired in it.
+zel::result_t Step(Outcome& outcome, const char* step, const std::function<zel::result_t()>& body) {
+  const zel::result_t r = body();
+  if (outcome.step.empty() && Board().Fired()) {
+    outcome.fired = Board().Fired();
+    outcome.step = step;
+    outcome.result = r;
   }
-
- private:
-  Outcome& m_outcome;
-};
+  return r;
+}
 
 // Runs `one` with its Nth fault point failing, for N = 1, 2, ... until a run
 // reaches no fault (FAULT_SWEEP_VERBOSE=1 prints every run). Every run must
@@ -190,31 +183,20 @@ zel::RefPtr<I> CreateModuleObject(const host::LoadedModule& module, zel::IServic
   return r == 0 ? zel::RefPtr<I>::Adopt(static_cast<I*>(out)) : zel::RefPtr<I>();
 }
 
-// The serialisers with every descriptor the scenarios need, and the
-// module's own records joined to them.
-struct Serialisation {
-  Serialisation(host::ServiceLocator& locator, const host::LoadedModule& module) {
-    services = host::RegisterSerializationServices(locator);
+// The reference host of every scenario, over a state file in `dir` that
+// outlives it: the serialisers with every descriptor the scenarios need and
+// the module's own records joined to them, and the host's services.
+struct SweepHost {
+  SweepHost(host::CountingAllocator& allocator, const host::LoadedModule& module, const fs::path& dir) {
+    locator.Register<zel::IAllocator>(&allocator);
+    locator.Register<zel::ITracer>(&tracer);
+    serialisation = host::RegisterSerializationServices(locator);
     for (auto descriptors : {tov::settings::SettingsRecordDescriptors(), tov::tools::CategoryExpressionDescriptors(),
                              tov::InventoryRecordDescriptors()})
-      for (const zel::TypeDescriptor* d : descriptors) services.metaInfo->RegisterDescriptor(d);
+      for (const zel::TypeDescriptor* d : descriptors) serialisation.metaInfo->RegisterDescriptor(d);
     registry = CreateModuleObject<zel::IMetaInfoProvider>(module, &locator,
                                                           tov::app_control::kTypeDescriptorStaticRegistryClassId);
-    if (registry) services.metaInfo->RegisterProvider(registry.Get());
-  }
-  ~Serialisation() {
-    if (registry) services.metaInfo->UnregisterProvider(registry.Get());
-  }
-
-  host::SerializationServices services;
-  zel::RefPtr<zel::IMetaInfoProvider> registry;
-};
-
-// The reference host of both scenarios, over a state file in `dir` that
-// outlives it.
-struct SweepHost {
-  SweepHost(host::CountingAllocator& allocator, const host::LoadedModule& module, const fs::path& dir)
-      : serialisation((Register(allocator), locator), module) {
+    if (registry) serialisation.metaInfo->RegisterProvider(registry.Get());
     serviceManager.UseBinarySerializer(&locator);
     host::cli::RegisterRecordCodecs(serviceManager, &locator);
     const std::string db = (dir / "state.db").string();
@@ -244,15 +226,13 @@ struct SweepHost {
     store.Close();
     categories.Close();
     serviceManager.Close();
-  }
-  void Register(host::CountingAllocator& allocator) {
-    locator.Register<zel::IAllocator>(&allocator);
-    locator.Register<zel::ITracer>(&tracer);
+    if (registry) serialisation.metaInfo->UnregisterProvider(registry.Get());
   }
 
   host::CollectingTracer tracer;
   host::ServiceLocator locator;
-  Serialisation serialisation;
+  host::SerializationServices serialisation;
+  zel::RefPtr<zel::IMetaInfoProvider> registry;
   host::Pwdb pwdb;
   host::ServiceManager serviceManager;
   host::CategoriesManager categories{&locator};
@@ -297,12 +277,9 @@ std::set<std::string> DefinedDynamicSymbols(const std::string& path) {
   return names;
 }
 
-TEST(ModuleFileTest, ExportsExactlyTheThreeEntryPoints) {
+TEST(ModuleTest, ExportsTheThreeEntryPointsAndUnloadFollowsLivingObjects) {
   EXPECT_EQ(DefinedDynamicSymbols(AC_MODULE_PATH),
             (std::set<std::string>{"zelCanUnloadModule", "zelCreateObject", "zelGetObjectFactory"}));
-}
-
-TEST(ModuleTest, UnloadFollowsLivingObjects) {
   host::LoadedModule module{AC_MODULE_PATH};
   host::CountingAllocator allocator;
   host::CollectingTracer tracer;
@@ -346,25 +323,56 @@ tov::settings::AppControlRule Rule(std::u16string_view name, std::u16string_view
   return rule;
 }
 
+// Root may run what has the hash of "trusted" (allow list), and may not run
+// the scripts (deny list).
 tov::settings::AppControlSettings AppControlSettings(tov::AppControlMode mode) {
   tov::settings::AppControlSettings settings;
   settings.mode = mode;
   settings.enforcement = tov::AppControlEnforcement::ApplyRules;
-  settings.allowListRules.push_back(Rule(u"scripts", u"Scripts", tov::UserAccess::Allow));
+  settings.allowListRules.push_back(Rule(u"trusted by hash", u"Hashed", tov::UserAccess::Allow));
+  settings.denyListRules.push_back(Rule(u"no scripts", u"Scripts", tov::UserAccess::Block));
   return settings;
 }
 
-// A user category of one expression on a file's facts.
-void AddCategory(SweepHost& h, host::CountingAllocator& allocator, std::uint8_t id, std::u16string_view name,
-                 app_ctrl::CategoryFileInfoField field, app_ctrl::CategoryStringOperation op, zel::wstring_t value) {
+// A scratch directory with three programs: "trusted", "other" and bin/script.
+fs::path MakePrograms(const char* stem) {
+  const fs::path dir = MakeTempDir(stem);
+  fs::create_directories(dir / "bin");
+  WriteFile(dir / "trusted", "trusted program");
+  WriteFile(dir / "other", "another program");
+  WriteFile(dir / "bin" / "script", "#!/bin/sh\n");
+  return dir;
+}
+
+// The user categories of those rules: "Hashed", the content of "trusted";
+// "Scripts", what bin holds.
+void AddProgramCategories(SweepHost& h, host::CountingAllocator& allocator, const fs::path& dir) {
+  std::string sha;
+  EXPECT_EQ(host::engine::Sha256File((dir / "trusted").string(), &sha), 0);
+  using Field = app_ctrl::CategoryFileInfoField;
+  using Op = app_ctrl::CategoryStringOperation;
+  const std::pair<const char16_t*, app_ctrl::CategoryFileInfoOperationExpression> categories[] = {
+      {u"Hashed", {Field::FileSha256Hash, Op::Equal, W(sha)}},
+      {u"Scripts", {Field::FilePath, Op::Like, W((dir / "bin").string() + "/*")}}};
   ICategoriesManager::CategoryList list;
-  auto& category = list.emplace_back();
-  category.GUID = app_ctrl::CategoryId{{id}};
-  category.Name = zel::wstring_t(name);
-  const app_ctrl::CategoryFileInfoOperationExpression e(field, op, std::move(value));
-  category.Include.emplace_back().expression.assign_copy(
-      &e, category_test::Described<app_ctrl::CategoryFileInfoOperationExpression>::Get(), &allocator);
+  for (const auto& [name, expression] : categories) {
+    auto& category = list.emplace_back();
+    category.GUID = app_ctrl::CategoryId{{static_cast<std::uint8_t>(0x11 * list.size())}};
+    category.Name = zel::wstring_t(name);
+    category.Include.emplace_back().expression.assign_copy(
+        &expression, category_test::Described<app_ctrl::CategoryFileInfoOperationExpression>::Get(), &allocator);
+  }
   h.categories.PutCategories({}, list, {}, tov::types::CategoriesAction::AddUser);
+}
+
+// The application control task the module makes from `settings`.
+zel::result_t CreateTask(const host::LoadedModule& module, SweepHost& h, tov::settings::AppControlSettings& settings,
+                         zel::RefPtr<ITask>& task) {
+  void* arguments[2] = {&h.locator, &settings};
+  zel::IObject* object = nullptr;
+  const zel::result_t r = module.CreateObject(tov::app_control::kAppControlTaskClassId, arguments, &object);
+  if (r == 0) task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
+  return r;
 }
 
 struct AppControlRun : Outcome {
@@ -427,69 +435,52 @@ AppControlExpectation ExpectedForAppControl(const std::string& step, FaultPoint 
   return {R::FaultOrSucceeds, nullptr};
 }
 
-void RunAppControl(const host::LoadedModule& module, host::CountingAllocator& allocator, std::uint64_t nth,
-                   AppControlRun& run) {
-  const fs::path dir = MakeTempDir("fault_sweep_ac");
-  fs::create_directories(dir / "bin");
-  WriteFile(dir / "bin" / "script", "#!/bin/sh\n");
-  WriteFile(dir / "other", "another program");
-  {
-    SweepHost h(allocator, module, dir);
-    AddCategory(h, allocator, 0x22, u"Scripts", app_ctrl::CategoryFileInfoField::FilePath,
-                app_ctrl::CategoryStringOperation::Like, W((dir / "bin").string() + "/*"));
-    auto settings = AppControlSettings(tov::AppControlMode::AllowList);
-    auto changed = AppControlSettings(tov::AppControlMode::DenyList);
-    StepLog step(run);
-    Board().FailNth(nth, kFault);
-
-    zel::RefPtr<ITask> task;
-    const zel::result_t created = step("create", [&] {
-      void* arguments[2] = {&h.locator, &settings};
-      zel::IObject* object = nullptr;
-      const zel::result_t r = module.CreateObject(tov::app_control::kAppControlTaskClassId, arguments, &object);
-      if (r == 0) task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
-      return r;
-    });
-    if (created == 0) {
-      const zel::result_t started = step("start", [&] { return task->Start(1, nullptr); });
-      step("settings", [&] {
-        zel::RefPtr<tov::app_control::IAppControlTaskSettings> face;
-        zel::result_t r = task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
-                                               reinterpret_cast<void**>(face.Ref()));
-        return r == 0 ? face->SetSettings(&changed) : r;
-      });
-      if (started == 0) {
-        step("events", [&] {
-          h.engine.publisher.Clear();
-          for (const fs::path& program : {dir / "bin" / "script", dir / "other", dir / "bin" / "script"}) {
-            if (h.engine.engine.SubmitProgramStart({program.string(), 0, 0}) != 0) return zel::result::Unexpected;
-            if (!h.engine.engine.WaitIdleFor(std::chrono::seconds(10))) return zel::result::Unexpected;
-          }
-          run.published = h.engine.publisher.Count();
-          run.sinkExceptions = h.engine.engine.SinkExceptions();
-          return zel::result_t{0};
-        });
-        const zel::result_t paused = step("pause", [&] { return task->Pause(); });
-        step("resume", [&] { return paused == 0 ? task->Resume() : zel::result_t{0}; });
-        // A host whose Stop failed stops again: the task is stopped in the end.
-        if (step("stop", [&] { return task->Stop(); }) != 0) task->Stop();
-      }
-    }
-    step("release", [&] {
-      task.Reset();
-      return zel::result_t{0};
-    });
-    Board().Disarm();
-    run.Collect(h.tracer);
-  }
-  fs::remove_all(dir);
-}
-
 TEST_F(FaultSweepTest, AppControlTaskLifecycle) {
   Sweep<AppControlRun>(
       "application control lifecycle", *module, 20,
       [&](host::CountingAllocator& allocator, std::uint64_t nth, AppControlRun& run) {
-        RunAppControl(*module, allocator, nth, run);
+        const fs::path dir = MakePrograms("fault_sweep_ac");
+        {
+          SweepHost h(allocator, *module, dir);
+          AddProgramCategories(h, allocator, dir);
+          auto settings = AppControlSettings(tov::AppControlMode::AllowList);
+          auto changed = AppControlSettings(tov::AppControlMode::DenyList);
+          Board().FailNth(nth, kFault);
+
+          zel::RefPtr<ITask> task;
+          if (Step(run, "create", [&] { return CreateTask(*module, h, settings, task); }) == 0) {
+            const zel::result_t started = Step(run, "start", [&] { return task->Start(1, nullptr); });
+            Step(run, "settings", [&] {
+              zel::RefPtr<tov::app_control::IAppControlTaskSettings> face;
+              zel::result_t r = task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
+                                                     reinterpret_cast<void**>(face.Ref()));
+              return r == 0 ? face->SetSettings(&changed) : r;
+            });
+            if (started == 0) {
+              Step(run, "events", [&] {
+                h.engine.publisher.Clear();
+                for (const fs::path& program : {dir / "bin" / "script", dir / "other", dir / "bin" / "script"}) {
+                  if (h.engine.engine.SubmitProgramStart({program.string(), 0, 0}) != 0) return zel::result::Unexpected;
+                  if (!h.engine.engine.WaitIdleFor(std::chrono::seconds(10))) return zel::result::Unexpected;
+                }
+                run.published = h.engine.publisher.Count();
+                run.sinkExceptions = h.engine.engine.SinkExceptions();
+                return zel::result_t{0};
+              });
+              const zel::result_t paused = Step(run, "pause", [&] { return task->Pause(); });
+              Step(run, "resume", [&] { return paused == 0 ? task->Resume() : zel::result_t{0}; });
+              // A host whose Stop failed stops again: the task is stopped in the end.
+              if (Step(run, "stop", [&] { return task->Stop(); }) != 0) task->Stop();
+            }
+          }
+          Step(run, "release", [&] {
+            task.Reset();
+            return zel::result_t{0};
+          });
+          Board().Disarm();
+          run.Collect(h.tracer);
+        }
+        fs::remove_all(dir);
       },
       [](const AppControlRun& run) {
         if (!run.fired) return;
@@ -651,13 +642,12 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
       ASSERT_EQ(Scan(h, *module, trees.root / "previous", &seeded), std::optional<zel::result_t>(0)) << Hex(seeded);
       h.tracer.Clear();
 
-      StepLog step(run);
       Board().FailNth(nth, kFault);
-      step("scan", [&] {
+      Step(run, "scan", [&] {
         run.notice = Scan(h, *module, trees.root / "new", &run.started);
         return run.started;
       });
-      step("read", [&] {
+      Step(run, "read", [&] {
         zel::RefPtr<tov::IInventoryInfoProvider> provider;
         storage->QueryInterface(tov::IInventoryInfoProvider::iid, reinterpret_cast<void**>(provider.Ref()));
         tov::ApplicationList list;
@@ -665,7 +655,7 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
         run.readCount = list.list.size();
         return run.readBack;
       });
-      step("release", [&] {
+      Step(run, "release", [&] {
         h.locator.Remove(tov::app_control::IInventoryStorage::iid);
         storage.Reset();
         return zel::result_t{0};
@@ -755,19 +745,16 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
 
 class ProgramStartTest : public FaultSweepTest {
  protected:
+  // A started task on the settings above, with its settings face.
   void SetUp() override {
-    dir = MakeTempDir("app_control_e2e");
-    fs::create_directories(dir / "bin");
-    WriteFile(dir / "trusted", "trusted program");
-    WriteFile(dir / "other", "another program");
-    WriteFile(dir / "bin" / "script", "#!/bin/sh");
-    std::string sha;
-    ASSERT_EQ(host::engine::Sha256File((dir / "trusted").string(), &sha), 0);
+    dir = MakePrograms("app_control_e2e");
     h = std::make_unique<SweepHost>(allocator, *module, dir);
-    AddCategory(*h, allocator, 0x11, u"Hashed", app_ctrl::CategoryFileInfoField::FileSha256Hash,
-                app_ctrl::CategoryStringOperation::Equal, W(sha));
-    AddCategory(*h, allocator, 0x22, u"Scripts", app_ctrl::CategoryFileInfoField::FilePath,
-                app_ctrl::CategoryStringOperation::Like, W((dir / "bin").string() + "/*"));
+    AddProgramCategories(*h, allocator, dir);
+    ASSERT_EQ(CreateTask(*module, *h, settings, task), 0);
+    ASSERT_EQ(task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
+                                   reinterpret_cast<void**>(settingsFace.Ref())),
+              0);
+    ASSERT_EQ(task->Start(1, nullptr), 0);
   }
   void TearDown() override {
     settingsFace.Reset();
@@ -776,17 +763,6 @@ class ProgramStartTest : public FaultSweepTest {
     EXPECT_EQ(module->CanUnload(), 0) << "every module object is gone";
     fs::remove_all(dir);
     FaultSweepTest::TearDown();
-  }
-
-  // The task made by the module from `settings`, with its settings face.
-  void CreateTask(tov::settings::AppControlSettings& settings) {
-    void* arguments[2] = {&h->locator, &settings};
-    zel::IObject* object = nullptr;
-    ASSERT_EQ(module->CreateObject(tov::app_control::kAppControlTaskClassId, arguments, &object), 0);
-    task = zel::RefPtr<ITask>::Adopt(static_cast<ITask*>(object));
-    ASSERT_EQ(task->QueryInterface(tov::app_control::IAppControlTaskSettings::iid,
-                                   reinterpret_cast<void**>(settingsFace.Ref())),
-              0);
   }
 
   // Starts `path` as `uid` and gives the event it caused, if any.
@@ -806,19 +782,13 @@ class ProgramStartTest : public FaultSweepTest {
 
   fs::path dir;
   host::CountingAllocator allocator;
+  tov::settings::AppControlSettings settings = AppControlSettings(tov::AppControlMode::AllowList);
   std::unique_ptr<SweepHost> h;
   zel::RefPtr<ITask> task;
   zel::RefPtr<tov::app_control::IAppControlTaskSettings> settingsFace;
 };
 
-TEST_F(ProgramStartTest, ProgramStartsBecomeTheirEvents) {
-  tov::settings::AppControlSettings settings;
-  settings.allowListRules.push_back(Rule(u"trusted by hash", u"Hashed", tov::UserAccess::Allow));
-  settings.denyListRules.push_back(Rule(u"no scripts", u"Scripts", tov::UserAccess::Block));
-  CreateTask(settings);
-  ASSERT_TRUE(task);
-  ASSERT_EQ(task->Start(1, nullptr), 0);
-
+TEST_F(ProgramStartTest, ProgramStartsBecomeTheirEventsAlsoFromAnotherThreadWhileTheTaskChanges) {
   using Mode = tov::AppControlMode;
   using Enforcement = tov::AppControlEnforcement;
   const struct {
@@ -863,25 +833,10 @@ TEST_F(ProgramStartTest, ProgramStartsBecomeTheirEvents) {
     }
   }
 
-  settingsFace.Reset();
-  ASSERT_EQ(task->Stop(), 0);
-  EXPECT_EQ(h->engine.engine.Subscribers(), 0u);
-  EXPECT_EQ(h->engine.engine.SubmitProgramStart({(dir / "other").string(), 0, 0}), zel::result::NotReady)
-      << "a stopped engine task decides nothing";
-}
-
-// Program starts arrive from another thread the whole time the host changes
-// the settings, pauses, resumes and stops the task: each start is taken or
-// refused as not ready, each event published is a whole decision, and
-// nothing of the task is left once it is released.
-TEST_F(ProgramStartTest, StartsFromAnotherThreadDuringSettingsPauseAndStop) {
-  tov::settings::AppControlSettings settings;
-  settings.mode = tov::AppControlMode::AllowList;
-  settings.enforcement = tov::AppControlEnforcement::ApplyRules;
-  settings.allowListRules.push_back(Rule(u"trusted by hash", u"Hashed", tov::UserAccess::Allow));
-  CreateTask(settings);
-  ASSERT_TRUE(settingsFace);
-  ASSERT_EQ(task->Start(1, nullptr), 0);
+  // Then starts arrive from another thread the whole time the host changes
+  // the settings, pauses, resumes and stops the task: each start is taken or
+  // refused as not ready, each event published is a whole decision, and
+  // nothing of the task is left once it is released.
   h->engine.publisher.Clear();
   const std::int64_t blocksBefore = allocator.LiveBlocks();  // the categories' own
 
@@ -908,12 +863,15 @@ TEST_F(ProgramStartTest, StartsFromAnotherThreadDuringSettingsPauseAndStop) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   settingsFace.Reset();
   EXPECT_EQ(task->Stop(), 0);
+  EXPECT_EQ(h->engine.engine.Subscribers(), 0u);
   const int takenAtStop = taken.load();
   while (notReady.load() == 0 && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   done = true;
   starter.join();
   EXPECT_TRUE(h->engine.engine.WaitIdleFor(std::chrono::seconds(10)));
+  EXPECT_EQ(h->engine.engine.SubmitProgramStart({(dir / "other").string(), 0, 0}), zel::result::NotReady)
+      << "a stopped engine task decides nothing";
 
   EXPECT_EQ(other.load(), 0);
   EXPECT_GT(notReady.load(), 0) << "starts after the stop are refused";
