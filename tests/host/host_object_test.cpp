@@ -38,12 +38,6 @@ class Heap final : public host::HeapObject<Heap, IFirst, ISecond> {
   ~Heap() { ++g_destroyed; }
 };
 
-class Owned final : public host::OwnedObject<Owned, IFirst, ISecond> {
- public:
-  int First() override { return 1; }
-  int Second() override { return 2; }
-};
-
 TEST(HostObject, EachIdGivesItsFaceAndAMissWritesNull) {
   const std::uint32_t locks = zel::ModuleLockCount.load();
   zel::RefPtr<Heap> object = host::MakeHeapObject<Heap>();
@@ -90,21 +84,6 @@ TEST(HostObject, DeletedOnceWhicheverFaceReleasesLast) {
     EXPECT_EQ(late->Release(), 0u);
     EXPECT_EQ(g_destroyed, 1) << last;
   }
-}
-
-TEST(HostObject, OwnedObjectCountsButNeverEnds) {
-  Owned owned;
-  EXPECT_EQ(owned.OutstandingRefs(), 0);
-  void* out = nullptr;
-  ASSERT_EQ(owned.QueryInterface(ISecond::iid, &out), zel::result::NoError);
-  EXPECT_EQ(static_cast<ISecond*>(out)->Second(), 2);
-  EXPECT_EQ(owned.OutstandingRefs(), 1);
-  EXPECT_EQ(static_cast<ISecond*>(out)->Release(), 1u);
-  // The owner's own reference going too must not end a stack object.
-  EXPECT_EQ(owned.Release(), 0u);
-  EXPECT_EQ(owned.OutstandingRefs(), -1);
-  owned.AddRef();
-  EXPECT_EQ(owned.OutstandingRefs(), 0);
 }
 
 }  // namespace

@@ -46,10 +46,7 @@ class Job final : public DeadlineJob {
     m_cv.wait_for(lock, limit, [this] { return !answers.empty(); });
     return answers;
   }
-  std::vector<bool> Answers() {
-    std::lock_guard lock(m_mutex);
-    return answers;
-  }
+  std::vector<bool> Answers() { return WaitAnswer(0ms); }
 
   std::atomic<int> decided{0};
 

@@ -1,12 +1,10 @@
 // Helpers for the reference engine's tests: category records built with
 // owning expression pointers (as the host's codec builds them), rule
-// records, scratch files, and a recording event sink.
+// records, the file tests' scratch directory, and a recording event sink.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -19,7 +17,7 @@
 #include "tov_common/categories/category_types.h"
 #include "zel/serialization/ser_obj_descriptor.h"
 #include "zel/strings/conversions.h"
-#include "support/temp_tree.h"
+#include "tests/host/files/files_test_support.h"
 
 namespace engine_test {
 
@@ -88,17 +86,7 @@ inline app_ctrl::EngineRule Rule(std::uint8_t category, std::uint32_t status, st
   return r;
 }
 
-// A directory of scratch files that goes away with the object.
-class ScratchDir : public testsupport::TempDir {
- public:
-  std::string Write(const std::string& relative, const std::string& content) const {
-    const std::filesystem::path p = std::filesystem::path(path()) / relative;
-    std::filesystem::create_directories(p.parent_path());
-    std::ofstream(p, std::ios::binary) << content;
-    return p.string();
-  }
-  const std::string& Path() const { return path(); }
-};
+using files_test::ScratchDir;
 
 // Records every call and the thread it came on; may be told to throw.
 class RecordingSink final : public host::OwnedObject<RecordingSink, app_ctrl::IEnterpriseApplicationControlEvents2> {

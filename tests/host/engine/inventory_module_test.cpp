@@ -35,10 +35,10 @@ void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(80)); }
 
 class InventoryModuleTest : public ::testing::Test {
  protected:
-  zel::result_t Inventory(const std::string& path, tov::ApplicationInfo& info) {
+  zel::result_t Inventory(const std::string& path, tov::ApplicationInfo& info, host::engine::Engine* on = nullptr) {
     zel::RefPtr<zel::IIO> io;
     if (const zel::result_t r = host::FileStream::Open(path, io); ZEL_FAILED(r)) return r;
-    app_ctrl::IEnterpriseApplicationController* controller = &engine;
+    app_ctrl::IEnterpriseApplicationController* controller = on != nullptr ? on : &engine;
     return controller->InventoryModule(io.Get(), 0, info);
   }
 
@@ -212,15 +212,13 @@ TEST_F(InventoryModuleTest, RemovableDriveComesFromTheOpenFilesDevice) {
   onRemovable.SetCategories(categories);
   engine.SetCategories(categories);
 
-  zel::RefPtr<zel::IIO> io;
-  ASSERT_EQ(host::FileStream::Open(path, io), 0);
   tov::ApplicationInfo info;
-  ASSERT_EQ(onRemovable.InventoryModule(io.Get(), 0, info), 0);
+  ASSERT_EQ(Inventory(path, info, &onRemovable), 0);
   ASSERT_EQ(info.categoryKeys.size(), 1u);
   EXPECT_EQ(info.categoryKeys[0].text.view(), tov::tools::CategoryIdToText(Id(9)).view());
   EXPECT_TRUE(onRemovable.DecideNow({path, 0, 0}, {}).facts.removable);
 
-  ASSERT_EQ(engine.InventoryModule(io.Get(), 0, info), 0);  // the real /sys knows no such disk
+  ASSERT_EQ(Inventory(path, info), 0);  // the real /sys knows no such disk
   EXPECT_TRUE(info.categoryKeys.empty());
 }
 

@@ -22,6 +22,13 @@ std::string StatLine(int pid, const std::string& comm, int ppid, unsigned long l
   return line + " " + std::to_string(start) + " 22 23\n";
 }
 
+// The description of the process with this id, or why there is none.
+zel::result_t Describe(host::ProcessRegistry& registry, std::uint64_t id, ProcessDescription* d) {
+  zel::RefPtr<IProcessObject> process;
+  const zel::result_t r = registry.GetProcess(&id, process.Ref());
+  return r != 0 ? r : process->GetDescription(d);
+}
+
 TEST(ProcessRegistry, DescribesTheTestProcess) {
   host::ProcessRegistry registry;
   std::uint64_t self = 0, parent = 0;
@@ -30,10 +37,8 @@ TEST(ProcessRegistry, DescribesTheTestProcess) {
   EXPECT_EQ(host::ProcessRegistry::PidOf(self), static_cast<std::uint32_t>(::getpid()));
   EXPECT_NE(self, parent);
 
-  zel::RefPtr<IProcessObject> process;
-  ASSERT_EQ(registry.GetProcess(&self, process.Ref()), 0);
-  ProcessDescription d;
-  ASSERT_EQ(process->GetDescription(&d), 0);
+  ProcessDescription d, pd;
+  ASSERT_EQ(Describe(registry, self, &d), 0);
   EXPECT_EQ(d.processId, static_cast<std::uint32_t>(::getpid()));
   EXPECT_EQ(d.parentUniqueId, parent);
   const std::string exe = std::filesystem::read_symlink("/proc/self/exe").string();
@@ -41,10 +46,7 @@ TEST(ProcessRegistry, DescribesTheTestProcess) {
   EXPECT_EQ(d.currentDirectory.view(), engine_test::W(std::filesystem::current_path().string()).view());
 
   // The parent through its own id, as an event producer walks up.
-  zel::RefPtr<IProcessObject> up;
-  ASSERT_EQ(registry.GetProcess(&d.parentUniqueId, up.Ref()), 0);
-  ProcessDescription pd;
-  ASSERT_EQ(up->GetDescription(&pd), 0);
+  ASSERT_EQ(Describe(registry, d.parentUniqueId, &pd), 0);
   EXPECT_EQ(pd.processId, static_cast<std::uint32_t>(::getppid()));
 
   // Same pid, another start time: a different process.
@@ -52,8 +54,7 @@ TEST(ProcessRegistry, DescribesTheTestProcess) {
   zel::RefPtr<IProcessObject> none;
   EXPECT_EQ(registry.GetProcess(&stale, none.Ref()), zel::result::NotFound);
   EXPECT_FALSE(none);
-  const std::uint64_t zero = 0;
-  EXPECT_EQ(registry.GetProcess(&zero, none.Ref()), zel::result::NotFound);
+  EXPECT_EQ(Describe(registry, 0, &d), zel::result::NotFound);
 }
 
 // Where pidfds carry serials, ids are asked of the kernel, not of procfs:
@@ -91,10 +92,8 @@ TEST(ProcessRegistry, PidfdSerialsOrderProcessesByAge) {
   EXPECT_GT(children[1] >> shift, children[0] >> shift) << "the second child is younger than the first";
 
   // Both children have ended: described from memory, with this process as parent.
-  zel::RefPtr<IProcessObject> ended;
-  ASSERT_EQ(registry.GetProcess(&children[1], ended.Ref()), 0);
   ProcessDescription d;
-  ASSERT_EQ(ended->GetDescription(&d), 0);
+  ASSERT_EQ(Describe(registry, children[1], &d), 0);
   EXPECT_EQ(d.processId, host::ProcessRegistry::PidOf(children[1]));
   EXPECT_EQ(d.parentUniqueId, mine);
   EXPECT_TRUE(d.imagePath.view().empty());
@@ -142,47 +141,34 @@ TEST(ProcessRegistry, ParsesCommandNamesWithParenthesesAndBlanks) {
 TEST(ProcessRegistry, AProcessGivenAnIdIsStillDescribedAfterItEnds) {
   ScratchDir proc;
   proc.Write("7/stat", StatLine(7, "sh", 1, 50));
-  proc.Write("42/stat", StatLine(42, "short", 7, 100));
   proc.Write("43/stat", StatLine(43, "never asked", 7, 100));
   host::ProcessRegistry registry(proc.Path());
-  std::uint64_t id = 0;
-  ASSERT_EQ(registry.GetUniqueId(42, &id), 0);
-  std::uint64_t other = (100ull << 22) | 43;
-  std::filesystem::remove_all(std::filesystem::path(proc.Path()) / "42");
   std::filesystem::remove_all(std::filesystem::path(proc.Path()) / "43");
 
-  zel::RefPtr<IProcessObject> process;
-  ASSERT_EQ(registry.GetProcess(&id, process.Ref()), 0);
-  ProcessDescription d;
-  ASSERT_EQ(process->GetDescription(&d), 0);
-  EXPECT_EQ(d.processId, 42u);
-  EXPECT_EQ(d.parentUniqueId, (50ull << 22) | 7) << "its parent lives on";
-  EXPECT_TRUE(d.imagePath.empty());
-  EXPECT_EQ(registry.GetProcess(&other, process.Ref()), zel::result::NotFound) << "never given an id";
-
   // A burst of ended processes, more than were once kept, while their
-  // events wait to be published: the first one is still described.
+  // events wait to be published: the first one is still described, with
+  // its parent that lives on.
   std::vector<std::uint64_t> ids;
   for (int pid = 100; pid < 400; ++pid) {
     proc.Write(std::to_string(pid) + "/stat", StatLine(pid, "short", 7, 100));
     ASSERT_EQ(registry.GetUniqueId(static_cast<std::uint32_t>(pid), &ids.emplace_back()), 0);
     std::filesystem::remove_all(std::filesystem::path(proc.Path()) / std::to_string(pid));
   }
+  ProcessDescription d;
   for (const std::uint64_t ended : {ids.front(), ids.back()}) {
-    ASSERT_EQ(registry.GetProcess(&ended, process.Ref()), 0) << ended;
-    ASSERT_EQ(process->GetDescription(&d), 0);
+    ASSERT_EQ(Describe(registry, ended, &d), 0) << ended;
     EXPECT_EQ(d.processId, host::ProcessRegistry::PidOf(ended));
     EXPECT_EQ(d.parentUniqueId, (50ull << 22) | 7);
   }
+  EXPECT_EQ(Describe(registry, (100ull << 22) | 43, &d), zel::result::NotFound) << "never given an id";
 
   // The pid taken again by a younger process: the remembered one is still
   // the one described by its id, and a parent pid now held by a process
   // younger than the child is not its parent.
-  proc.Write("42/stat", StatLine(42, "younger", 1, 900));
+  proc.Write("100/stat", StatLine(100, "younger", 1, 900));
   proc.Write("7/stat", StatLine(7, "reused", 1, 800));
-  ASSERT_EQ(registry.GetProcess(&id, process.Ref()), 0);
-  ASSERT_EQ(process->GetDescription(&d), 0);
-  EXPECT_EQ(d.processId, 42u);
+  ASSERT_EQ(Describe(registry, ids.front(), &d), 0);
+  EXPECT_EQ(d.processId, 100u);
   EXPECT_EQ(d.parentUniqueId, 0u);
 }
 

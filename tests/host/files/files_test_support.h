@@ -1,7 +1,9 @@
-// Shared by the file service tests: a scratch directory with files written
-// into it, and opening through the host's file factory as the scan does.
+// Shared by the file service and engine tests: a scratch directory with
+// files written into it, and opening through the host's file factory as the
+// scan does.
 #pragma once
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <string_view>
@@ -15,8 +17,10 @@ namespace files_test {
 
 class ScratchDir : public testsupport::TempDir {
  public:
+  // Makes the directories on the way.
   std::string Write(const std::string& name, std::string_view content) const {
     const std::string p = Path(name);
+    std::filesystem::create_directories(std::filesystem::path(p).parent_path());
     std::ofstream(p, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
     return p;
   }

@@ -107,12 +107,6 @@ TEST_F(RoundTrip, AnAbsentFieldReadsAsZeroNotAsItsConstructorDefault) {
          d.name.clear();
          d.inner = sertest::Inner();
        }},
-      {"some zero",
-       [](Defaulted& d) {
-         d.uid = 0;
-         d.enabled = false;
-         d.inner.label.clear();
-       }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
