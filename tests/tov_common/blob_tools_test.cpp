@@ -26,9 +26,7 @@ class BlobToolsTest : public ::testing::Test {
     locator.Register(&binary);
     locator.Register(&storage);
     locator.Register(&factory);
-    old.push_back('o');
-    old.push_back('l');
-    old.push_back('d');
+    old = tools::Blob{'o', 'l', 'd'};
     data = zel::anydescrptr(&field, zel::StaticTypeDescriptor<tov::RuntimeField>::Get());
   }
   void TearDown() override {
