@@ -71,7 +71,6 @@ TEST(TraceStream, FormatsEachItem) {
       // Width, fill and adjustment.
       {"right by default", [](TraceStream& s) { s << setw(6) << 42; }, "    42"},
       {"left", [](TraceStream& s) { s << trace::left << setw(6) << 42; }, "42    "},
-      {"right explicit", [](TraceStream& s) { s << trace::right << setw(4) << -5; }, "  -5"},
       {"internal sign", [](TraceStream& s) { s << trace::internal << setfill('0') << setw(6) << -42; }, "-00042"},
       {"internal base",
        [](TraceStream& s) { s << trace::internal << trace::hex << trace::showbase << setfill('0') << setw(8) << 8; },
@@ -88,7 +87,6 @@ TEST(TraceStream, FormatsEachItem) {
       {"optional", [](TraceStream& s) { s << setw(6) << std::optional<int>(); }, "  null"},
       {"write ignores width", [](TraceStream& s) { s << setw(5), s.write("ab", 2), s << 1; }, "ab    1"},
       // Text, bool and optional.
-      {"null text", [](TraceStream& s) { s << static_cast<const char*>(nullptr); }, "(null)"},
       {"padded null", [](TraceStream& s) { s << trace::setw(8) << static_cast<const char*>(nullptr); }, "  (null)"},
       {"known length keeps NUL", [](TraceStream& s) { s << std::string_view("a\0b", 3); }, std::string("a\0b", 3)},
       {"std::string", [](TraceStream& s) { s << std::string("Start") << "() "; }, "Start() "},
@@ -111,9 +109,6 @@ TEST(TraceStream, FormatsEachItem) {
        "-0002.5"},
       // Wide text as UTF-8, width in UTF-16 units.
       {"ascii", [](TraceStream& s) { s << std::u16string_view(u"skip file "); }, "skip file "},
-      {"two-byte", [](TraceStream& s) { s << u"\u00e9t\u00e9"; }, "\xc3\xa9t\xc3\xa9"},
-      {"three-byte", [](TraceStream& s) { s << u"\u20ac"; }, "\xe2\x82\xac"},
-      {"surrogate pair", [](TraceStream& s) { s << u"\U0001F600"; }, "\xf0\x9f\x98\x80"},
       {"framework string", [](TraceStream& s) { s << zel::wstring_t(u"/opt/\u00e9") << '|'; }, "/opt/\xc3\xa9|"},
       {"std::u16string", [](TraceStream& s) { s << std::u16string(u"ab"); }, "ab"},
       {"null pointer", [](TraceStream& s) { s << static_cast<const char16_t*>(nullptr); }, "(null)"},
