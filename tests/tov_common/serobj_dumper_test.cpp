@@ -15,19 +15,12 @@ std::string Text(const zel::string_t& s) { return std::string(s.view()); }
 
 class SerObjDumperTest : public ::testing::Test {
  protected:
-  void TearDown() override {
-    for (zel::iid_t iid : {zel::ITracer::iid, zel::IMetaInfoProvider::iid, zel::IStorageSerializer2::iid,
-                           zel::IXmlStorageFactory::iid}) {
-      locator.Remove(iid);
-    }
-  }
-
-  host::ServiceLocator locator;
   host::CollectingTracer tracer;
   testsupport::FakeMetaInfoProvider provider;
   testsupport::FakeStorageSerializer2 storage;
   testsupport::FakeXmlStorageFactory factory;
   tov::RuntimeField field;
+  host::ServiceLocator locator;  // last: it lets go of the services above first
 };
 
 struct SmallId {
