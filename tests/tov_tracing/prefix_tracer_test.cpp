@@ -270,8 +270,6 @@ TEST(TracerProvider, TracesWithTheClassNameUpToTheLiveHostLimit) {
   EXPECT_THROW(Traced{&empty}, zel::CheckResultFailedException);
 }
 
-// ---- trace handles ----------------------------------------------------------------
-
 TEST(TraceHandle, LevelAboveTheLiveLimitNeverReachesTheTracer) {
   Host host;
   host.tracer.ExposeLevelLimit(700);

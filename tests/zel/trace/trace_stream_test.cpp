@@ -137,8 +137,6 @@ TEST(TraceStream, FormatsEachItem) {
   EXPECT_EQ(Render([](TraceStream& s) { s << -1.7976931348623157e308; }).size(), 1u + 309u + 7u);
 }
 
-// ---- growth and loss --------------------------------------------------------------
-
 // Each row writes one line opened at level 700; growth is asked for at 1000,
 // and a refused growth loses the text but never the line's bookkeeping.
 TEST(TraceStreamGrowth, GrowsAtLevel1000OrLosesTheText) {
@@ -203,8 +201,6 @@ TEST(TraceStreamGrowth, GrowsAtLevel1000OrLosesTheText) {
   }
 }
 
-// ---- TraceTest / TraceFlush ---------------------------------------------------------
-
 // Grants nothing but says yes: a tracer that must not be trusted blindly.
 class SaysYesGivesNothing final : public host::OwnedObject<SaysYesGivesNothing, zel::ITracer> {
  public:
@@ -238,8 +234,6 @@ TEST(TraceTest, AnswersNoWithoutALineAndFlushesAGrantedOneOnce) {
   EXPECT_EQ(record.buffer, nullptr);
   EXPECT_EQ(stream.buffer(), nullptr);
 }
-
-// ---- the trace-site macro -------------------------------------------------------------
 
 int g_evaluated = 0;
 const char* Evaluated() {
