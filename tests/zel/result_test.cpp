@@ -20,9 +20,7 @@ TEST(ResultText, FrameworkAndPlatformTables) {
     const char* text;
   } rows[] = {
       {0x00000000, "No error"},
-      {0x00000001, "False"},
       {0x80000001, "Interface not supported"},
-      {0x80000046, "Invalid argument"},
       {0x8000007A, "Trace level prohibited"},
       {0x80000152, "Exception with successful result code"},
       {0x80000313, "DateTime syntax error"},
