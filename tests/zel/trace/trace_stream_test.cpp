@@ -253,7 +253,6 @@ TEST(TraceMacro, BehavesAsOneStatement) {
   EXPECT_EQ(tracer.AllocLineCount(), 1u);  // the refused line cost one call
 
   ZEL_TRACE(&tracer, 800) << "Start" << "() " << 5;
-  EXPECT_EQ(tracer.CommitLineCount(), 1u);
   ZEL_TRACE(&tracer, 300) << "second";
   const auto lines = tracer.Lines();
   ASSERT_EQ(lines.size(), 2u);
