@@ -38,9 +38,8 @@ class FakeBinarySerializer final : public StackService<FakeBinarySerializer, zel
   std::vector<unsigned char> lastInput;
   const void* lastObject = nullptr;
 
-  zel::result_t GetSerializedSize(const zel::anydescrptr&, std::uint32_t& len, zel::SerializationMode) override {
-    len = static_cast<std::uint32_t>(output.size());
-    return 0;
+  zel::result_t GetSerializedSize(const zel::anydescrptr&, std::uint32_t&, zel::SerializationMode) override {
+    return zel::result::NotImplemented;
   }
   zel::result_t Serialize(const zel::anydescrptr& data, zel::IAllocator* alloc, unsigned char** ptr,
                           std::uint32_t& len, zel::SerializationMode) override {

@@ -15,41 +15,19 @@ std::string Text(const zel::string_t& s) { return std::string(s.view()); }
 
 class SerObjDumperTest : public ::testing::Test {
  protected:
-  void TearDown() override {
-    for (zel::iid_t iid : {zel::ITracer::iid, zel::IMetaInfoProvider::iid, zel::IStorageSerializer2::iid,
-                           zel::IXmlStorageFactory::iid}) {
-      locator.Remove(iid);
-    }
-  }
-  void Provide() {
-    provider.known = zel::StaticTypeDescriptor<tov::RuntimeField>::Get();
-    locator.Register<zel::ITracer>(&tracer);
-    locator.Register(&provider);
-    locator.Register(&storage);
-    locator.Register(&factory);
-  }
-
-  host::ServiceLocator locator;
   host::CollectingTracer tracer;
   testsupport::FakeMetaInfoProvider provider;
   testsupport::FakeStorageSerializer2 storage;
   testsupport::FakeXmlStorageFactory factory;
   tov::RuntimeField field;
+  host::ServiceLocator locator;  // last: it lets go of the services above first
 };
-
-TEST_F(SerObjDumperTest, DumpIsTheStructuredText) {
-  Provide();
-  factory.document = "<root><name>-1</name></root>";
-  const tov::SerObjDump<tov::RuntimeField> dump(&locator, &field);
-  EXPECT_EQ(Text(dump.Text()), "<root><name>-1</name></root>");
-  EXPECT_EQ(dump.Text().c_str()[dump.Text().size()], '\0');
-}
 
 struct SmallId {
   static constexpr std::uint32_t SerId = 0x0000ABCD;
 };
 
-TEST_F(SerObjDumperTest, FailedDumpsGiveTheExceptionText) {
+TEST_F(SerObjDumperTest, DumpIsTheStructuredTextOrTheExceptionText) {
   const std::string head = "cannot dump name=tov::RuntimeField serid=0xd1345cf5 exception: ";
   const std::string noLookup = Text(tov::SerObjDump<tov::RuntimeField>(&locator, &field).Text());
   ASSERT_EQ(noLookup.rfind(head, 0), 0u) << noLookup;
@@ -65,7 +43,16 @@ TEST_F(SerObjDumperTest, FailedDumpsGiveTheExceptionText) {
   const std::string smallText = Text(tov::SerObjDump<SmallId>(&locator, &small).Text());
   EXPECT_NE(smallText.find("serid=0xabcd exception: "), std::string::npos) << smallText;
 
-  Provide();
+  provider.known = zel::StaticTypeDescriptor<tov::RuntimeField>::Get();
+  locator.Register<zel::ITracer>(&tracer);
+  locator.Register(&provider);
+  locator.Register(&storage);
+  locator.Register(&factory);
+  factory.document = "<root><name>-1</name></root>";
+  const tov::SerObjDump<tov::RuntimeField> dump(&locator, &field);
+  EXPECT_EQ(Text(dump.Text()), "<root><name>-1</name></root>");
+  EXPECT_EQ(dump.Text().c_str()[dump.Text().size()], '\0');
+
   storage.serializeResult = testsupport::kFakeFailure;
   const std::string failed = Text(tov::SerObjDump<tov::RuntimeField>(&locator, &field).Text());
   EXPECT_EQ(failed.rfind(head, 0), 0u) << failed;

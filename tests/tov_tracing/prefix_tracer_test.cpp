@@ -76,7 +76,6 @@ TEST(PrefixTracer, LevelLimitAppliesAtLineOpeningOnly) {
   EXPECT_EQ(tracer->AllocLine(801, &record, 512), zel::result::NotMatched);
   EXPECT_EQ(record.buffer, nullptr);
   EXPECT_EQ(host.tracer.AllocLineCount(), 0u);  // refused without asking the host
-  EXPECT_FALSE(Trace(tracer.Get(), 801, "no"));
   EXPECT_TRUE(Trace(tracer.Get(), 800, "yes"));
 
   // A line opened within the limit keeps growing after the limit drops.
@@ -103,30 +102,26 @@ TEST(PrefixTracer, LevelLimitAppliesAtLineOpeningOnly) {
             (std::vector<std::string>{"Cls::yes", "Cls::" + std::string(700, 'g'), "Cls::raised"}));
 }
 
-TEST(PrefixTracer, WithoutHostLimitEverythingUpTo1000Passes) {
-  Host host;  // the collecting tracer does not offer its limit by default
-  RefPtr<zel::ITracer> tracer = Make(host.locator, "Cls");
-  for (std::uint32_t level : {300u, 800u, 1000u}) EXPECT_TRUE(Trace(tracer.Get(), level, "x")) << level;
-  TraceRecord record;
-  EXPECT_EQ(tracer->AllocLine(1001, &record, 512), zel::result::NotMatched);
-}
-
+// Without a limit from the host every level up to 1000 passes.
 TEST(PrefixTracer, PrefixIsWrittenOnceInFrontOfTheText) {
   struct Row {
     std::size_t textBytes;
+    std::uint32_t level;
     std::vector<std::uint64_t> hostSizes;  // open, then each growth
   } rows[] = {
-      {0, {512 + 5}},
-      {512, {512 + 5}},
-      {513, {512 + 5, 1024 + 5}},
-      {3000, {512 + 5, 3000 + 5}},
+      {0, 300, {512 + 5}},
+      {512, 1000, {512 + 5}},
+      {513, 800, {512 + 5, 1024 + 5}},
+      {3000, 800, {512 + 5, 3000 + 5}},
   };
   for (const Row& row : rows) {
-    Host host;
+    Host host;  // the collecting tracer does not offer its limit by default
     RefPtr<zel::ITracer> tracer = Make(host.locator, "Cls");
+    TraceRecord record;
+    EXPECT_EQ(tracer->AllocLine(1001, &record, 512), zel::result::NotMatched);
     std::string text;
     for (std::size_t i = 0; i < row.textBytes; ++i) text += static_cast<char>('a' + i % 26);
-    ASSERT_TRUE(Trace(tracer.Get(), 800, text));
+    ASSERT_TRUE(Trace(tracer.Get(), row.level, text));
     EXPECT_EQ(host.tracer.Texts(), std::vector<std::string>{"Cls::" + text}) << row.textBytes;
     std::vector<std::uint64_t> sizes;
     for (const auto& call : host.tracer.AllocCalls()) sizes.push_back(call.size);
@@ -241,7 +236,6 @@ TEST(PrefixTracer, HoldsTracerAndModuleLockForItsLifeAndThrowsWithoutATracer) {
       Make(*locator, "Cls");
       ADD_FAILURE() << "no exception";
     } catch (const zel::CheckResultFailedException& e) {
-      EXPECT_EQ(e.GetText(), "Expression failed");
       EXPECT_EQ(zel::GetResult(e), result);
     }
   }
@@ -274,8 +268,6 @@ TEST(TracerProvider, TracesWithTheClassNameUpToTheLiveHostLimit) {
   host::ServiceLocator empty;
   EXPECT_THROW(Traced{&empty}, zel::CheckResultFailedException);
 }
-
-// ---- trace handles ----------------------------------------------------------------
 
 TEST(TraceHandle, LevelAboveTheLiveLimitNeverReachesTheTracer) {
   Host host;

@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -135,14 +137,9 @@ TEST_F(FileSystemTest, CloseOnExecSetAndCleared) {
 }
 
 std::string ReadAll(const std::string& path) {
-  std::string out;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return "<missing>";
-  char buf[256];
-  ssize_t n;
-  while ((n = ::read(fd, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
-  ::close(fd);
-  return out;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "<missing>";
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 TEST_F(FileSystemTest, WriteFileAtomicallyReplacesTheFile) {

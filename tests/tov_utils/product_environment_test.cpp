@@ -16,8 +16,8 @@ using tools::InstallState;
 
 class InstallStateTest : public ::testing::Test {
  protected:
-  void Link(const char* name, const std::string& target) {
-    ASSERT_EQ(::symlink(target.c_str(), (dir / name).c_str()), 0);
+  static void Link(const testsupport::TempDir& in, const char* name, const std::string& target) {
+    ASSERT_EQ(::symlink(target.c_str(), (in / name).c_str()), 0);
   }
   testsupport::TempDir dir;
 };
@@ -46,13 +46,10 @@ TEST_F(InstallStateTest, EveryStateFromItsLinks) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     testsupport::TempDir state;
-    auto link = [&](const char* name, const char* target) {
-      ASSERT_EQ(::symlink(target, (state / name).c_str()), 0);
-    };
-    if (c.current) link("install-current", "/opt/tessarine/vorn/1.0");
-    if (c.upgrade) link("install-upgrade", "/opt/tessarine/vorn/2.0");
-    if (c.previous) link("install-previous", c.samePreviousTarget ? "/opt/tessarine/vorn/1.0" : "/opt/tessarine/vorn/0.9");
-    if (c.failed) link("install-failed", "/opt/tessarine/vorn/2.0");
+    if (c.current) Link(state, "install-current", "/opt/1.0");
+    if (c.upgrade) Link(state, "install-upgrade", "/opt/2.0");
+    if (c.previous) Link(state, "install-previous", c.samePreviousTarget ? "/opt/1.0" : "/opt/0.9");
+    if (c.failed) Link(state, "install-failed", "/opt/2.0");
     if (c.upgradeIni) testsupport::WriteFile(state / "upgrade.ini", "Version=2.0\n");
     EXPECT_EQ(tools::GetInstallState(state.path()), c.expected);
   }
@@ -62,22 +59,22 @@ TEST_F(InstallStateTest, PlainFilesAreNotLinks) {
   testsupport::WriteFile(dir / "install-current");
   EXPECT_EQ(tools::GetInstallState(dir.path()), InstallState::Unknown);
   ::unlink((dir / "install-current").c_str());
-  Link("install-current", "/x");
+  Link(dir, "install-current", "/x");
   testsupport::MakeDir(dir / "install-failed");  // a directory, not a link: ignored
   EXPECT_EQ(tools::GetInstallState(dir.path()), InstallState::Plain);
 }
 
 TEST_F(InstallStateTest, TargetsDifferingOnlyInLengthAreDifferent) {
-  Link("install-current", "/opt/a");
-  Link("install-previous", "/opt/a/");
-  Link("install-failed", "/opt/b");
+  Link(dir, "install-current", "/opt/a");
+  Link(dir, "install-previous", "/opt/a/");
+  Link(dir, "install-failed", "/opt/b");
   EXPECT_EQ(tools::GetInstallState(dir.path()), InstallState::FailedWithPrevious);
 }
 
 TEST_F(InstallStateTest, ContainerMarker) {
   EXPECT_FALSE(tools::IsInsideContainer(dir.path()));
   testsupport::MakeDir(dir / "private");
-  ASSERT_EQ(::symlink("/nowhere", (dir / "private/.containerenv").c_str()), 0);
+  Link(dir, "private/.containerenv", "/nowhere");
   EXPECT_TRUE(tools::IsInsideContainer(dir.path())) << "a dangling link still marks";
 }
 

@@ -38,10 +38,12 @@ Counter Stored(host::ServiceManager& store) {
 
 class UpdateServiceSettingsSyncTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(m_store.Open(":memory:"), 0);
-    m_store.RegisterTrivialCodec<Counter>(Counter::SerId);
-    m_locator.Register<IServiceManager>(&m_store);
+  void SetUp() override { OpenStore(m_store, m_locator); }
+
+  static void OpenStore(host::ServiceManager& store, host::ServiceLocator& locator) {
+    ASSERT_EQ(store.Open(":memory:"), 0);
+    store.RegisterTrivialCodec<Counter>(Counter::SerId);
+    locator.Register<IServiceManager>(&store);
   }
 
   zel::result_t Run(auto modifier) {
@@ -75,6 +77,13 @@ TEST_F(UpdateServiceSettingsSyncTest, UnchangedRecordIsNeitherWrittenNorFlushed)
   EXPECT_EQ(m_tracer.Texts(), (std::vector<std::string>{kEnter, "UpdateServiceSettingsSync() <- 0x00000001 (False) "}));
   EXPECT_EQ(m_tracer.OutstandingRefs(), 0);
   EXPECT_EQ(m_store.OutstandingRefs(), 1);  // the locator's own
+
+  // No text is built for unwanted levels.
+  m_tracer.Clear();
+  m_tracer.SetLevelFilter(700);
+  EXPECT_EQ(Run([](Counter&) { return false; }), 1);
+  EXPECT_TRUE(m_tracer.Texts().empty());
+  EXPECT_EQ(m_tracer.OpenLines(), 0u);
 }
 
 TEST_F(UpdateServiceSettingsSyncTest, StaleRevisionsRestartFromAFreshRecord) {
@@ -94,6 +103,12 @@ TEST_F(UpdateServiceSettingsSyncTest, StaleRevisionsRestartFromAFreshRecord) {
   EXPECT_EQ(Stored(m_store).value, 11u);
   EXPECT_EQ(m_tracer.Texts(),
             (std::vector<std::string>{kEnter, "UpdateServiceSettingsSync() <- 0x00000000 (No error) "}));
+
+  // A modifier's exception passes through with every reference released and nothing written.
+  EXPECT_THROW(Run([](Counter&) -> bool { throw std::runtime_error("boom"); }), std::runtime_error);
+  EXPECT_EQ(m_tracer.OutstandingRefs(), 0);
+  EXPECT_EQ(m_store.OutstandingRefs(), 1);
+  EXPECT_EQ(m_store.Writes(), 3u);
 }
 
 TEST_F(UpdateServiceSettingsSyncTest, NothingStoredStartsFromDefaultsAndAWriterInBetweenIsKept) {
@@ -146,10 +161,8 @@ TEST_F(UpdateServiceSettingsSyncTest, FailuresAreLoggedAtTheirSiteAndReturned) {
   for (const FailureCase& c : cases) {
     SCOPED_TRACE(c.name);
     host::ServiceManager store;
-    ASSERT_EQ(store.Open(":memory:"), 0);
-    store.RegisterTrivialCodec<Counter>(Counter::SerId);
     host::ServiceLocator locator;
-    locator.Register<IServiceManager>(&store);
+    OpenStore(store, locator);
     host::CollectingTracer tracer;
     c.inject(store, locator);
     int calls = 0;
@@ -169,20 +182,6 @@ TEST_F(UpdateServiceSettingsSyncTest, FailuresAreLoggedAtTheirSiteAndReturned) {
     EXPECT_EQ(lines[1].text, c.line);
     EXPECT_EQ(Stored(store).value, c.stored);
   }
-}
-
-TEST_F(UpdateServiceSettingsSyncTest, ModifierExceptionPassesWithReferencesReleased) {
-  EXPECT_THROW(Run([](Counter&) -> bool { throw std::runtime_error("boom"); }), std::runtime_error);
-  EXPECT_EQ(m_tracer.OutstandingRefs(), 0);
-  EXPECT_EQ(m_store.OutstandingRefs(), 1);
-  EXPECT_EQ(m_store.Writes(), 0u);
-}
-
-TEST_F(UpdateServiceSettingsSyncTest, NoTextIsBuiltForUnwantedLevels) {
-  m_tracer.SetLevelFilter(700);
-  EXPECT_EQ(Run([](Counter&) { return false; }), 1);
-  EXPECT_TRUE(m_tracer.Texts().empty());
-  EXPECT_EQ(m_tracer.OpenLines(), 0u);
 }
 
 // The host's store, with a descriptor reference handed out at each read, as

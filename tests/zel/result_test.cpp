@@ -20,9 +20,7 @@ TEST(ResultText, FrameworkAndPlatformTables) {
     const char* text;
   } rows[] = {
       {0x00000000, "No error"},
-      {0x00000001, "False"},
       {0x80000001, "Interface not supported"},
-      {0x80000046, "Invalid argument"},
       {0x8000007A, "Trace level prohibited"},
       {0x80000152, "Exception with successful result code"},
       {0x80000313, "DateTime syntax error"},
@@ -39,7 +37,6 @@ TEST(ResultText, FrameworkAndPlatformTables) {
       {0x00010100, "Unknown result code"},  // facility 1 with bit 31 clear
       {0x800000C2, "Unknown result code"},
       {0xAD280004, "Unknown result code"},
-      {0x80060003, "Unknown result code"},
   };
   for (const auto& row : rows) {
     auto t = zel::PlatformResultCodeText(static_cast<result_t>(row.value));
@@ -73,12 +70,9 @@ TEST(ResultFromErrno, WholeTable) {
 
 TEST(ResultFormat, PrintedForm) {
   EXPECT_EQ(Printed(0x1), "0x00000001 (False)");
-  EXPECT_TRUE(ZEL_SUCCEEDED(1));
-  EXPECT_EQ(Printed(0), "0x00000000 (No error)");
   EXPECT_EQ(Printed(zel::result::InvalidArgument), "0x80000046 (Invalid argument)");
   EXPECT_EQ(Printed(zel::ResultFromErrno(3)), "0x80060003 (Unknown result code)");
   EXPECT_EQ(Printed(zel::result::InvalidArgument, nullptr), "0x80000046");
-  EXPECT_EQ(Printed(0x10, nullptr), "0x00000010");
   EXPECT_EQ(Printed(zel::result::CannotOpenAnonymousLevelSecurityToken),
             "0x80010110 (Cannot open an anonymous level security token)");
 }

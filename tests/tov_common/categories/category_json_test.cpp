@@ -57,17 +57,14 @@ TEST(JsonToCategories, DocumentFaultsThenElementFaultsInTheirOrder) {
       {"// list\n[] /* none */\n", "ok 0"},
       {"[ // one\n" + Element("").substr(1), "ok 1"},
       {"{}", "MsgKey 121 src.json"},
-      {"\"text\"", "MsgKey 121 src.json"},
       {"", "MsgKey 121 src.json"},
       {"[1", "MsgKey 121 src.json"},
       {"[{\"Name\":\"a\",}]", "MsgKey 121 src.json"},
       {"[1]", "LogicError"},
-      {"[[]]", "LogicError"},
       // Nesting beyond the parser's stack limit is refused like any bad text.
       {Repeat("[", 1200), "MsgKey 121 src.json"},
       {"[" + Repeat("{\"a\":", 1200), "MsgKey 121 src.json"},
       // Name is fetched first, then GUID.
-      {"[{}]", "MsgMsgKey 323 387 Name"},
       {"[null]", "MsgMsgKey 323 387 Name"},
       {"[{" + good + "}]", "MsgMsgKey 323 387 Name"},
       {"[{\"name\":\"a\"," + good + "}]", "MsgMsgKey 323 387 Name"},
@@ -91,9 +88,7 @@ TEST(JsonToCategories, DocumentFaultsThenElementFaultsInTheirOrder) {
       {Element("\"Include\":[\"(RemovableDrive)\",1]"), "MsgKeyMsg 321 Include 386"},
       {Element("\"Exclude\":[null]"), "MsgKeyMsg 321 Exclude 386"},
       {Element("\"Include\":[\"(ProductVersion == 1)\"]"), "MsgKey 113 (ProductVersion == 1)"},
-      {Element("\"Include\":[\"(FileName  == a)\"]"), "MsgKey 113 (FileName  == a)"},
       {Element("\"Exclude\":[\"x (CommandLine == a)\"]"), "MsgKey 113 x (CommandLine == a)"},
-      {Element("\"Exclude\":[\"(FileMd5Hash == abc)\"]"), "MsgKey 113 (FileMd5Hash == abc)"},
       {Element("\"Include\":[],\"Exclude\":[],\"Description\":\"\""), "ok 1"},
       // A fault in a later element loses the earlier ones too.
       {"[" + Element("").substr(1, Element("").size() - 2) + ",{\"Name\":2}]", "MsgKeyMsg 321 Name 387"},
@@ -158,9 +153,6 @@ TEST(CategoriesToJson, WritesKeysAscendingAndDropsOnlyAnEmptyDescription) {
   list[0].Description = u"d";
   const std::string described = CategoriesToJson(list);
   EXPECT_LT(described.find("\"Description\""), described.find("\"Exclude\""));
-  const CategoryList back = JsonToCategories(env.sl(), CategoriesToJson(list), "s");
-  ASSERT_EQ(back.size(), 1u);
-  EXPECT_TRUE(category_test::SameCategory(back[0], list[0]));
 
   EXPECT_EQ(CategoriesToJson(CategoryList()), "[]");
 

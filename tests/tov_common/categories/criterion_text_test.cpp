@@ -18,8 +18,6 @@ using tov::tools::BuildCategoryExpression;
 using tov::tools::CategoryCriterionToText;
 using tov::tools::ParseCategoryCriterion;
 
-// ---- ids ---------------------------------------------------------------------
-
 TEST(CategoryIdText, CanonicalAndCompactFormsKeepStorageOrderAndOnlyHexReadsBack) {
   EXPECT_EQ(tov::tools::CategoryIdToText(GoldenImageCategoryId), u"eac00500-0000-0000-0000-000000000000");
   EXPECT_EQ(tov::tools::GoldenImageCategoryIdText(), u"eac00500-0000-0000-0000-000000000000");
@@ -40,8 +38,6 @@ TEST(CategoryIdText, CanonicalAndCompactFormsKeepStorageOrderAndOnlyHexReadsBack
     EXPECT_EQ(id, GoldenImageCategoryId) << "output touched for " << bad;
   }
 }
-
-// ---- the grammar -------------------------------------------------------------
 
 struct GrammarCase {
   const char* text;
@@ -92,8 +88,6 @@ TEST(ParseCategoryCriterion, ByteGrammar) {
   }
 }
 
-// ---- making expressions ------------------------------------------------------
-
 // Parse, build, print: the printed form, or "" when no expression is made.
 std::string ReadBack(CategoryEnv& env, const std::string& text) {
   std::string label;
@@ -126,13 +120,11 @@ TEST(BuildCategoryExpression, AcceptsAndRejectsByTheFieldTable) {
   EXPECT_EQ(ReadBack(env, "(Category 00112233445566778899AABBCCDDEEFF)"),
             "(Category 00112233445566778899aabbccddeeff)");
   const std::string rejected[] = {"(FileName >= a)",
-                                  "(FileName == )",
                                   "(FileName == a b)",
                                   "(FileName ==)",
                                   "(filename == a)",
                                   "(CommandLine == a)",
                                   "(ServiceName == a)",
-                                  "()",
                                   "(RemovableDrive x)",
                                   "(Category 00112233445566778899aabbccddeef)",
                                   "(Category 00112233445566778899aabbccddeeff x)",
@@ -140,8 +132,6 @@ TEST(BuildCategoryExpression, AcceptsAndRejectsByTheFieldTable) {
                                   "(ProductVersion >= 1.0)",
                                   "(FileVersion == 1)",
                                   "(OsVersion < 5)",
-                                  "(OsVersion bogus 5)",
-                                  "(FileMd5Hash == abc)",
                                   "(FileMd5Hash == " + sha + ")",
                                   "(FileSha256Hash == " + md5 + ")",
                                   "(FileHash == " + md5 + "a)",
@@ -159,11 +149,6 @@ TEST(BuildCategoryExpression, StoresFieldOperationAndValue) {
   EXPECT_EQ(x.field, CategoryFileInfoField::FileSha256Hash);
   EXPECT_EQ(x.operation, CategoryStringOperation::EndsWith);
   EXPECT_EQ(x.value, zel::wstring_t(std::u16string(64, u'b')));
-
-  const zel::anydescrptr s = BuildCategoryExpression(env.sl(), {"RemovableDrive"});
-  ASSERT_TRUE(s.IsValid());
-  EXPECT_EQ(s.descriptor()->serId, 0x26F50648u);
-  EXPECT_EQ(s.get_as<CategoryStorageTypeExpression>()->storageType, 1u);
 }
 
 TEST(BuildCategoryExpression, ServiceAndLocaleFailuresRaise) {
@@ -183,8 +168,6 @@ TEST(BuildCategoryExpression, ServiceAndLocaleFailuresRaise) {
   EXPECT_FALSE(BuildCategoryExpression(env.sl(), {"ProductVersion", "==", "1"}).IsValid());
   EXPECT_FALSE(BuildCategoryExpression(env.sl(), {}).IsValid());
 }
-
-// ---- printing ----------------------------------------------------------------
 
 std::string Print(const zel::anydescrptr& e) {
   std::ostringstream out;
@@ -243,15 +226,10 @@ TEST(CategoryExpressionToText, EveryClassAndTheUnknowns) {
   EXPECT_EQ(Print(zel::anydescrptr(&object, &stranger)), "()");
 }
 
-TEST(CategoryCriterionToText, LabelAndTextTheLocaleCannotNarrow) {
+// A label and its absence are printed by every read-back above.
+TEST(CategoryCriterionToText, TextTheLocaleCannotNarrowIsLeftOut) {
   CategoryEnv env;
   CategoryCriterion c;
-  c.criterionName = u"lbl";
-  c.expression = env.Own(CategoryStorageTypeExpression(1));
-  EXPECT_EQ(CategoryCriterionToText(c), "lbl (RemovableDrive)");
-  c.criterionName = u"";
-  EXPECT_EQ(CategoryCriterionToText(c), "(RemovableDrive)");
-
   // The "C" locale can't narrow U+00E9: such a text is left out, the rest stays.
   c.criterionName = u"caf\u00e9";
   c.expression =

@@ -103,6 +103,7 @@ TEST_F(FlavourTest, FailedConstructionLeavesNothing) {
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].level, 300u);
   EXPECT_EQ(lines[0].text, "Exception during object construction:  no room for the thing");
+  EXPECT_EQ(tracer.OutstandingRefs(), 1);  // the conversion let go of the tracer it asked for
 
   // A failed FinalConstruct destroys the object and gives its code.
   LocatedThing::throwInConstructor = false;

@@ -150,10 +150,11 @@ TEST(AnyDescrPtrTest, CopyRules) {
 }
 
 TEST(TypeLookup, ProviderFirstThenRegistryThenTexts) {
-  host::ServiceLocator locator;
   testsupport::FakeMetaInfoProvider provider;
   testsupport::FakeMetaInfoProvider behindRegistry;  // what the host's registry asks on a miss
   const zel::RefPtr<host::MetaInfoProvider> registry = host::MetaInfoProvider::Create();
+  host::CountingAllocator alloc;
+  host::ServiceLocator locator;  // last: it lets go of the services above first
 
   // Neither interface.
   try {
@@ -192,7 +193,6 @@ TEST(TypeLookup, ProviderFirstThenRegistryThenTexts) {
 
   // Owning needs the locator's allocator.
   EXPECT_THROW(zel::make_owning_anydescrptr(&locator, value), zel::GetInterfaceException);
-  host::CountingAllocator alloc;
   locator.Register(&alloc);
   {
     const zel::anydescrptr owned = zel::make_owning_anydescrptr(&locator, value);
@@ -200,9 +200,6 @@ TEST(TypeLookup, ProviderFirstThenRegistryThenTexts) {
     EXPECT_EQ(alloc.LiveBlocks(), 1);
   }
   EXPECT_EQ(alloc.LiveBlocks(), 0);
-  locator.Remove(zel::IAllocator::iid);
-  locator.Remove(zel::IMetaInfoProvider::iid);
-  locator.Remove(zel::IStructMetaInfoRegistry::iid);
 }
 
 }  // namespace

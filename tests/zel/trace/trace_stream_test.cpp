@@ -58,10 +58,9 @@ TEST(TraceStream, FormatsEachItem) {
       {"uint64 max", [](TraceStream& s) { s << std::numeric_limits<std::uint64_t>::max(); }, "18446744073709551615"},
       {"int8 is a number", [](TraceStream& s) { s << std::int8_t{-1} << ' ' << std::uint8_t{200}; }, "-1 200"},
       {"short and long", [](TraceStream& s) { s << short{-7} << 8L << 9ULL; }, "-789"},
-      {"hex", [](TraceStream& s) { s << hex << 255u; }, "ff"},
+      {"hex unsigned", [](TraceStream& s) { s << hex << 255u; }, "ff"},
       {"hex showbase", [](TraceStream& s) { s << hex << showbase << 255; }, "0xff"},
       {"oct showbase", [](TraceStream& s) { s << oct << showbase << 8; }, "010"},
-      {"oct", [](TraceStream& s) { s << oct << 64; }, "100"},
       {"hex negative int32 shows its bits", [](TraceStream& s) { s << hex << -1; }, "ffffffff"},
       {"hex negative int16", [](TraceStream& s) { s << hex << std::int16_t{-1}; }, "ffff"},
       {"hex negative int8", [](TraceStream& s) { s << hex << std::int8_t{-2}; }, "fe"},
@@ -73,7 +72,6 @@ TEST(TraceStream, FormatsEachItem) {
       // Width, fill and adjustment.
       {"right by default", [](TraceStream& s) { s << setw(6) << 42; }, "    42"},
       {"left", [](TraceStream& s) { s << trace::left << setw(6) << 42; }, "42    "},
-      {"right explicit", [](TraceStream& s) { s << trace::right << setw(4) << -5; }, "  -5"},
       {"internal sign", [](TraceStream& s) { s << trace::internal << setfill('0') << setw(6) << -42; }, "-00042"},
       {"internal base",
        [](TraceStream& s) { s << trace::internal << trace::hex << trace::showbase << setfill('0') << setw(8) << 8; },
@@ -90,17 +88,14 @@ TEST(TraceStream, FormatsEachItem) {
       {"optional", [](TraceStream& s) { s << setw(6) << std::optional<int>(); }, "  null"},
       {"write ignores width", [](TraceStream& s) { s << setw(5), s.write("ab", 2), s << 1; }, "ab    1"},
       // Text, bool and optional.
-      {"null text", [](TraceStream& s) { s << static_cast<const char*>(nullptr); }, "(null)"},
       {"padded null", [](TraceStream& s) { s << trace::setw(8) << static_cast<const char*>(nullptr); }, "  (null)"},
       {"known length keeps NUL", [](TraceStream& s) { s << std::string_view("a\0b", 3); }, std::string("a\0b", 3)},
       {"std::string", [](TraceStream& s) { s << std::string("Start") << "() "; }, "Start() "},
       {"bool digits", [](TraceStream& s) { s << true << false; }, "10"},
       {"bool words", [](TraceStream& s) { s << trace::boolalpha << true << ',' << false; }, "true,false"},
-      {"absent", [](TraceStream& s) { s << std::optional<int>(); }, "null"},
       {"present", [](TraceStream& s) { s << std::optional<int>(7) << std::optional<std::string>("x"); }, "7x"},
       // Floats.
       {"default fixed", [](TraceStream& s) { s << 1.5; }, "1.500000"},
-      {"precision", [](TraceStream& s) { s << trace::setprecision(2) << 3.14159; }, "3.14"},
       {"float promotes", [](TraceStream& s) { s << trace::setprecision(1) << 0.25f; }, "0.2"},
       {"scientific", [](TraceStream& s) { s << trace::scientific << 12345.678; }, "1.234568e+04"},
       {"fixed|scientific is fixed", [](TraceStream& s) { s.setf(TraceStream::floatfield), s << 1.5; }, "1.500000"},
@@ -114,9 +109,6 @@ TEST(TraceStream, FormatsEachItem) {
        "-0002.5"},
       // Wide text as UTF-8, width in UTF-16 units.
       {"ascii", [](TraceStream& s) { s << std::u16string_view(u"skip file "); }, "skip file "},
-      {"two-byte", [](TraceStream& s) { s << u"\u00e9t\u00e9"; }, "\xc3\xa9t\xc3\xa9"},
-      {"three-byte", [](TraceStream& s) { s << u"\u20ac"; }, "\xe2\x82\xac"},
-      {"surrogate pair", [](TraceStream& s) { s << u"\U0001F600"; }, "\xf0\x9f\x98\x80"},
       {"framework string", [](TraceStream& s) { s << zel::wstring_t(u"/opt/\u00e9") << '|'; }, "/opt/\xc3\xa9|"},
       {"std::u16string", [](TraceStream& s) { s << std::u16string(u"ab"); }, "ab"},
       {"null pointer", [](TraceStream& s) { s << static_cast<const char16_t*>(nullptr); }, "(null)"},
@@ -144,8 +136,6 @@ TEST(TraceStream, FormatsEachItem) {
   EXPECT_EQ(Render([](TraceStream& s) { s << 1e300; }).size(), 301u + 7u);
   EXPECT_EQ(Render([](TraceStream& s) { s << -1.7976931348623157e308; }).size(), 1u + 309u + 7u);
 }
-
-// ---- growth and loss --------------------------------------------------------------
 
 // Each row writes one line opened at level 700; growth is asked for at 1000,
 // and a refused growth loses the text but never the line's bookkeeping.
@@ -211,8 +201,6 @@ TEST(TraceStreamGrowth, GrowsAtLevel1000OrLosesTheText) {
   }
 }
 
-// ---- TraceTest / TraceFlush ---------------------------------------------------------
-
 // Grants nothing but says yes: a tracer that must not be trusted blindly.
 class SaysYesGivesNothing final : public host::OwnedObject<SaysYesGivesNothing, zel::ITracer> {
  public:
@@ -247,8 +235,6 @@ TEST(TraceTest, AnswersNoWithoutALineAndFlushesAGrantedOneOnce) {
   EXPECT_EQ(stream.buffer(), nullptr);
 }
 
-// ---- the trace-site macro -------------------------------------------------------------
-
 int g_evaluated = 0;
 const char* Evaluated() {
   ++g_evaluated;
@@ -267,7 +253,6 @@ TEST(TraceMacro, BehavesAsOneStatement) {
   EXPECT_EQ(tracer.AllocLineCount(), 1u);  // the refused line cost one call
 
   ZEL_TRACE(&tracer, 800) << "Start" << "() " << 5;
-  EXPECT_EQ(tracer.CommitLineCount(), 1u);
   ZEL_TRACE(&tracer, 300) << "second";
   const auto lines = tracer.Lines();
   ASSERT_EQ(lines.size(), 2u);
