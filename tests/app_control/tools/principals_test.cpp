@@ -115,22 +115,9 @@ TEST(Principals, CoverageWithoutTheSystem) {
 
 // ---- against the system's accounts ---------------------------------------------------
 
-TEST(PrincipalsSystem, RootResolvesAndIsCoveredByItsPrimaryGroup) {
+// Real accounts' resolution and coverage are the scratch accounts' test below.
+TEST(PrincipalsSystem, UnknownNamesAndTheHostDatabasesAnswers) {
   host::Pwdb pwdb;
-  Principal root{}, rootGroup{};
-  ASSERT_EQ(ResolvePrincipal(&pwdb, "root", root), 0);
-  EXPECT_EQ(root.kind, PrincipalKind::User);
-  EXPECT_EQ(root.id, 0u);
-  ASSERT_EQ(ResolvePrincipal(&pwdb, "@root", rootGroup), 0);
-  EXPECT_EQ(rootGroup.kind, PrincipalKind::Group);
-  EXPECT_EQ(rootGroup.id, 0u);
-
-  EXPECT_EQ(IsPrincipalCovered(&pwdb, root, rootGroup), 0);
-  // A group root neither has as primary nor belongs to (on a stock system).
-  std::uint32_t other = 0;
-  ASSERT_EQ(pwdb.GetGroupId("nogroup", &other), 0);
-  EXPECT_EQ(IsPrincipalCovered(&pwdb, root, {PrincipalKind::Group, other}), 1);
-
   Principal missing{};
   EXPECT_EQ(ResolvePrincipal(&pwdb, "no-such-user-for-principals-test", missing), zel::result::NotFound);
   EXPECT_EQ(ResolvePrincipal(&pwdb, "@no-such-group-for-principals-test", missing), zel::result::NotFound);
