@@ -121,7 +121,6 @@ TEST_F(InventoryStorageTest, RecordsAreWrittenAtAddInfoListAndTimestampOnlyAtFlu
     EXPECT_EQ(info.fileName, u"cat");
     EXPECT_EQ(info.ownerGid, -1) << "engine default kept through the store";
     EXPECT_EQ(info.fileSize, 4099u);
-    // Nothing committed before Flush.
     EXPECT_EQ(Committed("7"), "-");
     EXPECT_EQ(Committed("appIdList"), "-");
     EXPECT_EQ(Committed("timestamp"), "-");
@@ -371,7 +370,6 @@ TEST_F(InventoryStorageTest, SpoiltListOrTimestampStartsEmptyAndStillWorks) {
   std::string goodTimestamp(8, '\0');
   goodTimestamp[0] = '\x2a';
   const Case cases[] = {
-      {"nothing stored", "", "", 0, false},
       {"truncated timestamp", "", std::string("\x01\x02\x03", 3), 0, false},
       {"list not XML", "{ not xml", goodTimestamp, 0, true},
       {"good", "", goodTimestamp, 0, false},

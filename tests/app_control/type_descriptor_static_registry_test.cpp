@@ -72,7 +72,6 @@ TEST_F(RegistryTest, AnswersBothInterfacesAsTabled) {
   EXPECT_EQ(provider->FindDescriptor(ApplicationIds::SerId, &d), 0);
   EXPECT_EQ(d, zel::StaticTypeDescriptor<ApplicationIds>::Get());
 
-
   provider.Reset();
   registry.Reset();
   EXPECT_EQ(zel::ModuleLockCount.load(), lockBefore);
