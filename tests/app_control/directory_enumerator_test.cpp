@@ -171,7 +171,6 @@ TEST_F(EnumeratorTest, PathsFarBeyondPathMaxAreReachedAndListed) {
   EXPECT_EQ(w.end, 1);
   EXPECT_EQ(AsSet(w.delivered), (std::set<std::string>{dir / "top", deepest + "/leaf"}));
 
-  // The deep directory itself as the root.
   const WalkResult inner = Walk(deepest);
   EXPECT_EQ(inner.open, 0);
   EXPECT_EQ(AsSet(inner.delivered), (std::set<std::string>{deepest + "/leaf"}));

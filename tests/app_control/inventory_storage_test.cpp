@@ -325,28 +325,23 @@ TEST_F(InventoryStorageTest, UnreadableStoredDataGivesWhatCanBeRead) {
   // Write a healthy inventory, then spoil parts of it behind its back.
   {
     Inventory inv = Open();
-    for (tov::ApplicationId id : {1u, 2u, 3u}) ASSERT_EQ(inv.writer->AddInfo(App(id, u"f")), 0);
+    for (tov::ApplicationId id : {1u, 2u}) ASSERT_EQ(inv.writer->AddInfo(App(id, u"f")), 0);
     ASSERT_EQ(inv.writer->Flush(), 0);
   }
+  // How the record fails to parse is the serialiser's business.
   ASSERT_EQ(host.store.SetValue(Key("2"), Val("<root><id>2</id><fileName>unterminated")), 0);
-  ASSERT_EQ(host.store.SetValue(Key("3"), Val(std::string("\x00\x01\x02garbage", 10))), 0);
   ASSERT_EQ(host.store.Commit(), 0);
-  host.tracer.Clear();
 
   Inventory inv = Open();
   tov::ApplicationInfo info;
   EXPECT_EQ(inv.reader->GetApplicationInfo(1, info), 0);
   EXPECT_EQ(info.id, 1u);
-  for (tov::ApplicationId bad : {2u, 3u}) {
-    SCOPED_TRACE(bad);
-    host.tracer.Clear();
-    tov::ApplicationInfo out = App(77, u"untouched");
-    EXPECT_LT(inv.reader->GetApplicationInfo(bad, out), 0);
-    EXPECT_EQ(out.id, 77u);
-    const auto failures = host.Failures();
-    ASSERT_FALSE(failures.empty());
-    EXPECT_THAT(failures.back(), HasSubstr("(LoadValue(MakeNodeName(id), info))"));
-  }
+  host.tracer.Clear();
+  info = App(77, u"untouched");
+  EXPECT_LT(inv.reader->GetApplicationInfo(2, info), 0);
+  EXPECT_EQ(info.id, 77u);
+  ASSERT_FALSE(host.Failures().empty());
+  EXPECT_THAT(host.Failures().back(), HasSubstr("(LoadValue(MakeNodeName(id), info))"));
   EXPECT_EQ(inv.reader->GetApplicationInfo(4, info), zel::result::NotFound);
 
   // One bad record fails the whole list, which stays as it was.
@@ -523,8 +518,6 @@ std::int64_t RowCount(const std::string& path) {
 
 TEST_F(InventoryStorageTest, AKilledWriterLeavesACompleteInventoryOrTheClearedOne) {
   std::mt19937 random(std::random_device{}());
-  int complete = 0;
-  int cleared = 0;
   for (int round = 0; round < 6; ++round) {
     SCOPED_TRACE(round);
     host.store.Close();
@@ -547,21 +540,17 @@ TEST_F(InventoryStorageTest, AKilledWriterLeavesACompleteInventoryOrTheClearedOn
     tov::ApplicationList list;
     ASSERT_EQ(inv.reader->GetApplicationList(list), 0) << "every listed id has its record";
     if (list.list.empty()) {
-      ++cleared;
       EXPECT_FALSE(hasList);
       EXPECT_EQ(list.timestamp, 0u);
       EXPECT_EQ(RowCount(path), hasList ? 2 : 0) << "no record outside the list";
       continue;
     }
-    ++complete;
     EXPECT_NE(list.timestamp, 0u);
     std::string why;
     EXPECT_TRUE(IsCommittedInventory(list, why)) << why;
     EXPECT_EQ(RowCount(path), static_cast<std::int64_t>(list.list.size()) + 2) << "no record outside the list";
     inv = {};
   }
-  RecordProperty("complete", complete);
-  RecordProperty("cleared", cleared);
 }
 
 }  // namespace
