@@ -163,7 +163,6 @@ TEST_F(InventoryStorageTest, PagingThroughTheIds) {
       {4, 100, 0, {14}},            // clipped at the end
       {2, 0, 0, {}},                // nothing asked, still inside
       {5, 1, 1, {}},                // at the end
-      {6, 1, 1, {}},                // past it
       {UINT64_MAX, UINT64_MAX, 1, {}},
       {1, UINT64_MAX, 0, {11, 12, 13, 14}},
   };
