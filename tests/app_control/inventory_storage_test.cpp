@@ -181,7 +181,6 @@ TEST_F(InventoryStorageTest, CategoryNamesFromTheControllerSettings) {
   const app_ctrl::CategoryId browsers{{0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0, 1, 2, 3, 4, 5, 6, 7, 8}};
   const std::u16string browsersText(tov::tools::CategoryIdToText(browsers).view());
   const std::u16string golden(tov::tools::GoldenImageCategoryIdText().view());
-  ASSERT_EQ(browsersText, u"12345678-9abc-def0-0102-030405060708");
   auto category = [](app_ctrl::CategoryId id, std::u16string_view name) {
     app_ctrl::Category c;
     c.GUID = id;
