@@ -162,8 +162,8 @@ TEST_F(AppControlTaskTest, StartTurnsReputationOffSubscribesThenStartsTheEngineA
   EXPECT_EQ(task->Stop(), kFailure);
   EXPECT_THAT(journal.Take(),
               ElementsAre("engine.Pause", "engine.Resume", "engine.Pause", "engine.Resume", "engine.Stop"));
-  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b"));
-  EXPECT_TRUE(Traced("Cannot stop EAC task"));
+  EXPECT_TRUE(Traced("(m_pdkTask->Stop()),(ZEL_SUCCEEDED(_result)) failed: result = 0x8000004b (Unspecified error)"
+                     "Cannot stop EAC task"));
   EXPECT_EQ(subscription.sinks.size(), 1u);
   engineTask.stopResult = 1;
   EXPECT_EQ(task->Stop(), 0);

@@ -3,8 +3,6 @@
 // real one for the system's accounts.
 #include <gtest/gtest.h>
 
-#include <grp.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cstdlib>
