@@ -93,9 +93,9 @@ class DispatcherTest : public testsupport::ModuleFixture {
   zel::RefPtr<IApplicationStartLogEvents> events;
 };
 
-// Every operation reaches every sink in order, a sink subscribed twice
-// twice; Unsubscribe takes one occurrence. Sinks left subscribed at the end
-// are released with the dispatcher (the fixture checks).
+// Every operation reaches every sink in order (one subscribed twice, twice);
+// Unsubscribe takes one occurrence. Sinks left subscribed at the end are
+// released with the dispatcher (the fixture checks).
 TEST_F(DispatcherTest, EachOperationReachesEverySinkInOrderAndUnsubscribeTakesOneOccurrence) {
   EXPECT_LT(subscription->Subscribe(nullptr), 0);
   EXPECT_EQ(events->OnApplicationStartLogged(Arg(1)), 0);
