@@ -15,8 +15,6 @@ using app_ctrl::IApplicationStartLogEventsSubscription;
 using testsupport::IFoo;
 
 constexpr zel::result_t kNoInterface = zel::result::InterfaceNotSupported;
-constexpr zel::result_t kNotImplemented = zel::result::NotImplemented;
-constexpr zel::result_t kClassNotFound = zel::result::ClassNotFound;
 
 using EntryTest = testsupport::ModuleFixture;
 
@@ -26,14 +24,14 @@ TEST_F(EntryTest, UnknownClassesGetTheirEntryPointsOwnCodes) {
   for (std::uint32_t id : {0u, 1u, 0x46DFCF43u}) {
     SCOPED_TRACE(id);
     auto* factory = reinterpret_cast<zel::IObjectFactory*>(0x1);
-    EXPECT_EQ(ac::GetObjectFactory(&locator, id, &factory), kNotImplemented);
+    EXPECT_EQ(ac::GetObjectFactory(&locator, id, &factory), zel::result::NotImplemented);
     EXPECT_EQ(factory, nullptr);
   }
   for (std::uint32_t id : {0u, ac::kAppStartLogEventsDispatcherClassId, ac::kInventoryStorageClassId, 0xDEADBEEFu}) {
     SCOPED_TRACE(id);
     auto* object = reinterpret_cast<zel::IObject*>(0x1);
     void* arguments[2] = {&locator, nullptr};
-    EXPECT_EQ(ac::CreateObject(id, arguments, &object), kClassNotFound);
+    EXPECT_EQ(ac::CreateObject(id, arguments, &object), zel::result::ClassNotFound);
     EXPECT_EQ(object, reinterpret_cast<zel::IObject*>(0x1));
   }
   ExpectAllReturned();

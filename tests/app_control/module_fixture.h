@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <string>
 
 #include "app_control/module_entry.h"
 #include "support/services_fixture.h"
@@ -28,6 +30,12 @@ class ModuleFixture : public ServicesFixture {
     if (!factory) return nullptr;
     EXPECT_EQ(factory->CreateInstance(&locator, I::iid, &out), 0);
     return zel::RefPtr<I>::Adopt(static_cast<I*>(out));
+  }
+
+  // Some traced line holds `text`.
+  bool Traced(const std::string& text) {
+    const auto texts = tracer.Texts();
+    return std::any_of(texts.begin(), texts.end(), [&](const std::string& t) { return t.find(text) != t.npos; });
   }
 };
 

@@ -57,21 +57,17 @@ TEST_F(RegistryTest, AnswersBothInterfacesAsTabled) {
   const zel::TypeDescriptor* d = nullptr;
   const zel::TypeDescriptor* sentinel = reinterpret_cast<const zel::TypeDescriptor*>(&p);
   const zel::TypeDescriptor* untouched = sentinel;
-  for (auto find : {+[](zel::IStructMetaInfoRegistry* r, std::uint32_t id, const zel::TypeDescriptor** o) {
-                      return r->FindDescriptor(id, o);
-                    },
-                    +[](zel::IStructMetaInfoRegistry* r, std::uint32_t id, const zel::TypeDescriptor** o) {
-                      return r->FindStructDescriptor(id, o);
-                    }}) {
-    EXPECT_EQ(find(registry.Get(), ApplicationIds::SerId, &d), 0);
-    EXPECT_EQ(d, zel::StaticTypeDescriptor<ApplicationIds>::Get());
-    EXPECT_EQ(find(registry.Get(), 0xD1345CF5, &untouched), kNotFound);
-    EXPECT_EQ(untouched, sentinel);
-  }
+  EXPECT_EQ(registry->FindDescriptor(ApplicationIds::SerId, &d), 0);
+  EXPECT_EQ(d, zel::StaticTypeDescriptor<ApplicationIds>::Get());
+  d = nullptr;
+  EXPECT_EQ(registry->FindStructDescriptor(ApplicationIds::SerId, &d), 0);
+  EXPECT_EQ(d, zel::StaticTypeDescriptor<ApplicationIds>::Get());
+  EXPECT_EQ(registry->FindDescriptor(0xD1345CF5, &untouched), kNotFound);
+  EXPECT_EQ(registry->FindStructDescriptor(0xD1345CF5, &untouched), kNotFound);
+  EXPECT_EQ(untouched, sentinel);
   d = nullptr;
   EXPECT_EQ(provider->FindDescriptor(ApplicationIds::SerId, &d), 0);
   EXPECT_EQ(d, zel::StaticTypeDescriptor<ApplicationIds>::Get());
-
 
   provider.Reset();
   registry.Reset();

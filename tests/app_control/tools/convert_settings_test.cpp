@@ -55,6 +55,11 @@ class ConvertSettingsTest : public ::testing::Test {
     locator.Register<ICategoriesManager>(&categories);
     locator.Register<IPwdb>(&pwdb);
   }
+  ~ConvertSettingsTest() override {
+    // Only the fixture's locator still holds them.
+    EXPECT_EQ(categories.OutstandingRefs(), 1);
+    EXPECT_EQ(pwdb.OutstandingRefs(), 1);
+  }
 
   zel::result_t Convert(EngineRuleList& rules) { return ConvertSettings(&locator, settings, rules); }
 
@@ -187,20 +192,6 @@ TEST_F(ConvertSettingsTest, UsersResolveInOrderAndUnresolvedOnesAreDropped) {
   EXPECT_TRUE(tracer.Lines().empty());  // dropping is not a failure
 }
 
-// Restores the process locale when a test changed it.
-class LocaleGuard {
- public:
-  explicit LocaleGuard(const char* locale) : m_saved(std::setlocale(LC_ALL, nullptr)) {
-    m_ok = std::setlocale(LC_ALL, locale) != nullptr;
-  }
-  ~LocaleGuard() { std::setlocale(LC_ALL, m_saved.c_str()); }
-  bool ok() const { return m_ok; }
-
- private:
-  std::string m_saved;
-  bool m_ok = false;
-};
-
 TEST_F(ConvertSettingsTest, UserNamesAreNarrowedInTheCurrentLocale) {
   categories.Add(Id(1), u"C");
   settings.mode = tov::AppControlMode::AllowList;
@@ -210,27 +201,22 @@ TEST_F(ConvertSettingsTest, UserNamesAreNarrowedInTheCurrentLocale) {
   settings.allowListRules.push_back(std::move(rule));
   pwdb.users = {{"j\xc3\xb6rg", 10}, {"smile\xf0\x9f\x98\x80", 11}};
 
-  {
-    LocaleGuard utf8("C.UTF-8");
-    if (!utf8.ok()) GTEST_SKIP() << "no C.UTF-8 locale";
-    EngineRuleList rules;
-    ASSERT_EQ(Convert(rules), 0);
-    ASSERT_EQ(rules.size(), 1u);
-    ASSERT_EQ(rules[0].users.size(), 2u);
-    EXPECT_EQ(rules[0].users[0].principals[0].principalId, 10u);
-    EXPECT_EQ(rules[0].users[1].principals[0].principalId, 11u);
-  }
-  {
-    // The plain C locale can't express the names: the whole conversion
-    // ends with bad_cast and the caller's rules stay.
-    LocaleGuard plain("C");
-    EngineRuleList rules = Previous();
-    EXPECT_THROW(Convert(rules), std::bad_cast);
-    EXPECT_EQ(Names(rules), (std::vector<std::string>{"previous"}));
-  }
-  // Only the fixture's locator still holds them.
-  EXPECT_EQ(categories.OutstandingRefs(), 1);
-  EXPECT_EQ(pwdb.OutstandingRefs(), 1);
+  // The C locale a program starts in can't express the names: the whole
+  // conversion ends with bad_cast and the caller's rules stay.
+  EngineRuleList previous = Previous();
+  EXPECT_THROW(Convert(previous), std::bad_cast);
+  EXPECT_EQ(Names(previous), (std::vector<std::string>{"previous"}));
+
+  struct RestoreLocale {
+    ~RestoreLocale() { std::setlocale(LC_ALL, "C"); }
+  } restore;
+  if (std::setlocale(LC_ALL, "C.UTF-8") == nullptr) GTEST_SKIP() << "no C.UTF-8 locale";
+  EngineRuleList rules;
+  ASSERT_EQ(Convert(rules), 0);
+  ASSERT_EQ(rules.size(), 1u);
+  ASSERT_EQ(rules[0].users.size(), 2u);
+  EXPECT_EQ(rules[0].users[0].principals[0].principalId, 10u);
+  EXPECT_EQ(rules[0].users[1].principals[0].principalId, 11u);
 }
 
 // A lost service fails with one check line and leaves the rules; without a
@@ -271,9 +257,6 @@ TEST_F(ConvertSettingsTest, ALostServiceFailsWithOneCheckLineAndLeavesTheRules) 
     EXPECT_THAT(lines[0].text, StartsWith("app_control/tools/convert_settings.cpp:"));
     EXPECT_THAT(lines[0].text, EndsWith(c.tail));
   }
-  // Only the fixture's locator still holds them.
-  EXPECT_EQ(categories.OutstandingRefs(), 1);
-  EXPECT_EQ(pwdb.OutstandingRefs(), 1);
 
   tracer.Clear();
   host::ServiceLocator services;

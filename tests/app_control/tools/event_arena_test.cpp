@@ -18,8 +18,9 @@ using tov::app_control::tools::EventArena;
 TEST(EventArenaTest, HandsOutDisjointAlignedBlocksThenFallsBackToTheHeap) {
   const auto arena = EventArena::Create();
   auto* self = static_cast<EventArena*>(arena.Get());
+  const std::size_t sizes[] = {1, 40, 130, 17, 0, 64};
   std::vector<unsigned char*> blocks;
-  for (std::size_t size : {1u, 40u, 130u, 17u, 0u, 64u}) {
+  for (std::size_t size : sizes) {
     auto* p = static_cast<unsigned char*>(arena->Alloc(size));
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % alignof(std::max_align_t), 0u) << size;
@@ -27,7 +28,6 @@ TEST(EventArenaTest, HandsOutDisjointAlignedBlocksThenFallsBackToTheHeap) {
     blocks.push_back(p);
   }
   // Each block still holds what was written into it: none overlapped the next.
-  const std::size_t sizes[] = {1, 40, 130, 17, 0, 64};
   for (std::size_t i = 0; i < blocks.size(); ++i)
     for (std::size_t b = 0; b < sizes[i]; ++b) ASSERT_EQ(blocks[i][b], i) << "block " << i;
   const std::size_t used = self->Used();
