@@ -194,8 +194,6 @@ TEST_F(MatcherTest, RecogniserGetsTheExtensionAndTheStream) {
   EXPECT_TRUE(TracedFormat(path, "unrecognized"));
 }
 
-// ---- extension of a path -------------------------------------------------------------
-
 TEST(ExtensionOf, DotsSlashesAndCase) {
   using app_ctrl::formats::ExtensionOf;
   EXPECT_EQ(ExtensionOf(u"/a/b.tar.gz"), u"gz");
@@ -206,8 +204,6 @@ TEST(ExtensionOf, DotsSlashesAndCase) {
   EXPECT_EQ(ExtensionOf(u"x.JS"), u"JS");
   EXPECT_EQ(ExtensionOf(u""), u"");
 }
-
-// ---- fallback on the extension alone ---------------------------------------------------
 
 TEST_F(MatcherTest, EveryFallbackRowGivesItsFormat) {
   struct Row {
@@ -236,8 +232,6 @@ TEST_F(MatcherTest, EveryFallbackRowGivesItsFormat) {
               0xFFFFFFFFu);
   }
 }
-
-// ---- candidates confirmed by the extension --------------------------------------------------
 
 TEST_F(MatcherTest, EveryConfirmingRowConfirmsAndNothingElseDoes) {
   InventoryFileMatcher matcher = Make(true, true, false);
@@ -333,8 +327,6 @@ TEST_F(MatcherTest, ReleasesEverythingItHeldAndEveryChainElement) {
   EXPECT_EQ(testsupport::RefCountOf(pathFactory->matcher.Get()), 1u);  // the factory's own
   EXPECT_EQ(testsupport::RefCountOf(formatFactory->recognizer.Get()), 1u);
 }
-
-// ---- group switches ------------------------------------------------------------------
 
 TEST_F(MatcherTest, GroupSwitchesDecideRecognisedFormats) {
   struct File_ {

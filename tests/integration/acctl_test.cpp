@@ -15,7 +15,6 @@
 #include <sys/un.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>

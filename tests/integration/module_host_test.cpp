@@ -254,11 +254,9 @@ class FaultSweepTest : public ::testing::Test {
 };
 host::LoadedModule* FaultSweepTest::module = nullptr;
 
-// ---------------------------------------------------------------------------
 // The module file: each export is wired to its own entry point, and the
 // module stays loaded while its objects live (what they do is tested in
 // process)
-// ---------------------------------------------------------------------------
 
 constexpr std::uint32_t kDispatcherClass = 0xA17CCC95;
 
@@ -309,9 +307,7 @@ TEST(ModuleTest, ExportsTheThreeEntryPointsAndUnloadFollowsLivingObjects) {
   EXPECT_TRUE(module.Unload());
 }
 
-// ---------------------------------------------------------------------------
 // (a) the application control task through its whole life
-// ---------------------------------------------------------------------------
 
 tov::settings::AppControlRule Rule(std::u16string_view name, std::u16string_view category, tov::UserAccess access) {
   tov::settings::AppControlRule rule;
@@ -504,9 +500,7 @@ TEST_F(FaultSweepTest, AppControlTaskLifecycle) {
       });
 }
 
-// ---------------------------------------------------------------------------
 // (b) a full scan with GoldenImage add, then the inventory read back
-// ---------------------------------------------------------------------------
 
 constexpr int kPreviousFiles = 4;
 constexpr int kNewFiles = 16;
@@ -738,10 +732,8 @@ TEST_F(FaultSweepTest, InventoryScanWithGoldenImageAndReadBack) {
   Sweep<ScanRun>("inventory scan and read back", *module, static_cast<std::uint64_t>(kNewFiles) * 2, one, check);
 }
 
-// ---------------------------------------------------------------------------
 // (c) with no fault: program starts become their events, also while the
 // host changes, pauses and stops the task
-// ---------------------------------------------------------------------------
 
 class ProgramStartTest : public FaultSweepTest {
  protected:

@@ -6,8 +6,6 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "zel/iobject.h"
 

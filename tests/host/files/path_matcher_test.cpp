@@ -116,24 +116,15 @@ TEST(PathMatcherFactory, RefusesWhatItDoesNotUnderstand) {
     EXPECT_EQ(out, nullptr);
     return r;
   };
-  ScanScopeLists unknownFlag;
-  unknownFlag.scanScopes.push_back(Scope("/usr", {"*"}, true, 0x10));
-  EXPECT_EQ(refused(unknownFlag, {}), zel::result::InvalidArgument);
-
-  ScanScopeLists emptyPath;
-  emptyPath.scanScopes.push_back(Scope("", {"*"}));
-  EXPECT_EQ(refused(emptyPath, {}), zel::result::InvalidArgument);
-
-  ScanScopeLists emptySecondary;
-  emptySecondary.scanScopes.push_back(Scope("/usr", {"*"}));
-  emptySecondary.secondaryScopes.push_back(Secondary("", {"*"}));
-  EXPECT_EQ(refused(emptySecondary, {}), zel::result::InvalidArgument);
-
-  ScanScopeLists valid;
-  valid.scanScopes.push_back(Scope("/usr", {"*"}));
-  PathMatcherOptions badOptions;
-  badOptions.flags = 0x8;
-  EXPECT_EQ(refused(valid, badOptions), zel::result::InvalidArgument);
+  // An unknown scope flag, an empty scope path, an empty secondary path, unknown options.
+  for (int fault = 0; fault < 4; ++fault) {
+    ScanScopeLists scopes;
+    scopes.scanScopes.push_back(Scope(fault == 1 ? "" : "/usr", {"*"}, true, fault == 0 ? 0x10 : 0));
+    if (fault == 2) scopes.secondaryScopes.push_back(Secondary("", {"*"}));
+    PathMatcherOptions options;
+    options.flags = fault == 3 ? 0x8 : 0;
+    EXPECT_EQ(refused(scopes, options), zel::result::InvalidArgument) << "fault " << fault;
+  }
 
   // A disabled scope is not looked at, whatever it holds.
   ScanScopeLists disabledOdd;

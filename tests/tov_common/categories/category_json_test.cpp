@@ -4,7 +4,6 @@
 #include <clocale>
 #include <string>
 #include <typeinfo>
-#include <vector>
 
 #include "category_test_support.h"
 #include "tov_common/categories/category_json.h"

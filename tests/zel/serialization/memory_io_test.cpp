@@ -2,7 +2,6 @@
 // SetSize, the read-only refusals, and the module lock each stream holds.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <limits>
 
 #include "host/services/counting_allocator.h"

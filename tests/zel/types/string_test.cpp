@@ -2,7 +2,6 @@
 // boundaries, growth, length errors and allocator accounting.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <new>
 #include <stdexcept>
 #include <string>
