@@ -231,7 +231,8 @@ ProgramDecision Engine::DecideWithFacts(const ProgramStart& start, FileFacts fac
   info.fileName = Wide(pd.facts.name);
   info.filePath = Wide(pd.facts.path);
   info.userId = Wide(uidText);
-  if (start.pid != 0 && !start.uniqueIdLater) info.processUniqueId = ProcessUniqueId(start.pid, start.ppid, start.pidfdSerial);
+  if (start.pid != 0 && !start.uniqueIdLater)
+    info.processUniqueId = ProcessUniqueId(start.pid, start.ppid, start.pidfdSerial);
   if (pd.decision.ruleIndex >= 0) {
     pd.category.productCategoryName = settings.rules[static_cast<std::size_t>(pd.decision.ruleIndex)].ruleName;
   }
